@@ -1,0 +1,74 @@
+#include "settings.h"
+
+#include "qutils/appsettings.h"
+
+#include <QSettings>
+
+namespace
+{
+
+QString text(const char* key, const QString& fallback)
+{
+    const QSettings settings(qutils::CAppSettings::filePath(), QSettings::IniFormat);
+    const QString value = settings.value(QLatin1String(key)).toString();
+    return value.isEmpty() ? fallback : value;
+}
+
+void store(const char* key, const QVariant& value)
+{
+    QSettings settings(qutils::CAppSettings::filePath(), QSettings::IniFormat);
+    settings.setValue(QLatin1String(key), value);
+    settings.sync();
+}
+
+} // namespace
+
+QDir CSettings::lastAnalyzePath()
+{
+    return QDir(text("lastAnalyzePath", QDir::homePath()));
+}
+
+void CSettings::setLastAnalyzePath(const QDir& folder)
+{
+    store("lastAnalyzePath", folder.absolutePath());
+}
+
+QDir CSettings::lastTeachingPath()
+{
+    return QDir(text("lastTeachingPath", QDir::homePath()));
+}
+
+void CSettings::setLastTeachingPath(const QDir& folder)
+{
+    store("lastTeachingPath", folder.absolutePath());
+}
+
+QFileInfo CSettings::lastRecognizer()
+{
+    return QFileInfo(text("lastRecognizer", QDir::homePath()));
+}
+
+void CSettings::setLastRecognizer(const QFileInfo& file)
+{
+    store("lastRecognizer", file.absoluteFilePath());
+}
+
+bool CSettings::analyzeSubdirs()
+{
+    return qutils::CAppSettings::value(QStringLiteral("analyzeSubdirs"), 0) != 0;
+}
+
+void CSettings::setAnalyzeSubdirs(bool on)
+{
+    qutils::CAppSettings::setValue(QStringLiteral("analyzeSubdirs"), on);
+}
+
+QFileInfo CSettings::lastReport()
+{
+    return QFileInfo(text("lastReport", lastRecognizer().absoluteFilePath()));
+}
+
+void CSettings::setLastReport(const QFileInfo& file)
+{
+    store("lastReport", file.absoluteFilePath());
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QString>
+#include <QVariant>
+
+namespace qutils
+{
+
+// The utility layer's options in "settings.ini" ("Options/…", "Logging/…").
+// Integers and booleans are read as integers (non-zero is on); an absent key,
+// a missing file or an unreadable one gives the default.
+class CAppSettings
+{
+public:
+    enum class EOption
+    {
+        MainAppLogLevel,
+        ScaleFixed,
+        ScaleFactor,
+        FullScreenMode,
+        TempFolder,
+        UpdateParameters,
+        InvokeOnscreenKeyboard,
+        BigButtons,
+        DisableShortcuts,
+        DisableWebLinks,
+    };
+
+    static QString key(EOption option);
+    static QVariant defaultValue(EOption option);
+
+    static int value(const QString& key, int defaultValue);
+    static double doubleValue(const QString& key, double defaultValue);
+    static QString textValue(const QString& key, const QString& defaultValue = QString());
+    static void setValue(const QString& key, const QVariant& value);
+
+    // Typed access through the table of keys and defaults.
+    static int intOption(EOption option);
+    static bool boolOption(EOption option);
+    static double doubleOption(EOption option);
+    static QString textOption(EOption option);
+    static void setOption(EOption option, const QVariant& value);
+
+    // The one settings file both layers share.
+    static QString filePath();
+    // Points the file at another folder (tests); an empty folder restores the
+    // standard configuration location.
+    static void setConfigFolder(const QString& folder);
+};
+
+} // namespace qutils

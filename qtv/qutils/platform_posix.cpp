@@ -1,0 +1,141 @@
+#include "platform.h"
+
+#include <QSysInfo>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace qutils
+{
+namespace platform
+{
+
+quint64 currentThreadId()
+{
+    return static_cast<quint64>(::syscall(SYS_gettid));
+}
+
+QString architectureName()
+{
+    const QString arch = QSysInfo::buildCpuArchitecture();
+    if (arch == QLatin1String("x86_64"))
+        return QStringLiteral("x64");
+    if (arch == QLatin1String("i386"))
+        return QStringLiteral("x86");
+    return arch;
+}
+
+namespace
+{
+
+// Everything the handler touches is prepared before a crash: a fixed buffer for
+// the path and a stack of its own, so a stack overflow can still be reported.
+constexpr size_t MaxPath = 4096;
+char g_dumpPath[MaxPath] = {};
+const int g_signals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
+char g_altStack[64 * 1024];
+
+void writeText(int fd, const char* text)
+{
+    size_t left = std::strlen(text);
+    while (left > 0)
+    {
+        const ssize_t n = ::write(fd, text, left);
+        if (n <= 0)
+        {
+            if (n < 0 && errno == EINTR)
+                continue;
+            return;
+        }
+        text += n;
+        left -= static_cast<size_t>(n);
+    }
+}
+
+void writeNumber(int fd, long value)
+{
+    char buffer[32];
+    char* p = buffer + sizeof(buffer) - 1;
+    *p = '\0';
+    const bool negative = value < 0;
+    unsigned long v = negative ? static_cast<unsigned long>(-value) : static_cast<unsigned long>(value);
+    do
+    {
+        *--p = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v != 0);
+    if (negative)
+        *--p = '-';
+    writeText(fd, p);
+}
+
+void onFatalSignal(int sig, siginfo_t* info, void*)
+{
+    const int savedErrno = errno;
+    const int fd = ::open(g_dumpPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd >= 0)
+    {
+        writeText(fd, "Fatal signal ");
+        writeNumber(fd, sig);
+        writeText(fd, " (");
+        writeText(fd, sigdescr_np(sig) ? sigdescr_np(sig) : "unknown");
+        writeText(fd, ") in process ");
+        writeNumber(fd, static_cast<long>(::getpid()));
+        writeText(fd, ", thread ");
+        writeNumber(fd, static_cast<long>(::syscall(SYS_gettid)));
+        if (info)
+        {
+            writeText(fd, ", address 0x");
+            char hex[2 * sizeof(void*) + 1];
+            auto addr = reinterpret_cast<uintptr_t>(info->si_addr);
+            for (int i = static_cast<int>(sizeof(hex)) - 2; i >= 0; --i, addr >>= 4)
+                hex[i] = "0123456789abcdef"[addr & 0xF];
+            hex[sizeof(hex) - 1] = '\0';
+            writeText(fd, hex);
+        }
+        writeText(fd, "\nBacktrace:\n");
+        void* frames[128];
+        const int count = ::backtrace(frames, 128);
+        ::backtrace_symbols_fd(frames, count, fd);
+        ::close(fd);
+    }
+    errno = savedErrno;
+    // The handler was installed with SA_RESETHAND: re-raising ends the process
+    // the way the signal would have, core dump and exit status included.
+    ::raise(sig);
+}
+
+} // namespace
+
+bool installCrashWriter(const QByteArray& dumpPath)
+{
+    if (dumpPath.isEmpty() || static_cast<size_t>(dumpPath.size()) >= MaxPath)
+        return false;
+    std::memcpy(g_dumpPath, dumpPath.constData(), static_cast<size_t>(dumpPath.size()) + 1);
+
+    // The first backtrace() call loads libgcc; do it now, not inside the handler.
+    void* warmUp[2];
+    ::backtrace(warmUp, 2);
+
+    stack_t stack{};
+    stack.ss_sp = g_altStack;
+    stack.ss_size = sizeof(g_altStack);
+    ::sigaltstack(&stack, nullptr);
+
+    struct sigaction action{};
+    action.sa_sigaction = &onFatalSignal;
+    action.sa_flags = SA_SIGINFO | SA_RESETHAND | SA_ONSTACK;
+    sigemptyset(&action.sa_mask);
+    bool ok = true;
+    for (int sig : g_signals)
+        ok = ::sigaction(sig, &action, nullptr) == 0 && ok;
+    return ok;
+}
+
+} // namespace platform
+} // namespace qutils

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Quorvex: one script for everything a fresh Debian 12 machine needs.
+#   ./run.sh         install what is missing, build, run the program
+#   ./run.sh test    install what is missing, build, run every test
+#   ./run.sh build   install what is missing and build only
+set -euo pipefail
+
+here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+build_dir="${QUORVEX_BUILD_DIR:-$here/build}"
+
+# Every Debian package the project needs, listed once.
+packages=(
+    cmake ninja-build g++ pkg-config
+    qtbase5-dev qtbase5-dev-tools
+    libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev
+    libgtest-dev libgmock-dev
+)
+
+missing_packages() {
+    local p
+    for p in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || echo "$p"
+    done
+}
+
+ensure_packages() {
+    local missing
+    missing=$(missing_packages | tr '\n' ' ')
+    [ -z "${missing// /}" ] && return 0
+    if [ "$(id -u)" -eq 0 ]; then
+        echo "Installing missing packages: $missing"
+        export DEBIAN_FRONTEND=noninteractive
+        apt-get update -qq
+        # shellcheck disable=SC2086
+        apt-get install -y -qq --no-install-recommends $missing
+    else
+        echo "Missing Debian packages. Install them with:" >&2
+        echo "  sudo apt-get install -y $missing" >&2
+        exit 1
+    fi
+}
+
+build() {
+    ensure_packages
+    if [ ! -f "$build_dir/CMakeCache.txt" ]; then
+        cmake -S "$here" -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    fi
+    cmake --build "$build_dir" -j "$(nproc)"
+}
+
+case "${1:-run}" in
+    run)
+        build
+        echo "Built in $build_dir:"
+        (cd "$build_dir" && find . -maxdepth 3 -type f -executable -name 'test_*' | sort | sed 's/^/  /')
+        echo "The application itself is not there yet; './run.sh test' runs the test suite."
+        ;;
+    build)
+        build
+        ;;
+    test)
+        build
+        cd "$build_dir"
+        QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)"
+        ;;
+    *)
+        echo "usage: $0 [run|build|test]" >&2
+        exit 2
+        ;;
+esac

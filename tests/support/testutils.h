@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QString>
+
+#include <functional>
+
+namespace testutils
+{
+
+// Runs the event loop until pred() is true or timeoutMs passes; returns pred().
+bool waitFor(const std::function<bool()>& pred, int timeoutMs = 5000);
+
+// Reads a whole file as text ("" when it cannot be read).
+QString readText(const QString& path);
+
+} // namespace testutils
