@@ -1,0 +1,203 @@
+#include "qcontrols/stylesheetmanager.h"
+#include "qutils/debugutils.h"
+#include "qutils/exception.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QWidget>
+
+#include <gtest/gtest.h>
+
+using qcontrols::CStyleSheetManager;
+
+namespace
+{
+
+// Sends records down to Debug to a log file of this test binary and returns
+// what was written while it lived.
+class CLogCapture
+{
+public:
+    CLogCapture() : m_path(QStringLiteral(QUORVEX_TEST_BINARY_DIR "/test_stylesheetmanager.log"))
+    {
+        qutils::CLogger::instance().setLogFile(m_path);
+        qutils::CLogger::instance().setLevel(qutils::LogDebug);
+        m_start = QFile(m_path).size();
+        // A line of our own first: the logger folds a line identical to the
+        // previous one within the same second, which would hide a record.
+        static int s_count = 0;
+        QX_DEBUG << QStringLiteral("log capture %1 starts").arg(++s_count);
+    }
+    ~CLogCapture() { qutils::CLogger::instance().setLevel(qutils::LogWarning); }
+
+    QString text() const
+    {
+        QFile file(m_path);
+        if (!file.open(QIODevice::ReadOnly) || !file.seek(m_start))
+            return QString();
+        return QString::fromUtf8(file.readAll());
+    }
+
+    // True when a record of the given level came from our source file (the
+    // test's own file name also holds the class name, so match the source path).
+    bool hasRecord(const QString& levelName, const QString& source) const
+    {
+        const QRegularExpression pattern(QRegularExpression::escape(levelName) + QStringLiteral(" +\\S*") +
+                                         QRegularExpression::escape(source) + QStringLiteral("\\("));
+        return pattern.match(text()).hasMatch();
+    }
+
+private:
+    QString m_path;
+    qint64 m_start = 0;
+};
+
+class StyleSheetManager : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_dir.isValid());
+        CStyleSheetManager::clear();
+    }
+    void TearDown() override { CStyleSheetManager::clear(); }
+
+    QString writeFile(const QString& name, const QByteArray& content)
+    {
+        const QString path = m_dir.filePath(name);
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+            ADD_FAILURE() << "cannot write " << path.toStdString();
+        return path;
+    }
+
+    QTemporaryDir m_dir;
+};
+
+} // namespace
+
+// --- the kept sheet ---
+
+TEST_F(StyleSheetManager, EmptyBeforeSetAndLogged)
+{
+    CLogCapture log;
+    EXPECT_FALSE(CStyleSheetManager::hasStyleSheet());
+    EXPECT_EQ(CStyleSheetManager::styleSheet(), QString());
+    EXPECT_TRUE(log.hasRecord(QStringLiteral("Debug"), QStringLiteral("qcontrols/stylesheetmanager.cpp")));
+    EXPECT_TRUE(log.text().contains(QLatin1String("before one was set")));
+}
+
+TEST_F(StyleSheetManager, KeepsWhatWasSet)
+{
+    CStyleSheetManager::setStyleSheet(QStringLiteral("QLabel { color: red; }"));
+    EXPECT_TRUE(CStyleSheetManager::hasStyleSheet());
+    EXPECT_EQ(CStyleSheetManager::styleSheet(), QStringLiteral("QLabel { color: red; }"));
+
+    // An empty sheet set on purpose is a sheet, not "none yet": no record.
+    CStyleSheetManager::setStyleSheet(QString());
+    CLogCapture log;
+    EXPECT_EQ(CStyleSheetManager::styleSheet(), QString());
+    EXPECT_FALSE(log.text().contains(QLatin1String("before one was set")));
+}
+
+// --- scaling pixel lengths ---
+
+TEST_F(StyleSheetManager, ScalesWholePixelTokens)
+{
+    const QString sheet =
+        QStringLiteral("QWidget{margin:10px 3px;border:1px solid #fff;width:-4px;font-size:9pt}");
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(sheet, 1.5),
+              QStringLiteral("QWidget{margin:15px 5px;border:2px solid #fff;width:-6px;font-size:9pt}"));
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(sheet, 2.0),
+              QStringLiteral("QWidget{margin:20px 6px;border:2px solid #fff;width:-8px;font-size:9pt}"));
+}
+
+TEST_F(StyleSheetManager, LeavesOtherTokensAlone)
+{
+    const QString sheet =
+        QStringLiteral("QLabel#px10px{image:url(:/Quorvex/icons/16px.png);x:px;y:10pxx;z:10 px;w:a10px}");
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(sheet, 2.0), sheet);
+}
+
+TEST_F(StyleSheetManager, SmallScaleKeepsNonZeroLengthsVisible)
+{
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(QStringLiteral("a:1px;b:0px;c:0.5px;d:-1px"), 0.25),
+              QStringLiteral("a:1px;b:0px;c:1px;d:-1px"));
+}
+
+TEST_F(StyleSheetManager, FractionalLengthsAreRounded)
+{
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(QStringLiteral("a:1.5px;b:.5px;c:+3px"), 1.25),
+              QStringLiteral("a:2px;b:1px;c:4px"));
+}
+
+TEST_F(StyleSheetManager, UnitOrInvalidScaleLeavesSheet)
+{
+    const QString sheet = QStringLiteral("a:1.5px;b:7px");
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(sheet, 1.0), sheet);
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(sheet, 0.0), sheet);
+    EXPECT_EQ(CStyleSheetManager::scalePixelSizes(sheet, -2.0), sheet);
+}
+
+// --- loading ---
+
+TEST_F(StyleSheetManager, LoadAppliesConstantsThenScales)
+{
+    const QString sheetPath = writeFile(
+        QStringLiteral("style.qss"), "QPushButton { border: BUTTON_BORDER; padding: PAD; color: ACCENT; }\n");
+    const QString constantsPath = writeFile(QStringLiteral("constants.txt"),
+                                            "ACCENT=#3fa7d6\nPAD=4px 6px\nBUTTON_BORDER=1px solid ACCENT\n");
+    const QString loaded = CStyleSheetManager::load(sheetPath, constantsPath, 2.0);
+    // Sizes that came from constants are scaled too.
+    EXPECT_EQ(loaded, QStringLiteral(
+                          "QPushButton { border: 2px solid #3fa7d6; padding: 8px 12px; color: #3fa7d6; }\n"));
+    EXPECT_EQ(CStyleSheetManager::styleSheet(), loaded);
+
+    // The result is a sheet Qt accepts on a widget.
+    QWidget widget;
+    widget.setStyleSheet(loaded);
+    EXPECT_EQ(widget.styleSheet(), loaded);
+}
+
+TEST_F(StyleSheetManager, LoadWithoutConstantsFile)
+{
+    const QString sheetPath = writeFile(QStringLiteral("style.qss"), "QLabel { margin: 3px; color: MAIN; }");
+    EXPECT_EQ(CStyleSheetManager::load(sheetPath, QString(), 1.0),
+              QStringLiteral("QLabel { margin: 3px; color: MAIN; }"));
+    EXPECT_EQ(CStyleSheetManager::load(sheetPath, QString(), 3.0),
+              QStringLiteral("QLabel { margin: 9px; color: MAIN; }"));
+}
+
+TEST_F(StyleSheetManager, MissingSheetGivesEmptyTextAndLogs)
+{
+    CLogCapture log;
+    const QString missing = m_dir.filePath(QStringLiteral("absent.qss"));
+    EXPECT_EQ(CStyleSheetManager::load(missing, QString(), 1.5), QString());
+    EXPECT_TRUE(CStyleSheetManager::hasStyleSheet());
+    EXPECT_EQ(CStyleSheetManager::styleSheet(), QString());
+    EXPECT_TRUE(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qcontrols/stylesheetmanager.cpp")));
+    EXPECT_TRUE(log.text().contains(QLatin1String("absent.qss")));
+
+    // A missing resource behaves the same.
+    EXPECT_EQ(CStyleSheetManager::load(QStringLiteral(":/Quorvex/no-such-stylesheet.qss"), QString(), 1.0),
+              QString());
+}
+
+TEST_F(StyleSheetManager, BrokenConstantsThrowAndKeepNothing)
+{
+    CStyleSheetManager::setStyleSheet(QStringLiteral("QLabel { color: red; }"));
+    const QString sheetPath = writeFile(QStringLiteral("style.qss"), "QLabel { color: A; }");
+    const QString constantsPath = writeFile(QStringLiteral("constants.txt"), "A = B\nB = A\n");
+    try
+    {
+        CStyleSheetManager::load(sheetPath, constantsPath, 1.0);
+        ADD_FAILURE() << "no exception";
+    }
+    catch (const qutils::CException& e)
+    {
+        EXPECT_EQ(e.message(), QStringLiteral("Constants circular dependence"));
+        EXPECT_EQ(e.code(), 1287);
+    }
+    EXPECT_EQ(CStyleSheetManager::styleSheet(), QStringLiteral("QLabel { color: red; }"));
+}
