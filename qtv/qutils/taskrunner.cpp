@@ -1,0 +1,160 @@
+#include "taskrunner.h"
+
+#include "debugutils.h"
+#include "tasks.h"
+
+#include <QMutexLocker>
+#include <QThread>
+
+#include <atomic>
+
+namespace qutils
+{
+
+CWorker::CWorker(std::function<void()> function) : m_function(std::move(function)) {}
+
+void CWorker::wait()
+{
+    // Give the resource back at once so every later wait passes too.
+    m_done.acquire();
+    m_done.release();
+}
+
+bool CWorker::isFinished(std::exception_ptr& exception) const
+{
+    QMutexLocker locker(&m_mutex);
+    exception = m_exception;
+    return m_finished;
+}
+
+void CWorker::reset()
+{
+    QMutexLocker locker(&m_mutex);
+    m_finished = false;
+    m_exception = nullptr;
+    m_done.tryAcquire(m_done.available());
+}
+
+void CWorker::onWork()
+{
+    {
+        // Held for the whole run: a finished query waits until the work is over.
+        QMutexLocker locker(&m_mutex);
+        try
+        {
+            m_function();
+        }
+        catch (...)
+        {
+            // Exceptions must not cross into Qt's event code; the caller collects it.
+            m_exception = std::current_exception();
+        }
+        m_finished = true;
+    }
+    m_done.release();
+    emit finished();
+}
+
+namespace
+{
+
+std::function<void()> workOfTask(CTask* task)
+{
+    // A plain pointer: the runner keeps the task alive until its thread is
+    // joined, and the worker must not extend the task's life.
+    return [task]
+    {
+        if (task)
+            task->run();
+    };
+}
+
+} // namespace
+
+CTaskRunner::CTaskRunner(std::function<void()> function, QObject* parent)
+    : QObject(parent), m_thread(new QThread(), VQThread::CThreadLaterDeleter()),
+      m_function(std::move(function))
+{
+    m_thread->setObjectName(QStringLiteral("QuorvexTaskRunner"));
+    m_worker.reset(new CWorker(m_function));
+    if (!connect(m_thread.get(), &QThread::started, m_worker.get(), &CWorker::onWork))
+        QX_SELFCHECK(QStringLiteral("connect runner thread started to worker"));
+    if (!connect(m_worker.get(), &CWorker::finished, this, &CTaskRunner::onWorkerFinished))
+        QX_SELFCHECK(QStringLiteral("connect worker finished to runner"));
+    // started() is emitted on the new thread, so the work runs there.
+    m_worker->moveToThread(m_thread.get());
+}
+
+CTaskRunner::CTaskRunner(std::shared_ptr<CTask> task, QObject* parent)
+    : CTaskRunner(workOfTask(task.get()), parent)
+{
+    if (!task)
+        QX_SELFCHECK(QStringLiteral("CTaskRunner without a task"));
+    m_task = std::move(task);
+}
+
+CTaskRunner::~CTaskRunner()
+{
+    // A deferred delete posted to a thread that has already ended is never
+    // delivered, so the worker is released on its own thread as that thread
+    // finishes (after the work has returned), where deleteLater() still works.
+    CWorker* worker = m_worker.release();
+    const auto released = std::make_shared<std::atomic<bool>>(false);
+    if (!connect(
+            m_thread.get(), &QThread::finished, worker,
+            [worker, released]
+            {
+                CLaterDeleter<CWorker>()(worker);
+                *released = true;
+            },
+            Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect runner thread finished to worker release"));
+    m_thread->quit();
+    m_thread->wait();
+    m_function = nullptr;
+    // The thread never ran or had ended before: it is joined, nothing else can reach the worker.
+    if (!*released)
+        delete worker;
+    m_task.reset();
+    m_thread.reset();
+}
+
+void CTaskRunner::wait()
+{
+    m_worker->wait();
+}
+
+bool CTaskRunner::isFinished(std::exception_ptr& exception) const
+{
+    return m_worker->isFinished(exception);
+}
+
+bool CTaskRunner::isRunning() const
+{
+    return m_thread->isRunning();
+}
+
+bool CTaskRunner::runTaskAsync()
+{
+    if (m_thread->isRunning())
+    {
+        QX_SELFCHECK(QStringLiteral("runTaskAsync while the runner is running"));
+        return false;
+    }
+    if (m_thread->isFinished())
+    {
+        // A restart: the previous run's result must not satisfy waits for this one.
+        m_worker->reset();
+        m_finished = false;
+    }
+    m_thread->start();
+    return true;
+}
+
+void CTaskRunner::onWorkerFinished()
+{
+    m_finished = true;
+    emit finished();
+}
+
+} // namespace qutils

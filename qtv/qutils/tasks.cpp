@@ -1,0 +1,227 @@
+#include "tasks.h"
+
+#include "debugutils.h"
+
+#include <QMetaType>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QThread>
+
+namespace qutils
+{
+
+namespace
+{
+
+// The one thread every task object lives on. Created on first use and never
+// stopped here: tasks may be created and released until the process ends.
+class CThreadForAllTasks : public QThread
+{
+public:
+    static CThreadForAllTasks* instance();
+
+private:
+    CThreadForAllTasks() { setObjectName(QStringLiteral("QuorvexTasks")); }
+};
+
+std::atomic<CThreadForAllTasks*> g_threadForAllTasks{nullptr};
+QBasicMutex g_threadForAllTasksMutex;
+
+CThreadForAllTasks* CThreadForAllTasks::instance()
+{
+    // Double-checked: the common path takes no lock once the thread exists.
+    CThreadForAllTasks* thread = g_threadForAllTasks.load(std::memory_order_acquire);
+    if (thread)
+        return thread;
+    QMutexLocker locker(&g_threadForAllTasksMutex);
+    thread = g_threadForAllTasks.load(std::memory_order_relaxed);
+    if (!thread)
+    {
+        // Progress values cross threads in queued connections of observers.
+        qRegisterMetaType<qint64>("qint64");
+        thread = new CThreadForAllTasks();
+        thread->start(QThread::InheritPriority);
+        g_threadForAllTasks.store(thread, std::memory_order_release);
+    }
+    return thread;
+}
+
+} // namespace
+
+CTask::CTask() : QObject(nullptr)
+{
+    moveToThread(CThreadForAllTasks::instance());
+}
+
+CTask::~CTask() = default;
+
+void CTask::cancel()
+{
+    m_cancelled = true;
+    onCancel();
+    emit cancelled();
+}
+
+void CTask::setProgressRange(qint64 min, qint64 max)
+{
+    emit progressRange(min, max);
+}
+
+void CTask::setProgressPos(qint64 pos)
+{
+    emit progressPos(pos);
+}
+
+void CTask::setProgressText(const QString& text)
+{
+    emit progressText(text);
+}
+
+// All connections below are direct: progress and cancellation travel
+// synchronously on the emitting thread, whatever thread the objects live on.
+// They are not removed afterwards; they die with the objects.
+
+bool CTask::runSubTask(std::shared_ptr<CTask> task, qint64 from, qint64 to)
+{
+    if (!task)
+    {
+        QX_SELFCHECK(QStringLiteral("runSubTask without a sub-task"));
+        return false;
+    }
+    const auto adapter = makeTask<CTaskRangeAdapter>(std::move(task), from, to);
+    if (!connect(adapter.get(), &CTask::progressRange, this, &CTask::setProgressRange, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect adapter progressRange"));
+    if (!connect(adapter.get(), &CTask::progressPos, this, &CTask::setProgressPos, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect adapter progressPos"));
+    // Cancelling us cancels the adapter, which passes it on to the sub-task.
+    if (!connect(this, &CTask::cancelled, adapter.get(), &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect cancelled to adapter"));
+    return adapter->run();
+}
+
+bool CTask::runSubTaskWithProgress(std::shared_ptr<CTask> task)
+{
+    if (!task)
+    {
+        QX_SELFCHECK(QStringLiteral("runSubTaskWithProgress without a sub-task"));
+        return false;
+    }
+    if (!connect(task.get(), &CTask::progressRange, this, &CTask::setProgressRange, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange"));
+    if (!connect(task.get(), &CTask::progressPos, this, &CTask::setProgressPos, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos"));
+    if (!connect(this, &CTask::cancelled, task.get(), &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+    return task->run();
+}
+
+bool CTask::runSubTaskWithOffset(std::shared_ptr<CTask> task, qint64 offset)
+{
+    if (!task)
+    {
+        QX_SELFCHECK(QStringLiteral("runSubTaskWithOffset without a sub-task"));
+        return false;
+    }
+    const auto adapter = makeTask<CTaskOffsetAdapter>(std::move(task), offset);
+    if (!connect(adapter.get(), &CTask::progressRange, this, &CTask::setProgressRange, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect adapter progressRange"));
+    if (!connect(adapter.get(), &CTask::progressPos, this, &CTask::setProgressPos, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect adapter progressPos"));
+    if (!connect(this, &CTask::cancelled, adapter.get(), &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect cancelled to adapter"));
+    return adapter->run();
+}
+
+bool CTask::runSubTaskNoProgress(std::shared_ptr<CTask> task)
+{
+    if (!task)
+    {
+        QX_SELFCHECK(QStringLiteral("runSubTaskNoProgress without a sub-task"));
+        return false;
+    }
+    if (!connect(this, &CTask::cancelled, task.get(), &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+    return task->run();
+}
+
+void CTask::onCancel() {}
+
+void CTask::onCustomHook() {}
+
+CTaskRangeAdapter::CTaskRangeAdapter(std::shared_ptr<CTask> task, qint64 from, qint64 to)
+    : m_task(std::move(task)), m_from(from), m_span(to - from)
+{
+}
+
+bool CTaskRangeAdapter::run()
+{
+    if (!m_task)
+    {
+        QX_SELFCHECK(QStringLiteral("CTaskRangeAdapter without a sub-task"));
+        return false;
+    }
+    if (!connect(m_task.get(), &CTask::progressRange, this, &CTaskRangeAdapter::onProgressRange,
+                 Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange to adapter"));
+    if (!connect(m_task.get(), &CTask::progressPos, this, &CTaskRangeAdapter::onProgressPos,
+                 Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos to adapter"));
+    if (!connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect adapter cancelled to sub-task"));
+    const bool result = m_task->run();
+    // The parent's bar ends exactly at the end of the interval, whatever the child said.
+    emit progressPos(m_from + m_span);
+    return result;
+}
+
+void CTaskRangeAdapter::onProgressRange(qint64 min, qint64 max)
+{
+    m_childMin = min;
+    if (max > min)
+        m_scale = (1.0 / static_cast<double>(max - min)) * static_cast<double>(m_span);
+    else
+        m_scale = 0.0; // an empty child range keeps every position at `from`
+}
+
+void CTaskRangeAdapter::onProgressPos(qint64 pos)
+{
+    const double mapped = static_cast<double>(pos - m_childMin) * m_scale + static_cast<double>(m_from);
+    // The conversion truncates toward zero.
+    emit progressPos(static_cast<qint64>(mapped));
+}
+
+CTaskOffsetAdapter::CTaskOffsetAdapter(std::shared_ptr<CTask> task, qint64 offset)
+    : m_task(std::move(task)), m_offset(offset)
+{
+}
+
+bool CTaskOffsetAdapter::run()
+{
+    if (!m_task)
+    {
+        QX_SELFCHECK(QStringLiteral("CTaskOffsetAdapter without a sub-task"));
+        return false;
+    }
+    if (!connect(m_task.get(), &CTask::progressRange, this, &CTask::progressRange, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange to offset adapter"));
+    if (!connect(m_task.get(), &CTask::progressPos, this, &CTask::progressPos, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos to offset adapter"));
+    if (!connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect offset adapter cancelled to sub-task"));
+    return m_task->run();
+}
+
+CFunctionTask::CFunctionTask(std::function<void(CTask*)> function) : m_function(std::move(function)) {}
+
+bool CFunctionTask::run()
+{
+    if (!m_function)
+    {
+        QX_SELFCHECK(QStringLiteral("CFunctionTask without a callable"));
+        return false;
+    }
+    m_function(this);
+    return !isCancelled();
+}
+
+} // namespace qutils

@@ -1,0 +1,523 @@
+#include "qutils/debugutils.h"
+#include "qutils/exception.h"
+#include "qutils/genericwaiter.h"
+#include "qutils/taskrunner.h"
+#include "qutils/tasks.h"
+#include "testutils.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QPointer>
+#include <QSemaphore>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace qutils;
+
+namespace
+{
+
+// Sends Debug records to a temporary log for one test and hands back what was
+// written after a unique marker (the logger folds identical consecutive lines).
+class CLogCapture
+{
+public:
+    CLogCapture()
+    {
+        static QTemporaryDir dir;
+        static int counter = 0;
+        m_path = dir.filePath(QStringLiteral("tasks.log"));
+        CLogger::instance().setLogFile(m_path);
+        CLogger::instance().setLevel(LogDebug);
+        QX_DEBUG << "capture marker " << ++counter;
+        m_offset = QFile(m_path).size();
+    }
+    ~CLogCapture() { CLogger::instance().setLevel(LogWarning); }
+
+    QString text() const { return testutils::readText(m_path).mid(static_cast<int>(m_offset)); }
+    bool hasSelfCheck(const char* source) const
+    {
+        const QString log = text();
+        return log.contains(QStringLiteral("Self-check failed")) &&
+               log.contains(QStringLiteral("qtv/qutils/") + QLatin1String(source) + QLatin1Char('('));
+    }
+
+private:
+    QString m_path;
+    qint64 m_offset = 0;
+};
+
+// Records what a task emits, on the emitting thread.
+struct SProgressLog
+{
+    explicit SProgressLog(CTask* task)
+    {
+        QObject::connect(task, &CTask::progressRange,
+                         [this](qint64 a, qint64 b) {
+                             ranges.push_back({a, b});
+                         });
+        QObject::connect(task, &CTask::progressPos, [this](qint64 p) { positions.push_back(p); });
+    }
+    std::vector<std::pair<qint64, qint64>> ranges;
+    std::vector<qint64> positions;
+};
+
+// A child that announces `range` (when given) and then reports `positions`.
+std::shared_ptr<CTask> makeReportingChild(std::vector<qint64> positions, bool hasRange = false,
+                                          qint64 min = 0, qint64 max = 0, bool result = true)
+{
+    return makeTask<CFunctionTask>(
+        [=](CTask* self)
+        {
+            if (hasRange)
+                self->setProgressRange(min, max);
+            for (qint64 pos : positions)
+                self->setProgressPos(pos);
+            if (!result)
+                self->cancel();
+        });
+}
+
+// Runs `child` inside [from, to] of a parent and returns the parent's positions.
+std::vector<qint64> mapThroughRange(std::shared_ptr<CTask> child, qint64 from, qint64 to,
+                                    bool* result = nullptr)
+{
+    auto parent = makeTask<CFunctionTask>([](CTask*) {});
+    SProgressLog log(parent.get());
+    const bool ok = parent->runSubTask(std::move(child), from, to);
+    if (result)
+        *result = ok;
+    EXPECT_TRUE(log.ranges.empty()) << "the range adapter must not announce a range";
+    return log.positions;
+}
+
+using Positions = std::vector<qint64>;
+
+} // namespace
+
+TEST(TaskRangeAdapter, MapsChildRangeIntoInterval)
+{
+    EXPECT_EQ(mapThroughRange(makeReportingChild({0, 50, 200}, true, 0, 200), 100, 300),
+              (Positions{100, 150, 300, 300}));
+    // The child's minimum is the origin of its positions.
+    EXPECT_EQ(mapThroughRange(makeReportingChild({100}, true, 50, 150), 0, 1000), (Positions{500, 1000}));
+}
+
+TEST(TaskRangeAdapter, EmptyOrReversedRangeMapsToFromAndStillEndsAtTo)
+{
+    EXPECT_EQ(mapThroughRange(makeReportingChild({0, 5, 10}, true, 0, 0), 100, 300),
+              (Positions{100, 100, 100, 300}));
+    EXPECT_EQ(mapThroughRange(makeReportingChild({7}, true, 10, 5), 100, 300), (Positions{100, 300}));
+}
+
+TEST(TaskRangeAdapter, PositionsBeforeAnyRangeMapToFrom)
+{
+    EXPECT_EQ(mapThroughRange(makeReportingChild({3, 999}), 40, 60), (Positions{40, 40, 60}));
+}
+
+TEST(TaskRangeAdapter, TruncatesTowardZero)
+{
+    // 1/3 and 2/3 of 10, and of -10: truncation, not rounding or flooring.
+    EXPECT_EQ(mapThroughRange(makeReportingChild({1, 2}, true, 0, 3), 0, 10), (Positions{3, 6, 10}));
+    EXPECT_EQ(mapThroughRange(makeReportingChild({1, 2}, true, 0, 3), 0, -10), (Positions{-3, -6, -10}));
+}
+
+TEST(TaskRangeAdapter, PassesChildResultBack)
+{
+    bool result = true;
+    mapThroughRange(makeReportingChild({}, false, 0, 0, false), 0, 10, &result);
+    EXPECT_FALSE(result);
+    mapThroughRange(makeReportingChild({}), 0, 10, &result);
+    EXPECT_TRUE(result);
+}
+
+TEST(TaskOffsetAdapter, ForwardsRangeAndPositionUnchanged)
+{
+    auto parent = makeTask<CFunctionTask>([](CTask*) {});
+    SProgressLog log(parent.get());
+    EXPECT_TRUE(parent->runSubTaskWithOffset(makeReportingChild({3, 7}, true, 0, 10), 1000));
+    EXPECT_EQ(log.ranges, (std::vector<std::pair<qint64, qint64>>{{0, 10}}));
+    EXPECT_EQ(log.positions, (Positions{3, 7}));
+}
+
+namespace
+{
+
+// A parent that overrides the position setter: sub-task progress must reach it.
+class CRecordingParent : public CTask
+{
+public:
+    void setProgressPos(qint64 pos) override { positions.push_back(pos); }
+    bool run() override { return true; }
+    Positions positions;
+};
+
+} // namespace
+
+TEST(TaskSubTasks, ProgressGoesThroughTheVirtualSetters)
+{
+    auto parent = makeTask<CRecordingParent>();
+    parent->runSubTaskWithProgress(makeReportingChild({4, 8}, true, 0, 10));
+    parent->runSubTask(makeReportingChild({5}, true, 0, 10), 0, 100);
+    parent->runSubTaskNoProgress(makeReportingChild({9}, true, 0, 10));
+    EXPECT_EQ(parent->positions, (Positions{4, 8, 50, 100}));
+}
+
+TEST(TaskSubTasks, ParentDropsItsReferenceOnReturn)
+{
+    auto parent = makeTask<CFunctionTask>([](CTask*) {});
+    std::shared_ptr<CTask> child = makeReportingChild({1});
+    std::weak_ptr<CTask> weak = child;
+    EXPECT_TRUE(parent->runSubTaskWithProgress(std::move(child)));
+    EXPECT_TRUE(weak.expired());
+}
+
+TEST(TaskCancel, HookRunsBeforeSignalAndEveryCallEmits)
+{
+    struct CHookTask : public CTask
+    {
+        bool run() override { return true; }
+        void onCancel() override { order.push_back(isCancelled() ? "hook-after-flag" : "hook-before-flag"); }
+        std::vector<std::string> order;
+    };
+    auto task = makeTask<CHookTask>();
+    QObject::connect(task.get(), &CTask::cancelled, [&] { task->order.push_back("signal"); });
+    EXPECT_FALSE(task->isCancelled());
+    task->cancel();
+    task->cancel();
+    EXPECT_TRUE(task->isCancelled());
+    EXPECT_EQ(task->order,
+              (std::vector<std::string>{"hook-after-flag", "signal", "hook-after-flag", "signal"}));
+}
+
+TEST(TaskCancel, TasksLiveOnOneSharedThreadThatRunsQueuedCancel)
+{
+    auto a = makeTask<CFunctionTask>([](CTask*) {});
+    auto b = makeTask<CFunctionTask>([](CTask*) {});
+    EXPECT_EQ(a->thread(), b->thread());
+    EXPECT_NE(a->thread(), QThread::currentThread());
+    EXPECT_EQ(a->parent(), nullptr);
+    QThread* cancelThread = nullptr;
+    QObject::connect(a.get(), &CTask::cancelled, [&] { cancelThread = QThread::currentThread(); });
+    QMetaObject::invokeMethod(a.get(), "cancel", Qt::QueuedConnection);
+    ASSERT_TRUE(testutils::waitFor([&] { return a->isCancelled(); }));
+    ASSERT_TRUE(testutils::waitFor([&] { return cancelThread != nullptr; }));
+    EXPECT_EQ(cancelThread, a->thread());
+}
+
+TEST(TaskCancel, CancellingParentCancelsRunningSubTaskOnRunnerThread)
+{
+    using Op = std::function<bool(CTask*, std::shared_ptr<CTask>)>;
+    const std::vector<std::pair<const char*, Op>> ops = {
+        {"range", [](CTask* p, std::shared_ptr<CTask> c) { return p->runSubTask(c, 0, 100); }},
+        {"progress", [](CTask* p, std::shared_ptr<CTask> c) { return p->runSubTaskWithProgress(c); }},
+        {"offset", [](CTask* p, std::shared_ptr<CTask> c) { return p->runSubTaskWithOffset(c, 5); }},
+        {"none", [](CTask* p, std::shared_ptr<CTask> c) { return p->runSubTaskNoProgress(c); }},
+    };
+    for (const auto& op : ops)
+    {
+        SCOPED_TRACE(op.first);
+        std::atomic<bool> started{false};
+        auto child = makeTask<CFunctionTask>(
+            [&](CTask* self)
+            {
+                started = true;
+                QElapsedTimer guard; // a broken cancel path fails the test instead of hanging it
+                guard.start();
+                while (!self->isCancelled() && guard.elapsed() < 10000)
+                    QThread::msleep(1);
+            });
+        std::atomic<bool> subResult{true};
+        auto parent = makeTask<CFunctionTask>([&](CTask* self) { subResult = op.second(self, child); });
+        CTaskRunner runner(parent);
+        ASSERT_TRUE(runner.runTaskAsync());
+        ASSERT_TRUE(testutils::waitFor([&] { return started.load(); }));
+        parent->cancel();
+        runner.wait();
+        EXPECT_TRUE(child->isCancelled());
+        EXPECT_FALSE(subResult.load());
+    }
+}
+
+TEST(FunctionTask, CallableGetsTheTask)
+{
+    CTask* seen = nullptr;
+    auto task = makeTask<CFunctionTask>(
+        [&](CTask* self)
+        {
+            seen = self;
+            self->setProgressText(QStringLiteral("working"));
+        });
+    QString text;
+    QObject::connect(task.get(), &CTask::progressText, [&](const QString& t) { text = t; });
+    EXPECT_TRUE(task->run());
+    EXPECT_EQ(seen, task.get());
+    EXPECT_EQ(text, QStringLiteral("working"));
+}
+
+TEST(FunctionTask, EmptyCallableIsLoggedAndDoesNothing)
+{
+    CLogCapture log;
+    auto task = makeTask<CFunctionTask>(std::function<void(CTask*)>());
+    EXPECT_FALSE(task->run());
+    EXPECT_TRUE(log.hasSelfCheck("tasks.cpp")) << log.text().toStdString();
+}
+
+TEST(TaskRunner, RunsOnItsOwnThreadAndSignalsTheGuiThread)
+{
+    std::atomic<QThread*> workThread{nullptr};
+    CTaskRunner runner([&] { workThread = QThread::currentThread(); });
+    QObject context;
+    QThread* signalThread = nullptr;
+    QObject::connect(&runner, &CTaskRunner::finished, &context,
+                     [&] { signalThread = QThread::currentThread(); });
+    std::exception_ptr error;
+    EXPECT_FALSE(runner.isFinished(error));
+    ASSERT_TRUE(runner.runTaskAsync());
+    ASSERT_TRUE(testutils::waitFor([&] { return signalThread != nullptr; }));
+    EXPECT_EQ(signalThread, QThread::currentThread());
+    EXPECT_NE(workThread.load(), QThread::currentThread());
+    EXPECT_NE(workThread.load(), nullptr);
+    // Every later wait passes at once.
+    runner.wait();
+    runner.wait();
+    EXPECT_TRUE(runner.isFinished(error));
+    EXPECT_FALSE(error);
+}
+
+TEST(TaskRunner, SecondStartWhileRunningIsRefusedAndLogged)
+{
+    CLogCapture log;
+    QSemaphore gate;
+    CTaskRunner runner([&] { gate.acquire(); });
+    EXPECT_TRUE(runner.runTaskAsync());
+    EXPECT_FALSE(runner.runTaskAsync());
+    gate.release();
+    runner.wait();
+    EXPECT_TRUE(log.hasSelfCheck("taskrunner.cpp")) << log.text().toStdString();
+}
+
+TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
+{
+    CTaskRunner runner([] { throw CException(QStringLiteral("disk full"), CException::TargetFull); });
+    ASSERT_TRUE(runner.runTaskAsync());
+    runner.wait();
+    std::exception_ptr error;
+    EXPECT_TRUE(runner.isFinished(error));
+    ASSERT_TRUE(error);
+    try
+    {
+        std::rethrow_exception(error);
+    }
+    catch (const CException& e)
+    {
+        EXPECT_EQ(e.message(), QStringLiteral("disk full"));
+        EXPECT_EQ(e.code(), 112);
+        return;
+    }
+    FAIL() << "the stored exception is not the CException thrown";
+}
+
+TEST(TaskRunner, DestructorJoinsRunningWork)
+{
+    std::atomic<bool> done{false};
+    {
+        CTaskRunner runner(
+            [&]
+            {
+                QThread::msleep(50);
+                done = true;
+            });
+        ASSERT_TRUE(runner.runTaskAsync());
+    }
+    EXPECT_TRUE(done.load());
+}
+
+TEST(TaskRunner, DestructionReleasesTheWorkInEveryState)
+{
+    // Never started, finished with its thread still running, and with its thread ended.
+    for (int state = 0; state < 3; ++state)
+    {
+        SCOPED_TRACE(state);
+        auto token = std::make_shared<int>(0);
+        {
+            CTaskRunner runner(
+                [token, state]
+                {
+                    if (state == 2)
+                        QThread::currentThread()->quit();
+                });
+            if (state > 0)
+            {
+                ASSERT_TRUE(runner.runTaskAsync());
+                runner.wait();
+            }
+            if (state == 2)
+            {
+                ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
+            }
+        }
+        EXPECT_EQ(token.use_count(), 1);
+    }
+}
+
+TEST(TaskRunner, RestartAfterThreadEndedRerunsWork)
+{
+    std::atomic<int> runs{0};
+    // The work ends its own thread, so the runner may be started again.
+    CTaskRunner runner(
+        [&]
+        {
+            ++runs;
+            QThread::currentThread()->quit();
+        });
+    ASSERT_TRUE(runner.runTaskAsync());
+    ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
+    ASSERT_TRUE(runner.runTaskAsync());
+    runner.wait();
+    EXPECT_EQ(runs.load(), 2);
+}
+
+TEST(TaskRunner, RunsTaskAndReleasesItOnItsThread)
+{
+    auto task = makeTask<CFunctionTask>([](CTask* self) { self->setProgressPos(1); });
+    QPointer<CTask> guard = task.get();
+    std::atomic<int> reported{0};
+    QObject::connect(task.get(), &CTask::progressPos, [&](qint64) { ++reported; });
+    {
+        CTaskRunner runner(std::move(task));
+        ASSERT_TRUE(runner.runTaskAsync());
+        runner.wait();
+        EXPECT_EQ(reported.load(), 1);
+        EXPECT_FALSE(guard.isNull());
+    }
+    EXPECT_TRUE(testutils::waitFor([&] { return guard.isNull(); }));
+}
+
+TEST(TaskSignals, QueuedObserverInGuiThreadGetsProgressInOrder)
+{
+    auto task = makeTask<CFunctionTask>(
+        [](CTask* self)
+        {
+            self->setProgressRange(0, 99);
+            for (qint64 i = 0; i < 100; ++i)
+                self->setProgressPos(i);
+            self->setProgressText(QStringLiteral("done"));
+        });
+    QObject observer;
+    std::vector<qint64> seen;
+    QString text;
+    bool offThread = false;
+    QObject::connect(
+        task.get(), &CTask::progressPos, &observer,
+        [&](qint64 p)
+        {
+            offThread |= QThread::currentThread() != observer.thread();
+            seen.push_back(p);
+        },
+        Qt::QueuedConnection);
+    QObject::connect(
+        task.get(), &CTask::progressText, &observer, [&](const QString& t) { text = t; },
+        Qt::QueuedConnection);
+    CTaskRunner runner(task);
+    ASSERT_TRUE(runner.runTaskAsync());
+    ASSERT_TRUE(testutils::waitFor([&] { return text == QStringLiteral("done"); }));
+    ASSERT_EQ(seen.size(), 100u);
+    for (qint64 i = 0; i < 100; ++i)
+        EXPECT_EQ(seen[static_cast<size_t>(i)], i);
+    EXPECT_FALSE(offThread);
+}
+
+TEST(GenericWaiter, StopBeforeWaitReturnsTrueWithoutCallingStart)
+{
+    CGenericWaiter waiter(0);
+    waiter.stopWaiting();
+    bool started = false;
+    EXPECT_TRUE(waiter.wait([&] { started = true; }));
+    EXPECT_FALSE(started);
+}
+
+TEST(GenericWaiter, StopFromInsideStartIsNotLost)
+{
+    CGenericWaiter waiter(0);
+    bool rescued = false;
+    // A second stop far later, only so that a lost first one fails instead of hanging.
+    QTimer::singleShot(5000, &waiter,
+                       [&]
+                       {
+                           rescued = true;
+                           waiter.stopWaiting();
+                       });
+    EXPECT_TRUE(waiter.wait([&] { waiter.stopWaiting(); }));
+    EXPECT_FALSE(rescued);
+}
+
+TEST(GenericWaiter, NoTimeoutWaitsForStopWhileEventsRun)
+{
+    CGenericWaiter waiter(0);
+    bool otherEvent = false;
+    bool stopped = false;
+    EXPECT_TRUE(waiter.wait(
+        [&]
+        {
+            QTimer::singleShot(10, &waiter, [&] { otherEvent = true; });
+            QTimer::singleShot(60, &waiter,
+                               [&]
+                               {
+                                   stopped = true;
+                                   waiter.stopWaiting();
+                               });
+        }));
+    EXPECT_TRUE(stopped);
+    EXPECT_TRUE(otherEvent);
+}
+
+TEST(GenericWaiter, QueuedStopFromAnotherThreadEndsTheWait)
+{
+    CGenericWaiter waiter(0);
+    std::thread other;
+    EXPECT_TRUE(waiter.wait(
+        [&]
+        {
+            other = std::thread(
+                [&]
+                {
+                    QThread::msleep(20);
+                    QMetaObject::invokeMethod(&waiter, &CGenericWaiter::stopWaiting, Qt::QueuedConnection);
+                });
+        }));
+    other.join();
+}
+
+TEST(GenericWaiter, PositiveTimeoutReturnsFalse)
+{
+    CGenericWaiter waiter(100);
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_FALSE(waiter.wait([] {}));
+    // Coarse timers may fire a little early; only guard against returning at once.
+    EXPECT_GE(timer.elapsed(), 80);
+}
+
+TEST(GenericWaiter, StopFromForeignThreadIsLoggedAndStillCounts)
+{
+    CLogCapture log;
+    CGenericWaiter waiter(10000);
+    std::thread([&] { waiter.stopWaiting(); }).join();
+    EXPECT_TRUE(waiter.wait([] {}));
+    EXPECT_TRUE(log.hasSelfCheck("genericwaiter.cpp")) << log.text().toStdString();
+}
+
+TEST(GenericWaiter, EmptyStartThrows)
+{
+    CGenericWaiter waiter(0);
+    EXPECT_THROW(waiter.wait(std::function<void()>()), std::bad_function_call);
+}
