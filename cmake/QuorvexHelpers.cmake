@@ -31,8 +31,12 @@ function(quorvex_add_test)
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 600)
     endif()
+    set(_env "QT_QPA_PLATFORM=offscreen;QUORVEX_TEST_DATA_DIR=${PROJECT_SOURCE_DIR}/tests/data")
+    if(QUORVEX_SANITIZE)
+        list(APPEND _env "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp")
+    endif()
     set_tests_properties(${T_NAME} PROPERTIES
-        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QUORVEX_TEST_DATA_DIR=${PROJECT_SOURCE_DIR}/tests/data"
+        ENVIRONMENT "${_env}"
         TIMEOUT ${T_TIMEOUT}
         LABELS "${T_LABELS}")
 endfunction()

@@ -1,0 +1,228 @@
+// The C boundary: argument checks, conversions, and the one place where every
+// failure becomes a result value.
+#include "lumicrest.h"
+
+#include "fingerprint.h"
+#include "learn.h"
+#include "match.h"
+#include "options.h"
+#include "status.h"
+#include "text.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <new>
+#include <vector>
+
+using namespace lumicrest;
+
+namespace
+{
+
+template <typename F>
+lumicrest_error_code guarded(F&& body) noexcept
+{
+    try
+    {
+        return body();
+    }
+    catch (const Failure& failure)
+    {
+        return failure.code();
+    }
+    catch (const std::bad_alloc&)
+    {
+        return LUMICREST_OUT_OF_MEMORY;
+    }
+    catch (const std::exception&)
+    {
+        return LUMICREST_INTERNAL_ERROR;
+    }
+    catch (...)
+    {
+        return LUMICREST_INTERNAL_UNKNOWN;
+    }
+}
+
+// Hands a text to the caller; a text that cannot be allocated is left out.
+void give(wchar_t** out, const std::string& text)
+{
+    if (out)
+        *out = mallocWide(text);
+}
+
+std::string requirePath(const wchar_t* path)
+{
+    if (!path)
+        fail(LUMICREST_INVALID_NULL_POINTER, "path is null");
+    std::string utf8 = toUtf8(path);
+    if (utf8.empty())
+        fail(LUMICREST_INVALID_EMPTY_PATH, "path is empty");
+    return utf8;
+}
+
+std::vector<unsigned char> readWholeFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file cannot be opened");
+    const std::streamoff size = in.tellg();
+    if (size <= 0 || size > INT32_MAX)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file has an impossible size");
+    std::vector<unsigned char> bytes(static_cast<size_t>(size));
+    in.seekg(0);
+    if (!in.read(reinterpret_cast<char*>(bytes.data()), size))
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file cannot be read");
+    return bytes;
+}
+
+std::string metadataJson(const FingerprintData& fp)
+{
+    std::string json = "{\"width\":" + std::to_string(fp.width) + ",\"height\":" + std::to_string(fp.height);
+    json += ",\"nmse\":[";
+    for (size_t i = 0; i < fp.nmse.size(); ++i)
+    {
+        if (i)
+            json += ',';
+        appendJsonNumber(json, fp.nmse[i]);
+    }
+    json += "],\"make\":";
+    appendJsonString(json, fp.make);
+    json += ",\"model\":";
+    appendJsonString(json, fp.model);
+    json += ",\"lens\":";
+    appendJsonString(json, fp.lens);
+    json += ",\"photos\":" + std::to_string(fp.nmse.size());
+    json += ",\"created\":" + std::to_string(fp.created);
+    json += ",\"sigma_ref\":";
+    appendJsonNumber(json, fp.sigmaRef);
+    json += ",\"sigma_match\":";
+    appendJsonNumber(json, fp.sigmaMatch);
+    json += ",\"format_version\":" + std::to_string(FormatVersion) + "}";
+    return json;
+}
+
+} // namespace
+
+extern "C" {
+
+LUMICREST_EXPORT lumicrest_error_code get_sensor_fingerprint(const wchar_t** paths, int count,
+                                                             fingerprint_binary_s* out, wchar_t** outText1,
+                                                             const wchar_t* option, bool flag, wchar_t** outText2,
+                                                             void (*progress)(int, float, float))
+{
+    if (outText1)
+        *outText1 = nullptr;
+    if (outText2)
+        *outText2 = nullptr;
+    return guarded([&]() -> lumicrest_error_code {
+        if (!paths || !out)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
+        if (count < 1)
+            fail(LUMICREST_INVALID_COUNT, "no photos");
+        if (out->data || out->priv)
+            fail(LUMICREST_INVALID_OPTION, "the output fingerprint must be empty");
+        std::vector<std::string> files;
+        files.reserve(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i)
+            files.push_back(requirePath(paths[i]));
+        const LearnOptions options = parseLearnOptions(option ? toUtf8(option) : std::string());
+
+        FingerprintData data;
+        LearnOutcome outcome = learnFingerprint(files, options, flag, progress, data);
+        if (outcome.code == LUMICREST_OK)
+            attachFingerprint(out, std::move(data));
+        give(outText1, outcome.diagnostics);
+        give(outText2, outcome.warnings);
+        return outcome.code;
+    });
+}
+
+LUMICREST_EXPORT lumicrest_error_code match_device_origins(const fingerprint_binary_s* fp, const wchar_t* photoPath,
+                                                           int mode, wchar_t** outJson, void (*progress)(int))
+{
+    if (outJson)
+        *outJson = nullptr;
+    MatchResult result;
+    const lumicrest_error_code code = guarded([&]() -> lumicrest_error_code {
+        if (!fp || !outJson)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
+        const std::string path = requirePath(photoPath);
+        if (mode != 2)
+            fail(LUMICREST_INVALID_MODE, "unknown mode");
+        if (progress)
+            progress(0);
+        std::shared_ptr<LoadedFingerprint> loaded = loadedFingerprint(fp);
+        try
+        {
+            result = matchPhoto(*loaded, path);
+        }
+        catch (const Failure& failure)
+        {
+            result.reason = failure.detail();
+            throw;
+        }
+        if (progress)
+            progress(100);
+        return LUMICREST_OK;
+    });
+    // Failed matches answer too, so the caller always finds "sensor_matched".
+    give(outJson, matchResultJson(result));
+    return code;
+}
+
+LUMICREST_EXPORT lumicrest_error_code save_fingerprint_to_disk(const fingerprint_binary_s* fp, const wchar_t* path)
+{
+    return guarded([&]() -> lumicrest_error_code {
+        if (!fp)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null fingerprint");
+        const std::string target = requirePath(path);
+        loadedFingerprint(fp); // never write damaged bytes
+        // Written beside the target and renamed, so a failed write never leaves
+        // half a fingerprint under the real name.
+        const std::string temporary = target + ".part";
+        std::FILE* file = std::fopen(temporary.c_str(), "wb");
+        if (!file)
+            fail(LUMICREST_FINGERPRINT_CANNOT_WRITE, "cannot create the fingerprint file");
+        const size_t size = static_cast<size_t>(fp->size);
+        const bool written = std::fwrite(fp->data, 1, size, file) == size;
+        const bool closed = std::fclose(file) == 0;
+        if (!written || !closed || std::rename(temporary.c_str(), target.c_str()) != 0)
+        {
+            std::remove(temporary.c_str());
+            fail(LUMICREST_FINGERPRINT_CANNOT_WRITE, "cannot write the fingerprint file");
+        }
+        return LUMICREST_OK;
+    });
+}
+
+LUMICREST_EXPORT lumicrest_error_code get_metadata_sensor_fingerprint(const wchar_t* path, wchar_t** outJson)
+{
+    if (outJson)
+        *outJson = nullptr;
+    return guarded([&]() -> lumicrest_error_code {
+        if (!outJson)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
+        const std::vector<unsigned char> bytes = readWholeFile(requirePath(path));
+        const FingerprintData fp = parseFingerprint(bytes.data(), bytes.size());
+        *outJson = mallocWide(metadataJson(fp));
+        if (!*outJson)
+            fail(LUMICREST_OUT_OF_MEMORY, "no memory for the answer");
+        return LUMICREST_OK;
+    });
+}
+
+LUMICREST_EXPORT lumicrest_error_code release_fingerprint(fingerprint_binary_s* fp)
+{
+    return guarded([&]() -> lumicrest_error_code {
+        if (!fp)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null fingerprint");
+        // Only what the engine allocated is freed; caller-built structs keep their bytes.
+        if (fp->priv)
+            detachFingerprint(fp);
+        return LUMICREST_OK;
+    });
+}
+
+} // extern "C"

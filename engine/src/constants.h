@@ -1,0 +1,47 @@
+#pragma once
+
+// Every tunable number of the engine, in one place. engine/README.md explains
+// each one.
+namespace lumicrest
+{
+namespace constants
+{
+
+// Noise residual.
+constexpr float DefaultSigma0 = 3.0f;    // wavelet noise level on the 0..255 scale
+constexpr float GreyR = 0.299f, GreyG = 0.587f, GreyB = 0.114f;
+
+// Intensity weights: a pixel's weight fades to zero above the clipping knee,
+// and a saturated pixel with an equal neighbour counts for nothing.
+constexpr float ClipKnee = 250.0f;
+constexpr float ClipFadeWidth2 = 22.0f;  // e^(-(v - knee)^2 / width2) above the knee
+constexpr float BlackLevel = 2.0f;       // at or below: counted as clipped black
+
+// Reference checks.
+constexpr int MinShortSide = 512;
+constexpr long long MaxPixels = 200LL * 1000 * 1000;
+constexpr float MinMeanLevel = 12.0f;          // mean grey level below: too dark
+constexpr float MaxClippedFraction = 0.5f;     // share of clipped pixels above: too clipped
+constexpr float MaxNoiseLevel = 15.0f;         // estimated noise (grey levels) above: too noisy or textured
+constexpr float WarnMeanLevel = 40.0f;         // below: a warning, still used
+constexpr float WarnClippedFraction = 0.2f;
+constexpr float WarnNoiseLevel = 6.0f;
+
+// Matching.
+constexpr int PeakExclusion = 11;             // PCE ignores this square around the peak
+constexpr double MatchThresholdPce = 60.0;    // search-corrected PCE for "sensor_matched"
+constexpr int MinMatchSide = 256;             // smaller questioned photos are not judged
+constexpr double MaxProbability = 0.999999;
+
+// The probability ladder: (PCE, probability) points, log-linear in (1 - p) over log PCE.
+struct LadderPoint
+{
+    double pce;
+    double probability;
+};
+constexpr LadderPoint ProbabilityLadder[] = {
+    {10.0, 0.5}, {60.0, 0.95}, {100.0, 0.99}, {200.0, 0.995}, {400.0, 0.999}, {2000.0, 0.99999},
+};
+
+} // namespace constants
+} // namespace lumicrest

@@ -1,0 +1,295 @@
+#include "match.h"
+
+#include "constants.h"
+#include "imageio.h"
+#include "lumicrest.h"
+#include "pixelops.h"
+#include "residual.h"
+#include "status.h"
+#include "text.h"
+#include "timing.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace lumicrest
+{
+
+namespace
+{
+
+void prepareSpectrum(LoadedFingerprint& fp)
+{
+    std::call_once(fp.spectrumOnce, [&fp] {
+        forwardFft(fp.data.k, fp.kSpectrum);
+        double energy = 0.0;
+        const float* k = fp.data.k.data();
+        for (size_t i = 0, n = fp.data.k.size(); i < n; ++i)
+            energy += static_cast<double>(k[i]) * k[i];
+        fp.kEnergy = energy;
+    });
+}
+
+struct Peak
+{
+    double value = 0.0;
+    double pce = 0.0;
+    int x = 0;
+    int y = 0;
+};
+
+// Peak over the admissible shifts and its PCE against the whole (circular)
+// correlation plane outside the exclusion square around it, wrapped at the borders.
+Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
+{
+    StageTimer timer(Stage::Correlation);
+    Peak peak;
+    peak.value = c.at(0, 0);
+    for (int y = 0; y <= maxShiftY; ++y)
+    {
+        const float* row = c.row(y);
+        for (int x = 0; x <= maxShiftX; ++x)
+            if (row[x] > peak.value)
+            {
+                peak.value = row[x];
+                peak.x = x;
+                peak.y = y;
+            }
+    }
+    double total = 0.0;
+    for (int y = 0; y < c.height(); ++y)
+    {
+        const float* row = c.row(y);
+        double rowSum = 0.0;
+        for (int x = 0; x < c.width(); ++x)
+            rowSum += static_cast<double>(row[x]) * row[x];
+        total += rowSum;
+    }
+    const int half = constants::PeakExclusion / 2;
+    const int spanX = std::min(constants::PeakExclusion, c.width());
+    const int spanY = std::min(constants::PeakExclusion, c.height());
+    double excluded = 0.0;
+    for (int dy = 0; dy < spanY; ++dy)
+    {
+        const int y = ((peak.y - half + dy) % c.height() + c.height()) % c.height();
+        for (int dx = 0; dx < spanX; ++dx)
+        {
+            const int x = ((peak.x - half + dx) % c.width() + c.width()) % c.width();
+            excluded += static_cast<double>(c.at(x, y)) * c.at(x, y);
+        }
+    }
+    const double count = static_cast<double>(c.size()) - static_cast<double>(spanX) * spanY;
+    const double floor = count > 0 ? std::max(total - excluded, 0.0) / count : 0.0;
+    if (floor > 0.0)
+        peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
+    return peak;
+}
+
+} // namespace
+
+int candidateOrientations(int photoW, int photoH, int fpW, int fpH, int exifOrientation, int out[4])
+{
+    // The EXIF tag says how the stored pixels are to be turned for display; a
+    // photo turned by software and still carrying its tag is back on the sensor
+    // grid after the opposite turn, so that one goes first.
+    int hint = 0;
+    switch (exifOrientation)
+    {
+    case 3:
+        hint = 180;
+        break;
+    case 6:
+        hint = 270;
+        break;
+    case 8:
+        hint = 90;
+        break;
+    default:
+        break;
+    }
+    int order[4] = {0, 180, 90, 270};
+    if (hint == 180)
+    {
+        order[0] = 180;
+        order[1] = 0;
+    }
+    else if (hint == 90 || hint == 270)
+    {
+        const int arranged[4] = {hint, (hint + 180) % 360, 0, 180};
+        std::copy(arranged, arranged + 4, order);
+    }
+    int n = 0;
+    for (int r : order)
+    {
+        const bool turned = r == 90 || r == 270;
+        const int w = turned ? photoH : photoW;
+        const int h = turned ? photoW : photoH;
+        if (w <= fpW && h <= fpH)
+            out[n++] = r;
+    }
+    return n;
+}
+
+double probabilityForPce(double pce)
+{
+    const auto& ladder = constants::ProbabilityLadder;
+    constexpr int points = sizeof(ladder) / sizeof(ladder[0]);
+    if (!(pce > 0.0))
+        return 0.0;
+    if (pce < ladder[0].pce)
+        return ladder[0].probability * pce / ladder[0].pce;
+    int segment = points - 2;
+    for (int i = 0; i + 1 < points; ++i)
+        if (pce < ladder[i + 1].pce)
+        {
+            segment = i;
+            break;
+        }
+    // log(1 - p) is linear in log(PCE) between points, and beyond the last one.
+    const constants::LadderPoint a = ladder[segment];
+    const constants::LadderPoint b = ladder[segment + 1];
+    const double t = (std::log(pce) - std::log(a.pce)) / (std::log(b.pce) - std::log(a.pce));
+    const double logMiss = std::log(1.0 - a.probability) + t * (std::log(1.0 - b.probability) - std::log(1.0 - a.probability));
+    return std::min(1.0 - std::exp(logMiss), constants::MaxProbability);
+}
+
+MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
+{
+    const FingerprintData& fp = fingerprint.data;
+    MatchResult result;
+
+    Photo photo = readPhoto(path);
+    int orientations[4];
+    const int candidates =
+        candidateOrientations(photo.width, photo.height, fp.width, fp.height, photo.info.orientation, orientations);
+    if (candidates == 0)
+    {
+        result.reason = "size";
+        return result;
+    }
+    if (std::min(photo.width, photo.height) < constants::MinMatchSide)
+    {
+        result.reason = "too small";
+        return result;
+    }
+
+    // X = W * I: the photo's noise residual weighted by its own intensity, which
+    // is what the fingerprint predicts the sensor adds to this photo.
+    Plane x;
+    {
+        Plane residual;
+        combinedResidual(photo.planes, photo.channels, fp.sigmaMatch, residual);
+        zeroMeanLattices(residual);
+        wienerInDft(residual);
+        Plane grey;
+        greyLevel(photo.planes, photo.channels, grey);
+        for (Plane& p : photo.planes)
+            p = Plane();
+        Plane weights;
+        intensityWeights(grey, weights);
+        x = std::move(residual);
+        float* d = x.data();
+        const float* w = weights.data();
+        double sum = 0.0;
+        for (size_t i = 0, n = x.size(); i < n; ++i)
+        {
+            d[i] *= w[i];
+            sum += d[i];
+        }
+        const float mean = static_cast<float>(sum / static_cast<double>(x.size()));
+        for (size_t i = 0, n = x.size(); i < n; ++i)
+            d[i] -= mean;
+    }
+
+    prepareSpectrum(fingerprint);
+    Plane turned;
+    Plane padded;
+    Plane correlation;
+    Spectrum spectrum;
+    bool first = true;
+    for (int i = 0; i < candidates; ++i)
+    {
+        const int r = orientations[i];
+        rotatePlane(x, r, turned);
+        const int w = turned.width();
+        const int h = turned.height();
+        padded.reset(fp.width, fp.height);
+        padded.fill(0.0f);
+        for (int y = 0; y < h; ++y)
+            std::copy(turned.row(y), turned.row(y) + w, padded.row(y));
+        forwardFft(padded, spectrum);
+        {
+            StageTimer timer(Stage::Correlation);
+            const std::complex<float>* k = fingerprint.kSpectrum.data();
+            std::complex<float>* s = spectrum.data();
+            const size_t n = static_cast<size_t>(spectrum.columns()) * spectrum.height();
+            for (size_t j = 0; j < n; ++j)
+                s[j] = std::conj(s[j]) * k[j];
+        }
+        inverseFft(spectrum, correlation);
+
+        const int maxShiftX = fp.width - w;
+        const int maxShiftY = fp.height - h;
+        const Peak peak = peakToCorrelationEnergy(correlation, maxShiftX, maxShiftY);
+        result.positions += static_cast<long long>(maxShiftX + 1) * (maxShiftY + 1);
+        if (first || peak.pce > result.pceRaw)
+        {
+            first = false;
+            result.pceRaw = peak.pce;
+            result.orientation = r;
+            result.shiftX = peak.x;
+            result.shiftY = peak.y;
+            // Normalised correlation at the peak, computed directly for accuracy.
+            double cross = 0.0;
+            double xx = 0.0;
+            double kSum = 0.0;
+            double kk = 0.0;
+            for (int y = 0; y < h; ++y)
+            {
+                const float* xr = turned.row(y);
+                const float* kr = fp.k.row(y + peak.y) + peak.x;
+                for (int c = 0; c < w; ++c)
+                {
+                    cross += static_cast<double>(xr[c]) * kr[c];
+                    xx += static_cast<double>(xr[c]) * xr[c];
+                    kSum += kr[c];
+                    kk += static_cast<double>(kr[c]) * kr[c];
+                }
+            }
+            const double area = static_cast<double>(w) * h;
+            const double kVar = kk - kSum * kSum / area;
+            result.corr = xx > 0 && kVar > 0 ? cross / std::sqrt(xx * kVar) : 0.0;
+        }
+        // Held to the same false-alarm level whatever the search covered.
+        const double correction = std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
+        result.pce = result.pceRaw - correction;
+        if (result.pce >= constants::MatchThresholdPce)
+            break; // a clear match already: further turns would only cost time
+    }
+    result.matched = result.pce >= constants::MatchThresholdPce;
+    result.probability = probabilityForPce(result.pce);
+    return result;
+}
+
+std::string matchResultJson(const MatchResult& r)
+{
+    std::string json = "{\"sensors\":[{\"images\":[{\"result\":{\"sensor_matched\":";
+    json += r.matched ? "1" : "0";
+    json += ",\"probability\":";
+    appendJsonNumber(json, r.probability);
+    json += ",\"corr\":";
+    appendJsonNumber(json, r.corr);
+    json += ",\"pce\":";
+    appendJsonNumber(json, r.pce);
+    json += ",\"pce_raw\":";
+    appendJsonNumber(json, r.pceRaw);
+    json += ",\"orientation\":" + std::to_string(r.orientation);
+    json += ",\"shift\":[" + std::to_string(r.shiftX) + "," + std::to_string(r.shiftY) + "]";
+    json += ",\"positions\":" + std::to_string(r.positions);
+    json += ",\"reason\":";
+    appendJsonString(json, r.reason);
+    json += "}}]}]}";
+    return json;
+}
+
+} // namespace lumicrest

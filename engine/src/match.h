@@ -1,0 +1,38 @@
+#pragma once
+
+#include "fingerprint.h"
+
+#include <string>
+
+namespace lumicrest
+{
+
+struct MatchResult
+{
+    bool matched = false;
+    double probability = 0.0;
+    double corr = 0.0;
+    double pce = 0.0;        // search-corrected, signed
+    double pceRaw = 0.0;     // before the search correction
+    int orientation = 0;     // clockwise turn that aligns the photo with the fingerprint
+    int shiftX = 0;          // where the photo sits in the fingerprint (crops)
+    int shiftY = 0;
+    long long positions = 0; // positions examined, over all orientations tried
+    std::string reason;      // why the photo could not be judged ("size", "too small"), or empty
+};
+
+// Matches one photo file against a fingerprint. Throws Failure for photos that
+// cannot be read.
+MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path);
+
+// The JSON answer of one match.
+std::string matchResultJson(const MatchResult& result);
+
+// Monotone map from search-corrected PCE to probability.
+double probabilityForPce(double pce);
+
+// Orientations to try for a photo of this size, the EXIF hint's first; empty
+// when no turn of the photo fits inside the fingerprint.
+int candidateOrientations(int photoW, int photoH, int fpW, int fpH, int exifOrientation, int out[4]);
+
+} // namespace lumicrest

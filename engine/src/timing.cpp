@@ -1,0 +1,12 @@
+#include "timing.h"
+
+namespace lumicrest
+{
+
+StageTimes& threadStageTimes()
+{
+    thread_local StageTimes times;
+    return times;
+}
+
+} // namespace lumicrest

@@ -1,0 +1,214 @@
+// Learning and matching on simulated cameras, through the C interface: the
+// engine must tell two units of the same model apart and survive rotation,
+// cropping and recompression.
+#include "camsim/camera.h"
+#include "camsim/imagefile.h"
+#include "enginetestutils.h"
+#include "lumicrest.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+using namespace enginetest;
+
+namespace
+{
+
+constexpr int Width = 1280;
+constexpr int Height = 960;
+
+camsim::CameraConfig unit(uint64_t seed)
+{
+    camsim::CameraConfig config;
+    config.make = "Veltrano";
+    config.model = "QX-1";
+    config.lens = "Tessan 35mm f/2";
+    config.width = Width;
+    config.height = Height;
+    config.unitSeed = seed;
+    return config;
+}
+
+camsim::ShotConfig shot(camsim::SceneKind scene, uint64_t seed, double exposure = 0.3)
+{
+    camsim::ShotConfig s;
+    s.scene = scene;
+    s.sceneSeed = seed;
+    s.exposure = exposure;
+    return s;
+}
+
+// One fingerprint of unit 1 learned from ten ordinary photos, shared by the tests.
+class Accuracy : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = new TempDir("lumicrest-accuracy");
+        s_unit1 = new camsim::Camera(unit(1));
+        s_unit2 = new camsim::Camera(unit(2));
+        std::vector<std::string> references;
+        const camsim::SceneKind kinds[] = {camsim::SceneKind::Flat, camsim::SceneKind::Gradient,
+                                           camsim::SceneKind::Natural};
+        for (int i = 0; i < 10; ++i)
+        {
+            const std::string path = s_dir->file("ref_" + std::to_string(i) + ".jpg");
+            s_unit1->shoot(shot(kinds[i % 3], 100 + i, 0.25 + 0.03 * (i % 4)), path);
+            references.push_back(path);
+        }
+        s_learned = new Learned(learn(references));
+    }
+    static void TearDownTestSuite()
+    {
+        release_fingerprint(&s_learned->fp);
+        delete s_learned;
+        delete s_unit1;
+        delete s_unit2;
+        delete s_dir;
+    }
+
+    static std::string photo(const camsim::Camera& camera, const camsim::ShotConfig& s, const std::string& name)
+    {
+        const std::string path = s_dir->file(name);
+        camera.shoot(s, path);
+        return path;
+    }
+
+    static TempDir* s_dir;
+    static camsim::Camera* s_unit1;
+    static camsim::Camera* s_unit2;
+    static Learned* s_learned;
+};
+
+TempDir* Accuracy::s_dir = nullptr;
+camsim::Camera* Accuracy::s_unit1 = nullptr;
+camsim::Camera* Accuracy::s_unit2 = nullptr;
+Learned* Accuracy::s_learned = nullptr;
+
+} // namespace
+
+TEST_F(Accuracy, LearnedFromTenPhotos)
+{
+    ASSERT_EQ(s_learned->code, LUMICREST_OK) << s_learned->diagnostics;
+    ASSERT_NE(s_learned->fp.data, nullptr);
+    ASSERT_GT(s_learned->fp.size, 2 * Width * Height);
+    std::printf("learning diagnostics: %s\nwarnings: %s\n", s_learned->diagnostics.c_str(),
+                s_learned->warnings.c_str());
+
+    const std::string saved = s_dir->file("unit1.fnp");
+    ASSERT_EQ(save_fingerprint_to_disk(&s_learned->fp, wide(saved).c_str()), LUMICREST_OK);
+    wchar_t* json = nullptr;
+    ASSERT_EQ(get_metadata_sensor_fingerprint(wide(saved).c_str(), &json), LUMICREST_OK);
+    const std::string meta = take(json);
+    EXPECT_EQ(jsonNumber(meta, "width"), Width);
+    EXPECT_EQ(jsonNumber(meta, "height"), Height);
+    EXPECT_EQ(jsonArrayLength(meta, "nmse"), 10) << meta;
+    EXPECT_NE(meta.find("\"make\":\"Veltrano\""), std::string::npos);
+    EXPECT_NE(meta.find("\"model\":\"QX-1\""), std::string::npos);
+    EXPECT_NE(meta.find("\"lens\":\"Tessan 35mm f/2\""), std::string::npos);
+}
+
+TEST_F(Accuracy, SameUnitMatchesInTheHighestClassOtherUnitNever)
+{
+    double lowestSame = 1e300;
+    double highestOther = -1e300;
+    for (int i = 0; i < 6; ++i)
+    {
+        const auto scene = i % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Edges;
+        const Matched same = match(s_learned->fp, photo(*s_unit1, shot(scene, 500 + i), "same.jpg"));
+        const Matched other = match(s_learned->fp, photo(*s_unit2, shot(scene, 500 + i), "other.jpg"));
+        std::printf("photo %d: same unit PCE %.1f, other unit PCE %.1f\n", i, same.pce(), other.pce());
+        ASSERT_EQ(same.code, LUMICREST_OK) << same.json;
+        ASSERT_EQ(other.code, LUMICREST_OK) << other.json;
+        EXPECT_TRUE(same.matched()) << same.json;
+        EXPECT_GE(same.probability(), 0.999) << "highest class: " << same.json;
+        EXPECT_EQ(same.orientation(), 0);
+        EXPECT_FALSE(other.matched()) << other.json;
+        EXPECT_LT(other.probability(), 0.95);
+        lowestSame = std::min(lowestSame, same.pce());
+        highestOther = std::max(highestOther, other.pce());
+    }
+    std::printf("same unit PCE >= %.1f, other unit PCE <= %.1f\n", lowestSame, highestOther);
+}
+
+TEST_F(Accuracy, RotatedCroppedAndRecompressedPhotosMatch)
+{
+    for (int rotation : {90, 180, 270})
+    {
+        camsim::ShotConfig s = shot(camsim::SceneKind::Natural, 700 + rotation);
+        s.rotation = rotation;
+        const Matched m = match(s_learned->fp, photo(*s_unit1, s, "turned.jpg"));
+        std::printf("rotated %d: PCE %.1f -> %s\n", rotation, m.pce(), m.json.c_str());
+        EXPECT_TRUE(m.matched()) << m.json;
+        // The engine reports the turn that brings the photo back onto the sensor grid.
+        EXPECT_EQ(m.orientation(), (360 - rotation) % 360) << m.json;
+        const Matched stranger = match(s_learned->fp, photo(*s_unit2, s, "turned_other.jpg"));
+        EXPECT_FALSE(stranger.matched()) << stranger.json;
+    }
+
+    camsim::ShotConfig cropped = shot(camsim::SceneKind::Natural, 800);
+    cropped.cropWidth = Width / 2;
+    cropped.cropHeight = Height / 2;
+    const Matched crop = match(s_learned->fp, photo(*s_unit1, cropped, "crop.jpg"));
+    std::printf("centre crop: PCE %.1f -> %s\n", crop.pce(), crop.json.c_str());
+    EXPECT_TRUE(crop.matched()) << crop.json;
+    EXPECT_NE(crop.json.find("\"shift\":[" + std::to_string(Width / 4) + "," + std::to_string(Height / 4) + "]"),
+              std::string::npos)
+        << crop.json;
+    const Matched cropOther = match(s_learned->fp, photo(*s_unit2, cropped, "crop_other.jpg"));
+    std::printf("centre crop, other unit: PCE %.1f\n", cropOther.pce());
+    EXPECT_FALSE(cropOther.matched()) << cropOther.json;
+
+    const std::string original = photo(*s_unit1, shot(camsim::SceneKind::Natural, 900), "original.jpg");
+    const std::string recompressed = s_dir->file("q70.jpg");
+    camsim::recompressJpeg(original, recompressed, 70);
+    const Matched q70 = match(s_learned->fp, recompressed);
+    std::printf("recompressed at quality 70: PCE %.1f\n", q70.pce());
+    EXPECT_TRUE(q70.matched()) << q70.json;
+
+    camsim::ShotConfig larger = shot(camsim::SceneKind::Natural, 901);
+    const camsim::Camera big([] {
+        camsim::CameraConfig c = unit(1);
+        c.width = Width + 64;
+        return c;
+    }());
+    const Matched tooLarge = match(s_learned->fp, photo(big, larger, "larger.jpg"));
+    EXPECT_EQ(tooLarge.code, LUMICREST_OK);
+    EXPECT_FALSE(tooLarge.matched());
+    EXPECT_NE(tooLarge.json.find("\"reason\":\"size\""), std::string::npos) << tooLarge.json;
+}
+
+TEST_F(Accuracy, EightThreadsGiveTheAnswersOfOne)
+{
+    // The fingerprint as the program holds it after loading a file: bytes only.
+    const std::string saved = s_dir->file("threads.fnp");
+    ASSERT_EQ(save_fingerprint_to_disk(&s_learned->fp, wide(saved).c_str()), LUMICREST_OK);
+    std::ifstream in(saved, std::ios::binary);
+    std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const fingerprint_binary_s held{bytes.data(), static_cast<int32_t>(bytes.size()), nullptr};
+
+    std::vector<std::string> photos;
+    for (int i = 0; i < 8; ++i)
+        photos.push_back(photo(i % 2 ? *s_unit1 : *s_unit2, shot(camsim::SceneKind::Natural, 1000 + i),
+                               "thread_" + std::to_string(i) + ".jpg"));
+    std::vector<std::string> sequential;
+    for (const std::string& p : photos)
+        sequential.push_back(match(held, p).json);
+
+    std::vector<std::string> parallel(photos.size());
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < photos.size(); ++i)
+        threads.emplace_back([&, i] { parallel[i] = match(held, photos[i]).json; });
+    for (std::thread& t : threads)
+        t.join();
+    for (size_t i = 0; i < photos.size(); ++i)
+    {
+        EXPECT_EQ(parallel[i], sequential[i]) << "photo " << i;
+        EXPECT_EQ(match(s_learned->fp, photos[i]).json, sequential[i]) << "engine-made and caller-built agree";
+    }
+}
