@@ -24,21 +24,23 @@ struct StageTimes
 
 StageTimes& threadStageTimes();
 
+// Times one stage. Timers nest exclusively: an inner stage (the FFTs of the
+// Wiener filter) pauses the outer one, so the stages add up to the whole.
 class StageTimer
 {
 public:
-    explicit StageTimer(Stage stage) : m_stage(stage), m_start(std::chrono::steady_clock::now()) {}
-    ~StageTimer()
-    {
-        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - m_start;
-        threadStageTimes().seconds[static_cast<int>(m_stage)] += spent.count();
-    }
+    explicit StageTimer(Stage stage);
+    ~StageTimer();
     StageTimer(const StageTimer&) = delete;
     StageTimer& operator=(const StageTimer&) = delete;
 
 private:
+    using Clock = std::chrono::steady_clock;
+    void book(Clock::time_point now);
+
     Stage m_stage;
-    std::chrono::steady_clock::time_point m_start;
+    Clock::time_point m_start;
+    StageTimer* m_outer;
 };
 
 } // namespace lumicrest

@@ -81,66 +81,62 @@ void CTask::setProgressText(const QString& text)
 // synchronously on the emitting thread, whatever thread the objects live on.
 // They are not removed afterwards; they die with the objects.
 
-bool CTask::runSubTask(std::shared_ptr<CTask> task, qint64 from, qint64 to)
+namespace
+{
+
+// A failed connection is a self-check failure; the call goes on regardless.
+void linkChild(CTask* parent, CTask* child, bool progress)
+{
+    if (progress &&
+        !QObject::connect(child, &CTask::progressRange, parent, &CTask::setProgressRange, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange"));
+    if (progress && !QObject::connect(child, &CTask::progressPos, parent, &CTask::setProgressPos, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos"));
+    if (!QObject::connect(parent, &CTask::cancelled, child, &CTask::cancel, Qt::DirectConnection))
+        QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+}
+
+bool present(const std::shared_ptr<CTask>& task, const char* operation)
 {
     if (!task)
-    {
-        QX_SELFCHECK(QStringLiteral("runSubTask without a sub-task"));
+        QX_SELFCHECK(QStringLiteral("%1 without a sub-task").arg(QLatin1String(operation)));
+    return task != nullptr;
+}
+
+} // namespace
+
+bool CTask::runSubTask(std::shared_ptr<CTask> task, qint64 from, qint64 to)
+{
+    if (!present(task, "runSubTask"))
         return false;
-    }
-    const auto adapter = makeTask<CTaskRangeAdapter>(std::move(task), from, to);
-    if (!connect(adapter.get(), &CTask::progressRange, this, &CTask::setProgressRange, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect adapter progressRange"));
-    if (!connect(adapter.get(), &CTask::progressPos, this, &CTask::setProgressPos, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect adapter progressPos"));
     // Cancelling us cancels the adapter, which passes it on to the sub-task.
-    if (!connect(this, &CTask::cancelled, adapter.get(), &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect cancelled to adapter"));
+    const auto adapter = makeTask<CTaskRangeAdapter>(std::move(task), from, to);
+    linkChild(this, adapter.get(), true);
     return adapter->run();
 }
 
 bool CTask::runSubTaskWithProgress(std::shared_ptr<CTask> task)
 {
-    if (!task)
-    {
-        QX_SELFCHECK(QStringLiteral("runSubTaskWithProgress without a sub-task"));
+    if (!present(task, "runSubTaskWithProgress"))
         return false;
-    }
-    if (!connect(task.get(), &CTask::progressRange, this, &CTask::setProgressRange, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange"));
-    if (!connect(task.get(), &CTask::progressPos, this, &CTask::setProgressPos, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos"));
-    if (!connect(this, &CTask::cancelled, task.get(), &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+    linkChild(this, task.get(), true);
     return task->run();
 }
 
 bool CTask::runSubTaskWithOffset(std::shared_ptr<CTask> task, qint64 offset)
 {
-    if (!task)
-    {
-        QX_SELFCHECK(QStringLiteral("runSubTaskWithOffset without a sub-task"));
+    if (!present(task, "runSubTaskWithOffset"))
         return false;
-    }
     const auto adapter = makeTask<CTaskOffsetAdapter>(std::move(task), offset);
-    if (!connect(adapter.get(), &CTask::progressRange, this, &CTask::setProgressRange, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect adapter progressRange"));
-    if (!connect(adapter.get(), &CTask::progressPos, this, &CTask::setProgressPos, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect adapter progressPos"));
-    if (!connect(this, &CTask::cancelled, adapter.get(), &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect cancelled to adapter"));
+    linkChild(this, adapter.get(), true);
     return adapter->run();
 }
 
 bool CTask::runSubTaskNoProgress(std::shared_ptr<CTask> task)
 {
-    if (!task)
-    {
-        QX_SELFCHECK(QStringLiteral("runSubTaskNoProgress without a sub-task"));
+    if (!present(task, "runSubTaskNoProgress"))
         return false;
-    }
-    if (!connect(this, &CTask::cancelled, task.get(), &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+    linkChild(this, task.get(), false);
     return task->run();
 }
 

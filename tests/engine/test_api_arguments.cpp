@@ -118,7 +118,9 @@ TEST(ApiArguments, MatchingRefusesBadArgumentsAndStillAnswers)
     wchar_t* json = nullptr;
 
     EXPECT_EQ(match_device_origins(nullptr, text.c_str(), 2, &json, nullptr), LUMICREST_INVALID_NULL_POINTER);
+    std::free(json);
     EXPECT_EQ(match_device_origins(&held.fp, nullptr, 2, &json, nullptr), LUMICREST_INVALID_NULL_POINTER);
+    std::free(json);
     EXPECT_EQ(match_device_origins(&held.fp, text.c_str(), 2, nullptr, nullptr), LUMICREST_INVALID_NULL_POINTER);
     EXPECT_EQ(match_device_origins(&held.fp, L"", 2, &json, nullptr), LUMICREST_INVALID_EMPTY_PATH);
     EXPECT_NE(json, nullptr) << "even a refused call answers";

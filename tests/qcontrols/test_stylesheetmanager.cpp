@@ -7,51 +7,14 @@
 #include <QTemporaryDir>
 #include <QWidget>
 
+#include "logcapture.h"
+
 #include <gtest/gtest.h>
 
 using qcontrols::CStyleSheetManager;
 
 namespace
 {
-
-// Sends records down to Debug to a log file of this test binary and returns
-// what was written while it lived.
-class CLogCapture
-{
-public:
-    CLogCapture() : m_path(QStringLiteral(QUORVEX_TEST_BINARY_DIR "/test_stylesheetmanager.log"))
-    {
-        qutils::CLogger::instance().setLogFile(m_path);
-        qutils::CLogger::instance().setLevel(qutils::LogDebug);
-        m_start = QFile(m_path).size();
-        // A line of our own first: the logger folds a line identical to the
-        // previous one within the same second, which would hide a record.
-        static int s_count = 0;
-        QX_DEBUG << QStringLiteral("log capture %1 starts").arg(++s_count);
-    }
-    ~CLogCapture() { qutils::CLogger::instance().setLevel(qutils::LogWarning); }
-
-    QString text() const
-    {
-        QFile file(m_path);
-        if (!file.open(QIODevice::ReadOnly) || !file.seek(m_start))
-            return QString();
-        return QString::fromUtf8(file.readAll());
-    }
-
-    // True when a record of the given level came from our source file (the
-    // test's own file name also holds the class name, so match the source path).
-    bool hasRecord(const QString& levelName, const QString& source) const
-    {
-        const QRegularExpression pattern(QRegularExpression::escape(levelName) + QStringLiteral(" +\\S*") +
-                                         QRegularExpression::escape(source) + QStringLiteral("\\("));
-        return pattern.match(text()).hasMatch();
-    }
-
-private:
-    QString m_path;
-    qint64 m_start = 0;
-};
 
 class StyleSheetManager : public ::testing::Test
 {
@@ -81,7 +44,7 @@ protected:
 
 TEST_F(StyleSheetManager, EmptyBeforeSetAndLogged)
 {
-    CLogCapture log;
+    testutils::CLogCapture log;
     EXPECT_FALSE(CStyleSheetManager::hasStyleSheet());
     EXPECT_EQ(CStyleSheetManager::styleSheet(), QString());
     EXPECT_TRUE(log.hasRecord(QStringLiteral("Debug"), QStringLiteral("qcontrols/stylesheetmanager.cpp")));
@@ -96,7 +59,7 @@ TEST_F(StyleSheetManager, KeepsWhatWasSet)
 
     // An empty sheet set on purpose is a sheet, not "none yet": no record.
     CStyleSheetManager::setStyleSheet(QString());
-    CLogCapture log;
+    testutils::CLogCapture log;
     EXPECT_EQ(CStyleSheetManager::styleSheet(), QString());
     EXPECT_FALSE(log.text().contains(QLatin1String("before one was set")));
 }
@@ -171,7 +134,7 @@ TEST_F(StyleSheetManager, LoadWithoutConstantsFile)
 
 TEST_F(StyleSheetManager, MissingSheetGivesEmptyTextAndLogs)
 {
-    CLogCapture log;
+    testutils::CLogCapture log;
     const QString missing = m_dir.filePath(QStringLiteral("absent.qss"));
     EXPECT_EQ(CStyleSheetManager::load(missing, QString(), 1.5), QString());
     EXPECT_TRUE(CStyleSheetManager::hasStyleSheet());

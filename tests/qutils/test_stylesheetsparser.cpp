@@ -6,6 +6,8 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include "logcapture.h"
+
 #include <gtest/gtest.h>
 
 using qutils::CException;
@@ -36,45 +38,6 @@ void expectParseError(const QString& text, const QString& message)
     // Nothing of a failing text is kept.
     EXPECT_TRUE(parser.constants().isEmpty());
 }
-
-// Sends Debug records to a log file of this test binary and returns what was
-// written while it lived.
-class CLogCapture
-{
-public:
-    CLogCapture() : m_path(QStringLiteral(QUORVEX_TEST_BINARY_DIR "/test_stylesheetsparser.log"))
-    {
-        qutils::CLogger::instance().setLogFile(m_path);
-        qutils::CLogger::instance().setLevel(qutils::LogDebug);
-        m_start = QFile(m_path).size();
-        // A line of our own first: the logger folds a line identical to the
-        // previous one within the same second, which would hide a record.
-        static int s_count = 0;
-        QX_DEBUG << QStringLiteral("log capture %1 starts").arg(++s_count);
-    }
-    ~CLogCapture() { qutils::CLogger::instance().setLevel(qutils::LogWarning); }
-
-    QString text() const
-    {
-        QFile file(m_path);
-        if (!file.open(QIODevice::ReadOnly) || !file.seek(m_start))
-            return QString();
-        return QString::fromUtf8(file.readAll());
-    }
-
-    // True when a record of the given level came from our source file (the
-    // test's own file name also holds the class name, so match the source path).
-    bool hasRecord(const QString& levelName, const QString& source) const
-    {
-        const QRegularExpression pattern(QRegularExpression::escape(levelName) + QStringLiteral(" +\\S*") +
-                                         QRegularExpression::escape(source) + QStringLiteral("\\("));
-        return pattern.match(text()).hasMatch();
-    }
-
-private:
-    QString m_path;
-    qint64 m_start = 0;
-};
 
 QString writeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& content)
 {
@@ -253,7 +216,7 @@ TEST(StyleSheetsParserReplace, InsertedValuesAreNotSearchedAgain)
 
 TEST(StyleSheetsParserReplace, EmptyNameLeavesTextAndLogs)
 {
-    CLogCapture log;
+    testutils::CLogCapture log;
     EXPECT_EQ(CStyleSheetsParser::replaceConstant(QStringLiteral("a b"), QString(), QStringLiteral("x")),
               QStringLiteral("a b"));
     EXPECT_TRUE(log.hasRecord(QStringLiteral("Debug"), QStringLiteral("qutils/stylesheetsparser.cpp")));
@@ -366,7 +329,7 @@ TEST(StyleSheetsParserRead, MissingFileLogsAndAddsNothing)
 {
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
-    CLogCapture log;
+    testutils::CLogCapture log;
     CStyleSheetsParser parser;
     parser.readConstants(dir.filePath(QStringLiteral("absent.txt")));
     EXPECT_TRUE(parser.constants().isEmpty());
@@ -379,7 +342,7 @@ TEST(StyleSheetsParserRead, EmptyFileLogsAndAddsNothing)
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
     const QString path = writeFile(dir, QStringLiteral("empty.txt"), QByteArray());
-    CLogCapture log;
+    testutils::CLogCapture log;
     CStyleSheetsParser parser;
     parser.readConstants(path);
     EXPECT_TRUE(parser.constants().isEmpty());

@@ -3,6 +3,7 @@
 #include "qutils/genericwaiter.h"
 #include "qutils/taskrunner.h"
 #include "qutils/tasks.h"
+#include "logcapture.h"
 #include "testutils.h"
 
 #include <QCoreApplication>
@@ -24,36 +25,6 @@ using namespace qutils;
 
 namespace
 {
-
-// Sends Debug records to a temporary log for one test and hands back what was
-// written after a unique marker (the logger folds identical consecutive lines).
-class CLogCapture
-{
-public:
-    CLogCapture()
-    {
-        static QTemporaryDir dir;
-        static int counter = 0;
-        m_path = dir.filePath(QStringLiteral("tasks.log"));
-        CLogger::instance().setLogFile(m_path);
-        CLogger::instance().setLevel(LogDebug);
-        QX_DEBUG << "capture marker " << ++counter;
-        m_offset = QFile(m_path).size();
-    }
-    ~CLogCapture() { CLogger::instance().setLevel(LogWarning); }
-
-    QString text() const { return testutils::readText(m_path).mid(static_cast<int>(m_offset)); }
-    bool hasSelfCheck(const char* source) const
-    {
-        const QString log = text();
-        return log.contains(QStringLiteral("Self-check failed")) &&
-               log.contains(QStringLiteral("qtv/qutils/") + QLatin1String(source) + QLatin1Char('('));
-    }
-
-private:
-    QString m_path;
-    qint64 m_offset = 0;
-};
 
 // Records what a task emits, on the emitting thread.
 struct SProgressLog
@@ -265,10 +236,10 @@ TEST(FunctionTask, CallableGetsTheTask)
 
 TEST(FunctionTask, EmptyCallableIsLoggedAndDoesNothing)
 {
-    CLogCapture log;
+    testutils::CLogCapture log;
     auto task = makeTask<CFunctionTask>(std::function<void(CTask*)>());
     EXPECT_FALSE(task->run());
-    EXPECT_TRUE(log.hasSelfCheck("tasks.cpp")) << log.text().toStdString();
+    EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/tasks.cpp"))) << log.text().toStdString();
 }
 
 TEST(TaskRunner, RunsOnItsOwnThreadAndSignalsTheGuiThread)
@@ -295,14 +266,14 @@ TEST(TaskRunner, RunsOnItsOwnThreadAndSignalsTheGuiThread)
 
 TEST(TaskRunner, SecondStartWhileRunningIsRefusedAndLogged)
 {
-    CLogCapture log;
+    testutils::CLogCapture log;
     QSemaphore gate;
     CTaskRunner runner([&] { gate.acquire(); });
     EXPECT_TRUE(runner.runTaskAsync());
     EXPECT_FALSE(runner.runTaskAsync());
     gate.release();
     runner.wait();
-    EXPECT_TRUE(log.hasSelfCheck("taskrunner.cpp")) << log.text().toStdString();
+    EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/taskrunner.cpp"))) << log.text().toStdString();
 }
 
 TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
@@ -509,11 +480,11 @@ TEST(GenericWaiter, PositiveTimeoutReturnsFalse)
 
 TEST(GenericWaiter, StopFromForeignThreadIsLoggedAndStillCounts)
 {
-    CLogCapture log;
+    testutils::CLogCapture log;
     CGenericWaiter waiter(10000);
     std::thread([&] { waiter.stopWaiting(); }).join();
     EXPECT_TRUE(waiter.wait([] {}));
-    EXPECT_TRUE(log.hasSelfCheck("genericwaiter.cpp")) << log.text().toStdString();
+    EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/genericwaiter.cpp"))) << log.text().toStdString();
 }
 
 TEST(GenericWaiter, EmptyStartThrows)
