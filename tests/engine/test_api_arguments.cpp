@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -151,6 +152,36 @@ TEST(ApiArguments, MatchingRefusesBadArgumentsAndStillAnswers)
     fingerprint_binary_s tiny{held.bytes.data(), 3, nullptr};
     EXPECT_EQ(match_device_origins(&tiny, text.c_str(), 2, &json, nullptr), LUMICREST_FINGERPRINT_CANNOT_READ);
     std::free(json);
+}
+
+TEST(ApiArguments, BrokenPhotosGiveTheirValuesThroughBothCalls)
+{
+    // Every fixture is named after the value the engine must give for it.
+    CallerFingerprint held;
+    int checked = 0;
+    for (const auto& entry : fs::directory_iterator(fs::path(QUORVEX_TEST_DATA_DIR) / "broken"))
+    {
+        const std::string name = entry.path().filename().string();
+        if (name.size() < 4 || name[3] != '_' || !std::isdigit(static_cast<unsigned char>(name[0])))
+            continue;
+        const lumicrest_error_code expected = std::stoi(name.substr(0, 3));
+        const std::wstring path = entry.path().wstring();
+
+        wchar_t* json = nullptr;
+        EXPECT_EQ(match_device_origins(&held.fp, path.c_str(), 2, &json, nullptr), expected) << name;
+        EXPECT_NE(answer(json).find("\"sensor_matched\":0"), std::string::npos) << name;
+
+        const wchar_t* paths[] = {path.c_str()};
+        fingerprint_binary_s out{};
+        wchar_t* t1 = nullptr;
+        wchar_t* t2 = nullptr;
+        EXPECT_EQ(get_sensor_fingerprint(paths, 1, &out, &t1, L"", true, &t2, nullptr), expected) << name;
+        EXPECT_NE(answer(t1).find("\"result\":" + std::to_string(expected)), std::string::npos) << name;
+        answer(t2);
+        EXPECT_EQ(out.data, nullptr);
+        ++checked;
+    }
+    EXPECT_GE(checked, 10) << "the fixtures folder must not silently go empty";
 }
 
 TEST(ApiArguments, SavingReadingAndReleasing)
