@@ -1,0 +1,88 @@
+#pragma once
+
+#include "lumicrest.h"
+#include "qutils/quorvexapi.h"
+
+#include <QByteArray>
+#include <QFileInfo>
+#include <QMap>
+#include <QVariant>
+
+#include <memory>
+
+// The program's fingerprint record: the engine's fingerprint bytes and a small
+// table of metadata properties, read from and written to ".fnp" files. The
+// only class that talks to the engine.
+class CFingerprint
+{
+public:
+    using EStatus = qutils::CQuorvexAPI::EStatus;
+    using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
+    using ProgressFunction = void (*)(int, float, float);
+
+    enum EInfoType : qint32
+    {
+        Invalid = 0,
+        Width = 1,
+        Height = 2,
+        TrainingImagesCount = 3,
+        NMSE = 4,
+        Manufacturer = 5,
+        Model = 6,
+        Description = 7,
+        LensInfo = 8,
+        Path = 9, // only a row of the properties page, never stored
+        CreationDate = 10,
+    };
+    using Properties = QMap<EInfoType, QVariant>;
+
+    static constexpr qint64 FileVersion = 2;
+
+    virtual ~CFingerprint();
+    // The engine struct points into the record's own bytes: never copied.
+    CFingerprint(const CFingerprint&) = delete;
+    CFingerprint& operator=(const CFingerprint&) = delete;
+
+    // Reads a ".fnp" file. Status 1 Success, 15 CannotOpenFingerprint (cannot
+    // be opened) or 17 FingerprintUnsupportedVersion; null on failure.
+    static std::shared_ptr<CFingerprint> load(const QFileInfo& file, EStatus* status);
+    // Writes the properties and the given engine bytes. False only when the file
+    // cannot be written; an existing file is replaced only by a complete new one.
+    bool save(const QFileInfo& file, const fingerprint_binary_s& fp) const;
+
+    // Learns a fingerprint from the photos and saves it to target.
+    static EStatus createFingerprint(const QFileInfoList& photos, const QFileInfo& target, ProgressFunction progress);
+
+    // Matches one photo; safe from several threads at once. With
+    // skipDifferentCamera, a photo whose EXIF camera differs from the
+    // fingerprint's is refused without calling the engine.
+    virtual SAnalysisResult match(const QFileInfo& photo, bool skipDifferentCamera) const;
+
+    const fingerprint_binary_s& fingerprint() const { return m_fingerprint; }
+    const Properties& properties() const { return m_properties; }
+    QVariant property(EInfoType id) const { return m_properties.value(id); }
+    void setProperty(EInfoType id, const QVariant& value) { m_properties.insert(id, value); }
+
+    // The property table: lower-case key and translated display text.
+    static QString key(EInfoType id);
+    static QString displayText(EInfoType id);
+    // "Fingerprint Files (*.fnp)" for file dialogs.
+    static QString fileFilter();
+
+    // The path as the engine gets it: native separators; long paths pass
+    // unchanged where the system has no short form.
+    static QString preparedPath(const QFileInfo& photo);
+
+protected:
+    CFingerprint() = default;
+
+private:
+    // A record over bytes it owns (a loaded file).
+    CFingerprint(const Properties& properties, const QByteArray& bytes);
+    // Fills the metadata of a new record through the engine's own file format.
+    void readEngineMetadata(const fingerprint_binary_s& fp);
+
+    QByteArray m_bytes;
+    fingerprint_binary_s m_fingerprint{};
+    Properties m_properties;
+};

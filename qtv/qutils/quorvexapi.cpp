@@ -1,0 +1,285 @@
+// The client of the integration mode: finds the program, starts it with
+// "/integration" and turns calls into request lines and answers into results.
+#include "quorvexapi.h"
+
+#include "debugutils.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QThread>
+
+#ifdef Q_OS_WIN
+#include <QSettings>
+#include <QVersionNumber>
+#endif
+
+#include <atomic>
+
+namespace qutils
+{
+
+namespace
+{
+
+std::atomic<int> g_lineTimeout{30000};
+
+#ifdef Q_OS_WIN
+const QString ProgramFileName = QStringLiteral("Quorvex.exe");
+#else
+const QString ProgramFileName = QStringLiteral("quorvex");
+#endif
+
+// Failures of the client end as states, never as exceptions; a log that
+// cannot be written must not change that.
+void logWarning(const QString& text) noexcept
+{
+    try
+    {
+        QX_WARNING << text;
+    }
+    catch (...)
+    {
+    }
+}
+
+QString executableAt(const QString& path)
+{
+    const QFileInfo file(path);
+    return file.isFile() && file.isExecutable() ? file.absoluteFilePath() : QString();
+}
+
+#ifdef Q_OS_WIN
+// The installer's uninstall entries: the current product line, then the older
+// one, which was installed as a 32-bit program.
+const QString CurrentProductKey = QStringLiteral("{4F2A9C1E-7B3D-4E58-A6C2-9D1E5B7F3A20}_is1");
+const QString OlderProductKey = QStringLiteral("{B83E6D41-2C97-4A1F-8E5B-0C6A7D9F2E14}_is1");
+
+QString installedProgram()
+{
+    const QString uninstall =
+        QStringLiteral("HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\");
+    const QString olderUninstall = QStringLiteral(
+        "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\");
+    struct SKey
+    {
+        QString path;
+        QSettings::Format view;
+    };
+    const SKey keys[] = {
+        {uninstall + CurrentProductKey, QSettings::NativeFormat},
+        {olderUninstall + OlderProductKey, QSettings::Registry32Format},
+        {uninstall + OlderProductKey, QSettings::NativeFormat},
+    };
+    for (const SKey& key : keys)
+    {
+        const QSettings entry(key.path, key.view);
+        if (entry.childKeys().isEmpty())
+            continue;
+
+        const QVariant displayVersion = entry.value(QStringLiteral("DisplayVersion"));
+        if (displayVersion.type() != QVariant::String)
+            return QString();
+        // Versions before 1.4 have no integration mode.
+        const QVersionNumber version = QVersionNumber::fromString(displayVersion.toString());
+        if (version.majorVersion() == 1 && version.minorVersion() < 4)
+            return QString();
+
+        const QVariant location = entry.value(QStringLiteral("InstallLocation"));
+        if (location.type() != QVariant::String)
+            return QString();
+        QString path = location.toString();
+        if (!path.endsWith(QLatin1Char('\\')))
+            path += QLatin1Char('\\');
+        return path + ProgramFileName;
+    }
+    return QString();
+}
+#endif
+
+} // namespace
+
+CQuorvexAPI::CQuorvexAPI(QObject* parent) : QObject(parent)
+{
+    m_ioThread = new QThread;
+    m_ioThread->setObjectName(QStringLiteral("CQuorvexAPI I/O"));
+    m_ioContext = new QObject;
+    m_ioContext->moveToThread(m_ioThread);
+    m_ioThread->start();
+
+    const QString program = findProgram();
+    QString failure;
+    runOnIoThread(
+        [this, &program, &failure]
+        {
+            m_process = new QProcess;
+            m_process->setProcessChannelMode(QProcess::MergedChannels);
+            if (program.isEmpty())
+            {
+                m_state = NotInstalled;
+                failure = QStringLiteral("The Quorvex program was not found");
+                return;
+            }
+            m_process->start(program, {QStringLiteral("/integration")}, QIODevice::ReadWrite);
+            if (!m_process->waitForStarted(lineTimeout()))
+            {
+                m_state = NotInstalled;
+                failure = QStringLiteral("%1 did not start: %2").arg(program, m_process->errorString());
+                return;
+            }
+            const QStringList greeting = readAnswer();
+            if (greeting.isEmpty())
+            {
+                m_state = Fatal;
+                failure = QStringLiteral("%1 did not greet").arg(program);
+                return;
+            }
+            m_state = statusFromKey(greeting.first());
+            if (m_state != Success)
+                failure = QStringLiteral("%1 greeted with \"%2\"").arg(program, greeting.first());
+        });
+    if (!failure.isEmpty())
+        logWarning(failure);
+}
+
+CQuorvexAPI::~CQuorvexAPI()
+{
+    {
+        QMutexLocker lock(&m_mutex);
+        runOnIoThread(
+            [this]
+            {
+                if (m_process->state() != QProcess::NotRunning)
+                {
+                    m_process->write("quitQuorvex\n");
+                    m_process->waitForBytesWritten(lineTimeout());
+                    if (!m_process->waitForFinished(lineTimeout()))
+                    {
+                        logWarning(QStringLiteral("The integration server did not end; it is killed"));
+                        m_process->kill();
+                        m_process->waitForFinished(lineTimeout());
+                    }
+                }
+                delete m_process;
+                m_process = nullptr;
+            });
+    }
+    m_ioThread->quit();
+    m_ioThread->wait();
+    // The thread has ended, so nothing of it can touch the context any more.
+    delete m_ioContext;
+    delete m_ioThread;
+}
+
+CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, const QString& photoPath)
+{
+    const QStringList answer = request(QStringLiteral("match;") + fingerprintPath + QLatin1Char(';') +
+                                       photoPath + QLatin1Char('\n'));
+    SAnalysisResult result;
+    if (answer.isEmpty())
+    {
+        result.status = Fatal;
+        return result;
+    }
+    result.matched = answer.value(0).toInt(nullptr, 10) != 0;
+    result.probability = answer.value(1).toDouble();
+    result.correlation = answer.value(2).toDouble();
+    result.status = statusFromKey(answer.value(3));
+    return result;
+}
+
+CQuorvexAPI::EStatus CQuorvexAPI::fingerprintStatus(const QString& fingerprintPath)
+{
+    const QStringList answer =
+        request(QStringLiteral("fingerprintStatus;") + fingerprintPath + QLatin1Char('\n'));
+    return answer.isEmpty() ? Fatal : statusFromKey(answer.first());
+}
+
+QString CQuorvexAPI::findProgram()
+{
+    // An explicit choice is the only candidate: a wrong one should fail, not be
+    // replaced quietly by another installation.
+    const QString chosen = qEnvironmentVariable("QUORVEX_PROGRAM");
+    if (!chosen.isEmpty())
+        return chosen;
+
+    if (QCoreApplication::instance())
+    {
+        const QString beside =
+            executableAt(QCoreApplication::applicationDirPath() + QLatin1Char('/') + ProgramFileName);
+        if (!beside.isEmpty())
+            return beside;
+    }
+#ifdef Q_OS_WIN
+    const QString installed = installedProgram();
+    if (!installed.isEmpty())
+        return installed;
+#endif
+    return QStandardPaths::findExecutable(ProgramFileName);
+}
+
+void CQuorvexAPI::setLineTimeout(int milliseconds)
+{
+    if (milliseconds > 0)
+        g_lineTimeout = milliseconds;
+}
+
+int CQuorvexAPI::lineTimeout()
+{
+    return g_lineTimeout.load();
+}
+
+QStringList CQuorvexAPI::request(const QString& line)
+{
+    QMutexLocker lock(&m_mutex);
+    QStringList answer;
+    runOnIoThread(
+        [this, &line, &answer]
+        {
+            // A server that never started or has gone cannot answer.
+            if (m_process->state() != QProcess::Running)
+                return;
+            m_process->write(line.toUtf8());
+            m_process->waitForBytesWritten(lineTimeout());
+            answer = readAnswer();
+        });
+    return answer;
+}
+
+QStringList CQuorvexAPI::readAnswer()
+{
+    const QString marker = QString::fromLatin1(AnswerMarker);
+    for (;;)
+    {
+        // The wait starts anew for every line, so other output delays the
+        // answer but never turns a slow answer into a lost one.
+        QElapsedTimer timer;
+        timer.start();
+        while (!m_process->canReadLine())
+        {
+            const qint64 left = lineTimeout() - timer.elapsed();
+            if (left <= 0 || !m_process->waitForReadyRead(static_cast<int>(left)))
+                break;
+        }
+        if (!m_process->canReadLine())
+            return QStringList();
+
+        QStringList fields =
+            QString::fromUtf8(m_process->readLine()).trimmed().split(QLatin1Char(';'), Qt::KeepEmptyParts);
+        // Anything else on the merged channel (log text, library messages) is not an answer.
+        if (fields.first() == marker)
+        {
+            fields.removeFirst();
+            return fields;
+        }
+    }
+}
+
+void CQuorvexAPI::runOnIoThread(const std::function<void()>& work)
+{
+    QMetaObject::invokeMethod(m_ioContext, work, Qt::BlockingQueuedConnection);
+}
+
+} // namespace qutils

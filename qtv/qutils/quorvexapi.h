@@ -1,0 +1,113 @@
+#pragma once
+
+#include "lumicrest.h"
+
+#include <QMetaType>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+class QProcess;
+class QThread;
+
+namespace qutils
+{
+
+// The program's status codes and their texts, and the client of the
+// integration mode: another program's way to match photos through Quorvex.
+class CQuorvexAPI : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum EStatus : qint32
+    {
+        Invalid = 0,
+        Success = 1,
+        Fatal = 2,
+        CannotWriteToTempFolder = 3,
+        BrokenImage = 4,
+        BrokenMetadata = 5,
+        NotSupportedFormat = 6,
+        InconsistentMetadata = 7,
+        VariousResolution = 8,
+        SmallResolution = 9,
+        LargeResolution = 10,
+        TooDarkForTrain = 11,
+        NoisyTrainImage = 12,
+        TooMuchConstantColorAreas = 13,
+        CannotStoreFingerprint = 14,
+        CannotOpenFingerprint = 15,
+        FingerprintFileBroken = 16,
+        FingerprintUnsupportedVersion = 17,
+        NotInstalled = 18,
+        NotActivated = 19,
+        OneChannelImage = 20,
+        ImageNotJpg = 21,
+        ImageFingerprintInconsistentSize = 22,
+        DifferentDeviceType = 23,
+        AnalysisFailed = 24,
+        OverExposedForTrain = 25,
+        TooMuchTextureForTrain = 26,
+        InconsistentImagesSize = 27,
+        CannotCreateFingerprint = 28,
+    };
+
+    struct SAnalysisResult
+    {
+        bool matched = false;
+        double probability = 0.0;
+        double correlation = 0.0;
+        EStatus status = Invalid;
+    };
+
+    // The lower-case key ("success"); empty for a code not in the table.
+    static QString statusKey(EStatus status);
+    // The display text, translated.
+    static QString statusText(EStatus status);
+    // An unknown key gives Invalid with *ok false.
+    static EStatus statusFromKey(const QString& key, bool* ok = nullptr);
+    // Values the program does not know become Fatal after a warning in the log.
+    static EStatus fromEngineCode(lumicrest_error_code code);
+
+    // The answer marker of the integration protocol.
+    static const char* const AnswerMarker;
+
+    // Finds the program (QUORVEX_PROGRAM, beside this executable, the installer's
+    // registry entries on Windows, then PATH), starts it with "/integration"
+    // and reads its greeting.
+    explicit CQuorvexAPI(QObject* parent = nullptr);
+    // Stops the server: "quitQuorvex", then a kill if it does not end in time.
+    ~CQuorvexAPI() override;
+
+    EStatus state() const { return m_state; }
+    SAnalysisResult match(const QString& fingerprintPath, const QString& photoPath);
+    EStatus fingerprintStatus(const QString& fingerprintPath);
+
+    // Where the client looks for the program; empty when it finds none.
+    static QString findProgram();
+    // Milliseconds the client waits for each line (30000); settable for tests.
+    // The same limit applies to the program's start and to its end.
+    static void setLineTimeout(int milliseconds);
+    static int lineTimeout();
+
+private:
+    QStringList request(const QString& line);
+    QStringList readAnswer();
+    // The process lives on a thread of its own, so any thread may call the
+    // client: every use of it runs there, and the caller waits.
+    void runOnIoThread(const std::function<void()>& work);
+
+    QProcess* m_process = nullptr;
+    QMutex m_mutex;
+    EStatus m_state = Invalid;
+    QThread* m_ioThread = nullptr;
+    QObject* m_ioContext = nullptr;
+};
+
+} // namespace qutils
+
+Q_DECLARE_METATYPE(qutils::CQuorvexAPI::SAnalysisResult)
