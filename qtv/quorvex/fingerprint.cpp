@@ -366,5 +366,6 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
     result.matched = jsonText(answer.value(QStringLiteral("sensor_matched"))).toInt(nullptr, 10) == 1;
     result.probability = jsonText(answer.value(QStringLiteral("probability"))).toDouble();
     result.correlation = jsonText(answer.value(QStringLiteral("corr"))).toDouble();
+    result.pce = jsonText(answer.value(QStringLiteral("pce"))).toDouble();
     return result;
 }

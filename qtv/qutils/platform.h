@@ -21,5 +21,13 @@ QString architectureName();
 // crash overwrites the same file. False when the path is unusable.
 bool installCrashWriter(const QByteArray& dumpPath);
 
+// True when the stream (0 standard input, 1 output, 2 error) is a terminal.
+bool isTerminal(int stream);
+
+// Counts interrupt requests (Ctrl-C, SIGINT/SIGTERM) from now on instead of
+// ending the process; the caller polls interruptCount() and winds down.
+void catchInterrupts();
+int interruptCount();
+
 } // namespace platform
 } // namespace qutils

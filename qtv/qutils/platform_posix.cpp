@@ -137,5 +137,34 @@ bool installCrashWriter(const QByteArray& dumpPath)
     return ok;
 }
 
+bool isTerminal(int stream)
+{
+    return ::isatty(stream) == 1;
+}
+
+namespace
+{
+volatile sig_atomic_t g_interrupts = 0;
+
+void onInterrupt(int)
+{
+    g_interrupts = g_interrupts + 1;
+}
+} // namespace
+
+void catchInterrupts()
+{
+    struct sigaction action{};
+    action.sa_handler = &onInterrupt;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+}
+
+int interruptCount()
+{
+    return static_cast<int>(g_interrupts);
+}
+
 } // namespace platform
 } // namespace qutils

@@ -62,6 +62,9 @@ public:
         double probability = 0.0;
         double correlation = 0.0;
         EStatus status = Invalid;
+        // The engine's search-corrected PCE, for the command-line tool and the
+        // report; not carried by the integration protocol.
+        double pce = 0.0;
     };
 
     // The lower-case key ("success"); empty for a code not in the table.

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "fingerprint.h"
+
+#include <QFileInfoList>
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QThread>
+
+#include <atomic>
+#include <memory>
+
+// Matches every photo of a list against one fingerprint on a fixed pool of
+// threads that take photos in list order from a shared index. Owns the
+// results, keyed by absolute path.
+class CMultipleThreadAnalyzer : public QObject
+{
+    Q_OBJECT
+
+public:
+    class CAnalyzerThread : public QThread
+    {
+    public:
+        explicit CAnalyzerThread(CMultipleThreadAnalyzer* analyzer);
+
+    protected:
+        void run() override;
+
+    private:
+        CMultipleThreadAnalyzer* m_analyzer;
+    };
+
+    using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
+
+    // threadCount 0: as many threads as the machine runs at once.
+    CMultipleThreadAnalyzer(const QFileInfoList& files, std::shared_ptr<const CFingerprint> fingerprint,
+                            bool skipDifferentCamera, QObject* parent = nullptr, int threadCount = 0);
+    // Cancels and joins the pool: workers never outlive the analyzer.
+    ~CMultipleThreadAnalyzer() override;
+
+    int analyzedCount() const;
+    SAnalysisResult result(const QString& absolutePath) const;
+    QMap<QString, SAnalysisResult> results() const;
+    bool isCancelled() const { return m_cancelled.load(); }
+    int threadCount() const { return m_threads.size(); }
+
+public slots:
+    void start();
+    void cancel();
+    void finishThread();
+
+signals:
+    void imageStarted(int index);
+    void imageFinished(int index);
+    void finished();
+
+private:
+    friend class CAnalyzerThread;
+    // The next photo to match, or -1 when there is none.
+    int takeNext(QFileInfo& photo);
+    void store(const QFileInfo& photo, const SAnalysisResult& result);
+
+    QFileInfoList m_files;
+    std::atomic<bool> m_cancelled{false};
+    QList<CAnalyzerThread*> m_threads;
+    QMap<QString, SAnalysisResult> m_results;
+    std::shared_ptr<const CFingerprint> m_fingerprint;
+    bool m_skipDifferentCamera;
+    mutable QMutex m_resultsMutex;
+    int m_finishedThreads = 0;
+    int m_nextIndex = 0;
+    QMutex m_indexMutex;
+};

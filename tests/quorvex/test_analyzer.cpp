@@ -1,0 +1,258 @@
+// The analyzer pool with a scripted fingerprint, the probability classes and
+// the photo listing.
+#include "multiplethreadanalyzer.h"
+#include "photolisting.h"
+#include "resultclass.h"
+
+#include "logcapture.h"
+#include "testutils.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QSemaphore>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+
+using qutils::CQuorvexAPI;
+using Result = CQuorvexAPI::SAnalysisResult;
+
+namespace
+{
+
+// A fingerprint whose match answers from a script, optionally holding each
+// call until the test lets it go.
+class CScriptedFingerprint : public CFingerprint
+{
+public:
+    std::function<Result(const QFileInfo&)> answer = [](const QFileInfo&) {
+        return Result{true, 0.9995, 0.02, CQuorvexAPI::Success, 500.0};
+    };
+    QSemaphore* gate = nullptr;
+    mutable std::atomic<int> running{0};
+    mutable std::atomic<int> mostAtOnce{0};
+    mutable std::atomic<int> calls{0};
+
+    Result match(const QFileInfo& photo, bool skip) const override
+    {
+        EXPECT_TRUE(skip) << "the option reaches every call";
+        const int now = ++running;
+        int seen = mostAtOnce.load();
+        while (now > seen && !mostAtOnce.compare_exchange_weak(seen, now))
+        {
+        }
+        ++calls;
+        if (gate)
+            gate->acquire();
+        const Result r = answer(photo);
+        --running;
+        return r;
+    }
+};
+
+// Records the analyzer's signals on the test's thread: they are emitted from
+// the workers and, as in the program, arrive queued.
+struct SSignals : QObject
+{
+    explicit SSignals(CMultipleThreadAnalyzer& analyzer)
+    {
+        connect(&analyzer, &CMultipleThreadAnalyzer::imageStarted, this, [this](int i) { started.append(i); },
+                Qt::QueuedConnection);
+        connect(&analyzer, &CMultipleThreadAnalyzer::imageFinished, this, [this](int i) { done.append(i); },
+                Qt::QueuedConnection);
+        connect(&analyzer, &CMultipleThreadAnalyzer::finished, this, [this] { ++finished; });
+    }
+    QList<int> started;
+    QList<int> done;
+    int finished = 0;
+};
+
+QFileInfoList photos(int n, const QString& folder = QStringLiteral("/cases/1"))
+{
+    QFileInfoList list;
+    for (int i = 0; i < n; ++i)
+        list.append(QFileInfo(QStringLiteral("%1/photo%2.jpg").arg(folder).arg(i)));
+    return list;
+}
+
+} // namespace
+
+TEST(Analyzer, MatchesEveryPhotoOnAllThreadsAtOnce)
+{
+    auto fp = std::make_shared<CScriptedFingerprint>();
+    QSemaphore gate;
+    fp->gate = &gate;
+    CMultipleThreadAnalyzer analyzer(photos(12), fp, true, nullptr, 4);
+    ASSERT_EQ(analyzer.threadCount(), 4);
+    SSignals sig(analyzer);
+    analyzer.start();
+    // Four photos are held in four threads at the same time.
+    ASSERT_TRUE(testutils::waitFor([&] { return fp->running.load() == 4; }));
+    gate.release(100);
+    ASSERT_TRUE(testutils::waitFor([&] { return sig.finished == 1; }));
+    EXPECT_EQ(fp->mostAtOnce.load(), 4);
+    EXPECT_EQ(sig.started.size(), 12);
+    EXPECT_EQ(sig.done.size(), 12);
+    EXPECT_EQ(analyzer.analyzedCount(), 12);
+    QList<int> startedOrder = sig.started;
+    std::sort(startedOrder.begin(), startedOrder.end());
+    for (int i = 0; i < 12; ++i)
+        EXPECT_EQ(startedOrder.at(i), i) << "each photo is handed out exactly once";
+    EXPECT_EQ(analyzer.results().size(), 12);
+    EXPECT_EQ(analyzer.result(QStringLiteral("/cases/1/photo3.jpg")).pce, 500.0);
+    EXPECT_EQ(analyzer.result(QStringLiteral("/elsewhere.jpg")).status, CQuorvexAPI::Invalid);
+}
+
+TEST(Analyzer, EmptyListAndCancelBeforeStartStillFinish)
+{
+    auto fp = std::make_shared<CScriptedFingerprint>();
+    {
+        CMultipleThreadAnalyzer empty(QFileInfoList(), fp, true, nullptr, 3);
+        SSignals sig(empty);
+        empty.start();
+        ASSERT_TRUE(testutils::waitFor([&] { return sig.finished == 1; }));
+        EXPECT_EQ(sig.started.size(), 0);
+    }
+    CMultipleThreadAnalyzer cancelled(photos(5), fp, true, nullptr, 2);
+    SSignals sig(cancelled);
+    cancelled.cancel();
+    cancelled.start();
+    ASSERT_TRUE(testutils::waitFor([&] { return sig.finished == 1; }));
+    EXPECT_EQ(sig.started.size(), 0);
+    EXPECT_TRUE(cancelled.isCancelled());
+    EXPECT_EQ(fp->calls.load(), 0);
+    // Nothing more arrives later.
+    QCoreApplication::processEvents();
+    EXPECT_EQ(sig.finished, 1);
+}
+
+TEST(Analyzer, CancelLetsRunningPhotosFinishAndStartsNoOther)
+{
+    auto fp = std::make_shared<CScriptedFingerprint>();
+    QSemaphore gate;
+    fp->gate = &gate;
+    CMultipleThreadAnalyzer analyzer(photos(10), fp, true, nullptr, 2);
+    SSignals sig(analyzer);
+    analyzer.start();
+    ASSERT_TRUE(testutils::waitFor([&] { return fp->running.load() == 2; }));
+    analyzer.cancel();
+    gate.release(2);
+    ASSERT_TRUE(testutils::waitFor([&] { return sig.finished == 1; }));
+    EXPECT_EQ(fp->calls.load(), 2);
+    EXPECT_EQ(sig.started.size(), 2);
+    EXPECT_EQ(sig.done.size(), 2) << "the photos being matched complete after the cancel";
+    EXPECT_EQ(analyzer.analyzedCount(), 2);
+}
+
+TEST(Analyzer, SamePathTwiceKeepsTheLaterResultAndLogsEarlyReads)
+{
+    auto fp = std::make_shared<CScriptedFingerprint>();
+    std::atomic<int> call{0};
+    fp->answer = [&](const QFileInfo&) {
+        const int n = ++call;
+        return Result{n == 2, n == 2 ? 0.999 : 0.0, 0.0, CQuorvexAPI::Success, 0.0};
+    };
+    QFileInfoList twice = {QFileInfo(QStringLiteral("/cases/same.jpg")), QFileInfo(QStringLiteral("/cases/same.jpg"))};
+    // One thread, so the second entry is matched second.
+    CMultipleThreadAnalyzer analyzer(twice, fp, true, nullptr, 1);
+    SSignals sig(analyzer);
+    {
+        testutils::CLogCapture log;
+        analyzer.results();
+        EXPECT_TRUE(log.text().contains(QStringLiteral("Cannot be called while analyze still running.")));
+        EXPECT_TRUE(log.hasRecord(QStringLiteral("ERROR"), QStringLiteral("quorvex/multiplethreadanalyzer.cpp")));
+    }
+    analyzer.start();
+    ASSERT_TRUE(testutils::waitFor([&] { return sig.finished == 1; }));
+    EXPECT_EQ(sig.done.size(), 2);
+    EXPECT_EQ(analyzer.analyzedCount(), 1);
+    EXPECT_TRUE(analyzer.result(QStringLiteral("/cases/same.jpg")).matched);
+}
+
+TEST(Analyzer, DestroyedWhileRunningJoinsItsThreads)
+{
+    auto fp = std::make_shared<CScriptedFingerprint>();
+    QSemaphore gate;
+    fp->gate = &gate;
+    auto analyzer = std::make_unique<CMultipleThreadAnalyzer>(photos(50), fp, true, nullptr, 2);
+    analyzer->start();
+    ASSERT_TRUE(testutils::waitFor([&] { return fp->running.load() == 2; }));
+    std::thread release([&] {
+        QThread::msleep(50);
+        gate.release(2);
+    });
+    analyzer.reset(); // must wait for the two running photos, then stop
+    release.join();
+    EXPECT_EQ(fp->running.load(), 0);
+    EXPECT_EQ(fp->calls.load(), 2);
+}
+
+TEST(ResultClasses, BoundariesAndTexts)
+{
+    auto classOf = [](bool matched, double p, CQuorvexAPI::EStatus s = CQuorvexAPI::Success) {
+        return classifyResult(Result{matched, p, 0.0, s, 0.0});
+    };
+    EXPECT_EQ(classOf(true, 0.999), EResultClass::VeryHigh);
+    EXPECT_EQ(classOf(true, 0.9989999), EResultClass::High);
+    EXPECT_EQ(classOf(true, 0.995), EResultClass::High);
+    EXPECT_EQ(classOf(true, 0.99), EResultClass::Medium);
+    EXPECT_EQ(classOf(true, 0.9899), EResultClass::Low);
+    EXPECT_EQ(classOf(true, 0.2), EResultClass::Low) << "a match below 0.99 is still a match";
+    EXPECT_EQ(classOf(false, 0.9999), EResultClass::NotFound);
+    EXPECT_EQ(classOf(true, 0.9999, CQuorvexAPI::BrokenImage), EResultClass::NotFound);
+    EXPECT_EQ(resultClassName(EResultClass::VeryHigh), QStringLiteral("very high"));
+    EXPECT_EQ(resultClassName(EResultClass::NotProcessed), QStringLiteral("not processed"));
+    EXPECT_EQ(resultClassState(EResultClass::Low), 128);
+    EXPECT_EQ(resultClassState(EResultClass::NotFound), 256);
+
+    EXPECT_EQ(remainingTimeText(-1), QStringLiteral("unknown"));
+    EXPECT_EQ(remainingTimeText(0), QStringLiteral("0h 0m 00s"));
+    EXPECT_EQ(remainingTimeText(247999), QStringLiteral("0h 4m 07s"));
+    EXPECT_EQ(remainingTimeText(86399999), QStringLiteral("23h 59m 59s"));
+    EXPECT_EQ(remainingTimeText(90061000), QStringLiteral("1d 1h 1m 01s"));
+}
+
+TEST(PhotoListing, PatternsSubfoldersAndCancel)
+{
+    EXPECT_EQ(photoNameFilters().size(), 14);
+    EXPECT_EQ(photoNameFilters().first(), QStringLiteral("*.jpg"));
+    EXPECT_EQ(photoNameFilters().at(7), QStringLiteral("*.JPG"));
+    EXPECT_TRUE(isPhotoFileName(QStringLiteral("IMG_0001.JPEG")));
+    EXPECT_TRUE(isPhotoFileName(QStringLiteral("scan.tif")));
+    EXPECT_FALSE(isPhotoFileName(QStringLiteral("notes.txt")));
+    EXPECT_FALSE(isPhotoFileName(QStringLiteral("raw.cr2")));
+
+    QTemporaryDir dir;
+    const QStringList names = {QStringLiteral("a.jpg"),  QStringLiteral("b.PNG"), QStringLiteral("c.txt"),
+                               QStringLiteral("d.tiff"), QStringLiteral(".hidden.jpg"),
+                               QStringLiteral("sub/e.bmp"), QStringLiteral("sub/deeper/f.jpe")};
+    for (const QString& name : names)
+    {
+        QDir().mkpath(QFileInfo(dir.filePath(name)).absolutePath());
+        QFile file(dir.filePath(name));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    }
+    QDir().mkpath(dir.filePath(QStringLiteral("folder.jpg")));
+
+    auto names_of = [](const QFileInfoList& list) {
+        QStringList out;
+        for (const QFileInfo& f : list)
+            out.append(f.fileName());
+        out.sort();
+        return out;
+    };
+    EXPECT_EQ(names_of(listPhotos(QDir(dir.path()), false)),
+              (QStringList{QStringLiteral("a.jpg"), QStringLiteral("b.PNG"), QStringLiteral("d.tiff")}));
+    int lastCount = 0;
+    const QFileInfoList all = listPhotos(QDir(dir.path()), true, nullptr, [&](int n) { lastCount = n; });
+    EXPECT_EQ(names_of(all), (QStringList{QStringLiteral("a.jpg"), QStringLiteral("b.PNG"), QStringLiteral("d.tiff"),
+                                          QStringLiteral("e.bmp"), QStringLiteral("f.jpe")}));
+    EXPECT_EQ(lastCount, 5);
+    int polls = 0;
+    EXPECT_TRUE(listPhotos(QDir(dir.path()), true, [&] { return ++polls > 2; }).isEmpty())
+        << "a cancelled listing is empty";
+}
