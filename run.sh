@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Quorvex: one script for everything a fresh Debian 12 machine needs.
-#   ./run.sh         install what is missing, build, run the program
+#   ./run.sh         install what is missing, build, run the demonstration case
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
 set -euo pipefail
@@ -51,9 +51,10 @@ build() {
 case "${1:-run}" in
     run)
         build
-        echo "Built in $build_dir:"
-        (cd "$build_dir" && find . -maxdepth 3 -type f -executable -name 'test_*' | sort | sed 's/^/  /')
-        echo "The application itself is not there yet; './run.sh test' runs the test suite."
+        # A sample case from simulated cameras: learn one, analyse a mixed folder,
+        # show every photo's class next to the truth.
+        "$build_dir/tools/cli/quorvex-cli" demo
+        echo "The command-line tool is $build_dir/tools/cli/quorvex-cli ('--help' explains it)."
         ;;
     build)
         build

@@ -1,0 +1,918 @@
+// quorvex-cli run as a program, on photos of simulated cameras whose truth is
+// known: learning, analysis with its JSON, CSV and table outputs, exit codes,
+// interruption and the demo; plus the small formatting pieces directly.
+#include "commandline.h"
+#include "learnjob.h"
+#include "progressline.h"
+#include "resultformat.h"
+
+#include "camsim/camera.h"
+#include "camsim/imagefile.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+#ifdef Q_OS_UNIX
+#include <csignal>
+#include <sys/types.h>
+#endif
+
+namespace
+{
+
+struct SRun
+{
+    int exitCode = -1;
+    bool normalExit = false;
+    QString out;
+    QString err;
+};
+
+QStringList lines(const QString& text)
+{
+    return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+// The tool's log and settings go to the test's folder, never the user's.
+QProcessEnvironment childEnvironment(const QString& home)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_DATA_HOME"), home + QStringLiteral("/data"));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home + QStringLiteral("/config"));
+    return env;
+}
+
+void writeBytes(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
+    file.write(bytes);
+}
+
+QByteArray readBytes(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// RFC 4180: fields separated by commas, quoted fields may hold commas, line
+// breaks and doubled quotes.
+QList<QStringList> parseCsv(const QString& text)
+{
+    QList<QStringList> rows;
+    QStringList row;
+    QString field;
+    bool quoted = false;
+    for (int i = 0; i < text.size(); ++i)
+    {
+        const QChar c = text.at(i);
+        if (quoted)
+        {
+            if (c == QLatin1Char('"') && i + 1 < text.size() && text.at(i + 1) == QLatin1Char('"'))
+            {
+                field += c;
+                ++i;
+            }
+            else if (c == QLatin1Char('"'))
+                quoted = false;
+            else
+                field += c;
+        }
+        else if (c == QLatin1Char('"'))
+            quoted = true;
+        else if (c == QLatin1Char(','))
+        {
+            row.append(field);
+            field.clear();
+        }
+        else if (c == QLatin1Char('\n'))
+        {
+            row.append(field);
+            rows.append(row);
+            row.clear();
+            field.clear();
+        }
+        else
+            field += c;
+    }
+    if (!field.isEmpty() || !row.isEmpty())
+    {
+        row.append(field);
+        rows.append(row);
+    }
+    return rows;
+}
+
+const QStringList JsonKeys = {QStringLiteral("path"),        QStringLiteral("matched"),
+                              QStringLiteral("probability"), QStringLiteral("correlation"),
+                              QStringLiteral("pce"),         QStringLiteral("status"),
+                              QStringLiteral("class")};
+const QStringList MatchClasses = {QStringLiteral("very high"), QStringLiteral("high"),
+                                  QStringLiteral("medium"), QStringLiteral("low")};
+
+// Parses JSON lines, failing the test on any line that is not an object with
+// exactly the documented keys, in their order.
+QList<QJsonObject> parseJsonLines(const QString& text)
+{
+    QList<QJsonObject> objects;
+    for (const QString& line : lines(text))
+    {
+        QJsonParseError error{};
+        const QJsonDocument doc = QJsonDocument::fromJson(line.toUtf8(), &error);
+        EXPECT_EQ(error.error, QJsonParseError::NoError) << line.toStdString();
+        EXPECT_TRUE(doc.isObject()) << line.toStdString();
+        QStringList keys = doc.object().keys();
+        QStringList expected = JsonKeys;
+        keys.sort();
+        expected.sort();
+        EXPECT_EQ(keys, expected) << line.toStdString();
+        int at = 0;
+        for (const QString& key : JsonKeys)
+        {
+            const int next = line.indexOf(QLatin1Char('"') + key + QStringLiteral("\":"), at);
+            EXPECT_GE(next, at) << key.toStdString() << " out of order in " << line.toStdString();
+            at = qMax(at, next);
+        }
+        objects.append(doc.object());
+    }
+    return objects;
+}
+
+enum ETruth
+{
+    SameCamera,
+    OtherUnit,
+};
+
+} // namespace
+
+// One set of photos for every test: reference photos of camera A, a
+// questioned folder (its name holds a comma and quotes) with photos of A and
+// of B, another unit of the same make and model, and A's fingerprint learned
+// through the tool.
+class CliTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = std::make_unique<QTemporaryDir>();
+        ASSERT_TRUE(s_dir->isValid());
+        const QDir root(s_dir->path());
+        for (const char* sub : {"refs", "questioned, \"mixed\"", "extra", "empty"})
+            ASSERT_TRUE(root.mkpath(QString::fromLatin1(sub)));
+        s_questionedFolder = root.filePath(QStringLiteral("questioned, \"mixed\""));
+
+        const camsim::Camera a(unit(1));
+        const camsim::Camera b(unit(2));
+        const camsim::SceneKind refScenes[] = {camsim::SceneKind::Flat, camsim::SceneKind::Gradient,
+                                               camsim::SceneKind::Natural, camsim::SceneKind::Natural};
+        for (int i = 0; i < 4; ++i)
+        {
+            const QString path = root.filePath(QStringLiteral("refs/ref-%1.jpg").arg(i + 1));
+            shoot(a, refScenes[i], 10 + static_cast<uint64_t>(i), path);
+            s_references.append(path);
+        }
+        // Sorted by name this is also the order the folder is analyzed in;
+        // B sees A's scenes, so only the sensor can tell them apart.
+        struct
+        {
+            const camsim::Camera* camera;
+            ETruth truth;
+            camsim::SceneKind scene;
+            uint64_t seed;
+            int rotation;
+            const char* name;
+        } const plan[] = {
+            {&a, SameCamera, camsim::SceneKind::Natural, 31, 0, "a-1.jpg"},
+            {&a, SameCamera, camsim::SceneKind::Natural, 32, 90, "a-2-rotated.jpg"},
+            {&a, SameCamera, camsim::SceneKind::Edges, 33, 0, "a-3.jpg"},
+            {&b, OtherUnit, camsim::SceneKind::Natural, 31, 0, "b-1.jpg"},
+            {&b, OtherUnit, camsim::SceneKind::Edges, 33, 0, "b-2.jpg"},
+        };
+        for (const auto& step : plan)
+        {
+            const QString path = QDir(s_questionedFolder).filePath(QString::fromLatin1(step.name));
+            shoot(*step.camera, step.scene, step.seed, path, step.rotation);
+            s_questioned.append(path);
+            s_truth.append(step.truth);
+        }
+
+        // A photo of A whose EXIF names another model, a file that is no
+        // photo, and a text file.
+        camsim::ShotConfig relabelled;
+        relabelled.scene = camsim::SceneKind::Natural;
+        relabelled.sceneSeed = 41;
+        relabelled.exifModel = "QX-9";
+        a.shoot(relabelled, root.filePath(QStringLiteral("extra/relabelled.jpg")).toStdString());
+        writeBytes(root.filePath(QStringLiteral("extra/broken.jpg")),
+                   QByteArray("\xff\xd8\xff\xe0 not a photo", 18));
+        writeBytes(root.filePath(QStringLiteral("extra/notes.txt")), "notes");
+
+        // A folder with a subfolder, for --recursive.
+        ASSERT_TRUE(root.mkpath(QStringLiteral("nested/inner")));
+        ASSERT_TRUE(QFile::copy(s_questioned.at(2), root.filePath(QStringLiteral("nested/top.jpg"))));
+        ASSERT_TRUE(QFile::copy(s_questioned.at(0), root.filePath(QStringLiteral("nested/inner/a.jpg"))));
+        ASSERT_TRUE(QFile::copy(s_questioned.at(3), root.filePath(QStringLiteral("nested/inner/b.JPG"))));
+
+        s_fingerprint = root.filePath(QStringLiteral("camera-a.fnp"));
+        s_learn = run({QStringLiteral("learn"), QStringLiteral("-o"), s_fingerprint,
+                       root.filePath(QStringLiteral("refs"))});
+    }
+
+    static void TearDownTestSuite() { s_dir.reset(); }
+
+    static camsim::CameraConfig unit(uint64_t seed)
+    {
+        camsim::CameraConfig c;
+        c.width = 1024;
+        c.height = 768;
+        c.unitSeed = seed;
+        return c;
+    }
+
+    static void shoot(const camsim::Camera& camera, camsim::SceneKind scene, uint64_t seed,
+                      const QString& path, int rotation = 0)
+    {
+        camsim::ShotConfig shot;
+        shot.scene = scene;
+        shot.sceneSeed = seed;
+        shot.rotation = rotation;
+        camera.shoot(shot, path.toStdString());
+    }
+
+    static SRun run(const QStringList& arguments, int timeoutMs = 120000)
+    {
+        QProcess process;
+        process.setProcessEnvironment(childEnvironment(s_dir->path()));
+        process.setWorkingDirectory(s_dir->path());
+        process.start(QStringLiteral(QUORVEX_CLI_PATH), arguments);
+        SRun result;
+        if (!process.waitForStarted() || !process.waitForFinished(timeoutMs))
+        {
+            process.kill();
+            process.waitForFinished();
+            return result;
+        }
+        result.normalExit = process.exitStatus() == QProcess::NormalExit;
+        result.exitCode = process.exitCode();
+        result.out = QString::fromUtf8(process.readAllStandardOutput());
+        result.err = QString::fromUtf8(process.readAllStandardError());
+        return result;
+    }
+
+    static QString path(const QString& relative) { return QDir(s_dir->path()).filePath(relative); }
+
+    static std::unique_ptr<QTemporaryDir> s_dir;
+    static QString s_questionedFolder;
+    static QStringList s_references;
+    static QStringList s_questioned;
+    static QList<ETruth> s_truth;
+    static QString s_fingerprint;
+    static SRun s_learn;
+};
+
+std::unique_ptr<QTemporaryDir> CliTest::s_dir;
+QString CliTest::s_questionedFolder;
+QStringList CliTest::s_references;
+QStringList CliTest::s_questioned;
+QList<ETruth> CliTest::s_truth;
+QString CliTest::s_fingerprint;
+SRun CliTest::s_learn;
+
+TEST_F(CliTest, LearnReportsEveryPhotoThenTheProperties)
+{
+    ASSERT_EQ(s_learn.exitCode, 0) << s_learn.err.toStdString();
+    ASSERT_TRUE(QFileInfo(s_fingerprint).isFile());
+    const QStringList out = lines(s_learn.out);
+    // One line per reference photo in the folder's sorted order, with a number.
+    for (int i = 0; i < 4; ++i)
+    {
+        ASSERT_LT(i, out.size());
+        const QRegularExpressionMatch m =
+            QRegularExpression(QStringLiteral("^photo (\\d)/4  NMSE (\\S+)  (.+)$")).match(out.at(i));
+        ASSERT_TRUE(m.hasMatch()) << out.at(i).toStdString();
+        EXPECT_EQ(m.captured(1).toInt(), i + 1);
+        bool ok = false;
+        const double nmse = m.captured(2).toDouble(&ok);
+        EXPECT_TRUE(ok) << out.at(i).toStdString();
+        EXPECT_GT(nmse, 0.0);
+        EXPECT_LE(nmse, 1.0);
+        EXPECT_EQ(QFileInfo(m.captured(3)).absoluteFilePath(),
+                  QFileInfo(s_references.at(i)).absoluteFilePath());
+    }
+    EXPECT_EQ(out.at(0), QStringLiteral("photo 1/4  NMSE 1.0000  ") + path(QStringLiteral("refs/ref-1.jpg")))
+        << "the first photo is all new; paths as given";
+    EXPECT_TRUE(s_learn.out.contains(QStringLiteral("Fingerprint saved to ") + s_fingerprint));
+    EXPECT_TRUE(
+        s_learn.out.contains(QRegularExpression(QStringLiteral("Number of reference photos:\\s+4\\n"))));
+    EXPECT_TRUE(s_learn.out.contains(QRegularExpression(QStringLiteral("Photo width:\\s+1024\\n"))));
+    EXPECT_TRUE(
+        s_learn.out.contains(QRegularExpression(QStringLiteral("Camera model \\(EXIF\\):\\s+QX-1\\n"))));
+    EXPECT_FALSE(QFile::exists(path(QStringLiteral("default.log")))) << "no log in the working folder";
+}
+
+TEST_F(CliTest, InfoPrintsThePropertiesAndTheirJson)
+{
+    const SRun json = run({QStringLiteral("info"), QStringLiteral("--json"), s_fingerprint});
+    ASSERT_EQ(json.exitCode, 0) << json.err.toStdString();
+    const QJsonObject object = QJsonDocument::fromJson(json.out.toUtf8()).object();
+    EXPECT_EQ(object.value(QStringLiteral("width")).toInt(), 1024);
+    EXPECT_EQ(object.value(QStringLiteral("height")).toInt(), 768);
+    EXPECT_EQ(object.value(QStringLiteral("trainingimagescount")).toInt(), 4);
+    EXPECT_EQ(object.value(QStringLiteral("manufacturer")).toString(), QStringLiteral("Veltrano"));
+    EXPECT_EQ(object.value(QStringLiteral("model")).toString(), QStringLiteral("QX-1"));
+    EXPECT_EQ(object.value(QStringLiteral("lensinfo")).toString(), QStringLiteral("unknown"));
+    EXPECT_GT(object.value(QStringLiteral("nmse")).toDouble(), 0.0);
+    EXPECT_LT(object.value(QStringLiteral("nmse")).toDouble(), 1.0);
+    EXPECT_TRUE(QDateTime::fromString(object.value(QStringLiteral("creationdate")).toString(), Qt::ISODate)
+                    .isValid());
+    EXPECT_TRUE(object.contains(QStringLiteral("description")));
+
+    const SRun plain = run({QStringLiteral("info"), s_fingerprint});
+    ASSERT_EQ(plain.exitCode, 0);
+    EXPECT_TRUE(plain.out.contains(QRegularExpression(QStringLiteral("Photo height:\\s+768\\n"))));
+    EXPECT_TRUE(plain.out.contains(
+        QRegularExpression(QStringLiteral("Camera manufacturer \\(EXIF\\):\\s+Veltrano\\n"))));
+}
+
+TEST_F(CliTest, AnalyzeJsonLinesAgreeWithTheTruth)
+{
+    const SRun result = run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
+                             QStringLiteral("--json"), QStringLiteral("-"), s_questionedFolder});
+    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
+    const QList<QJsonObject> objects = parseJsonLines(result.out);
+    ASSERT_EQ(objects.size(), s_questioned.size()) << "only JSON on standard output";
+    for (int i = 0; i < objects.size(); ++i)
+    {
+        const QJsonObject& o = objects.at(i);
+        SCOPED_TRACE(o.value(QStringLiteral("path")).toString().toStdString());
+        EXPECT_EQ(o.value(QStringLiteral("path")).toString(),
+                  QFileInfo(s_questioned.at(i)).absoluteFilePath())
+            << "input order, absolute";
+        EXPECT_EQ(o.value(QStringLiteral("status")).toString(), QStringLiteral("success"));
+        if (s_truth.at(i) == SameCamera)
+        {
+            EXPECT_TRUE(o.value(QStringLiteral("matched")).toBool());
+            EXPECT_TRUE(MatchClasses.contains(o.value(QStringLiteral("class")).toString()));
+            EXPECT_GE(o.value(QStringLiteral("pce")).toDouble(), 60.0);
+            EXPECT_GT(o.value(QStringLiteral("probability")).toDouble(), 0.95);
+            EXPECT_GT(o.value(QStringLiteral("correlation")).toDouble(), 0.0);
+        }
+        else
+        {
+            EXPECT_FALSE(o.value(QStringLiteral("matched")).toBool());
+            EXPECT_EQ(o.value(QStringLiteral("class")).toString(), QStringLiteral("not found"));
+            EXPECT_LT(o.value(QStringLiteral("pce")).toDouble(), 60.0);
+        }
+    }
+    // The summary goes to standard error when standard output carries JSON.
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Photos analyzed: 5/5\n")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Fingerprints found: 3\n")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Fingerprints not found: 2\n")));
+
+    // The same results on one thread, since each photo is judged on its own.
+    const SRun single =
+        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, QStringLiteral("--threads"),
+             QStringLiteral("1"), QStringLiteral("--json"), QStringLiteral("-"), s_questionedFolder});
+    ASSERT_EQ(single.exitCode, 0);
+    EXPECT_EQ(single.out, result.out);
+    EXPECT_TRUE(single.err.contains(QStringLiteral("on 1 thread")));
+}
+
+TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
+{
+    const QString csvPath = path(QStringLiteral("results.csv"));
+    const QString jsonPath = path(QStringLiteral("results.jsonl"));
+    const SRun result =
+        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, QStringLiteral("--csv"), csvPath,
+             QStringLiteral("--json"), jsonPath, QStringLiteral("--report"),
+             path(QStringLiteral("report.pdf")), s_questionedFolder});
+    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString()
+                                  << " (the report note does not change the exit code)";
+    EXPECT_TRUE(result.err.contains(QStringLiteral("PDF reports come with a later version")));
+    EXPECT_FALSE(QFile::exists(path(QStringLiteral("report.pdf"))));
+
+    // The human table: a header, one line per photo with its path as given, the summary.
+    const QStringList out = lines(result.out);
+    ASSERT_GE(out.size(), 1 + 5 + 5);
+    EXPECT_TRUE(out.at(0).startsWith(QStringLiteral("class")));
+    for (int i = 0; i < 5; ++i)
+    {
+        const QString& line = out.at(1 + i);
+        EXPECT_TRUE(line.endsWith(QStringLiteral("  ") + s_questioned.at(i))) << line.toStdString();
+        EXPECT_EQ(line.startsWith(QStringLiteral("not found")), s_truth.at(i) == OtherUnit)
+            << line.toStdString();
+        EXPECT_TRUE(line.contains(QRegularExpression(QStringLiteral("\\s0\\.\\d{6}\\s+-?\\d+\\.\\d\\s"))))
+            << "probability and PCE: " << line.toStdString();
+    }
+    EXPECT_TRUE(out.contains(QStringLiteral("Photos analyzed: 5/5")));
+    EXPECT_TRUE(out.contains(QStringLiteral("Fingerprints found: 3")));
+    EXPECT_TRUE(out.contains(QStringLiteral("Fingerprints not found: 2")));
+    EXPECT_TRUE(result.out.contains(QRegularExpression(QStringLiteral("Time elapsed: \\d+\\.\\d\\d s\\n"))));
+    EXPECT_TRUE(result.out.contains(
+        QRegularExpression(QStringLiteral("Average time per image: \\d+\\.\\d\\d s\\n"))));
+
+    const QList<QJsonObject> json = parseJsonLines(QString::fromUtf8(readBytes(jsonPath)));
+    ASSERT_EQ(json.size(), 5);
+
+    const QString csvText = QString::fromUtf8(readBytes(csvPath));
+    const QStringList rawLines = lines(csvText);
+    ASSERT_EQ(rawLines.size(), 6);
+    EXPECT_EQ(rawLines.at(0), QStringLiteral("path,matched,probability,correlation,pce,status,class"));
+    // The folder's comma and quotes force quoting, with the quotes doubled.
+    EXPECT_TRUE(rawLines.at(1).startsWith(QStringLiteral("\"") + s_dir->path()));
+    EXPECT_TRUE(rawLines.at(1).contains(QStringLiteral("questioned, \"\"mixed\"\"/a-1.jpg\",")));
+    const QList<QStringList> rows = parseCsv(csvText);
+    ASSERT_EQ(rows.size(), 6);
+    for (int i = 0; i < 5; ++i)
+    {
+        const QStringList& row = rows.at(i + 1);
+        ASSERT_EQ(row.size(), 7) << rawLines.at(i + 1).toStdString();
+        const QJsonObject& o = json.at(i);
+        EXPECT_EQ(row.at(0), QFileInfo(s_questioned.at(i)).absoluteFilePath());
+        EXPECT_EQ(row.at(0), o.value(QStringLiteral("path")).toString());
+        EXPECT_EQ(row.at(1), o.value(QStringLiteral("matched")).toBool() ? QStringLiteral("true")
+                                                                         : QStringLiteral("false"));
+        EXPECT_DOUBLE_EQ(row.at(2).toDouble(), o.value(QStringLiteral("probability")).toDouble());
+        EXPECT_DOUBLE_EQ(row.at(4).toDouble(), o.value(QStringLiteral("pce")).toDouble());
+        EXPECT_EQ(row.at(5), o.value(QStringLiteral("status")).toString());
+        EXPECT_EQ(row.at(6), o.value(QStringLiteral("class")).toString());
+        EXPECT_EQ(row.at(1) == QLatin1String("true"), s_truth.at(i) == SameCamera);
+    }
+}
+
+TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
+{
+    const QString relabelled = path(QStringLiteral("extra/relabelled.jpg"));
+    const QString broken = path(QStringLiteral("extra/broken.jpg"));
+    const QStringList photos = {relabelled, broken, s_questioned.at(0),
+                                path(QStringLiteral("extra/notes.txt"))};
+    const SRun skipping = run(QStringList{QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
+                                          QStringLiteral("--skip-different-camera"), QStringLiteral("--json"),
+                                          QStringLiteral("-")} +
+                              photos);
+    ASSERT_EQ(skipping.exitCode, 0) << skipping.err.toStdString();
+    EXPECT_TRUE(skipping.err.contains(QStringLiteral("notes.txt")))
+        << "a file that is no photo is named and skipped";
+    const QList<QJsonObject> objects = parseJsonLines(skipping.out);
+    ASSERT_EQ(objects.size(), 3);
+    EXPECT_EQ(objects.at(0).value(QStringLiteral("path")).toString(), relabelled);
+    EXPECT_EQ(objects.at(0).value(QStringLiteral("status")).toString(),
+              QStringLiteral("inconsistentmetadata"));
+    EXPECT_EQ(objects.at(0).value(QStringLiteral("class")).toString(), QStringLiteral("not found"));
+    EXPECT_EQ(objects.at(1).value(QStringLiteral("path")).toString(), broken);
+    EXPECT_EQ(objects.at(1).value(QStringLiteral("status")).toString(), QStringLiteral("brokenimage"));
+    EXPECT_EQ(objects.at(1).value(QStringLiteral("class")).toString(), QStringLiteral("not found"));
+    EXPECT_FALSE(objects.at(1).value(QStringLiteral("matched")).toBool());
+    EXPECT_TRUE(objects.at(2).value(QStringLiteral("matched")).toBool());
+
+    // Without the camera rule the relabelled photo is matched: it is A's.
+    const SRun matching =
+        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, relabelled, broken});
+    ASSERT_EQ(matching.exitCode, 0);
+    const QStringList out = lines(matching.out);
+    ASSERT_GE(out.size(), 3);
+    EXPECT_TRUE(std::any_of(MatchClasses.begin(), MatchClasses.end(),
+                            [&](const QString& c) { return out.at(1).startsWith(c + QLatin1Char(' ')); }))
+        << out.at(1).toStdString();
+    EXPECT_TRUE(out.at(2).startsWith(QStringLiteral("not found")));
+    EXPECT_TRUE(out.at(2).endsWith(QStringLiteral("(File cannot be opened)"))) << out.at(2).toStdString();
+}
+
+TEST_F(CliTest, UsageErrorsExitWithOne)
+{
+    const QString fp = s_fingerprint;
+    const QString refs = path(QStringLiteral("refs"));
+    const QList<QStringList> cases = {
+        {},
+        {QStringLiteral("frobnicate")},
+        {QStringLiteral("--frobnicate")},
+        {QStringLiteral("learn"), QStringLiteral("-o")},
+        {QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("x.fnp"))},
+        {QStringLiteral("learn"), refs},
+        {QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("x.fnp")),
+         QStringLiteral("--bogus"), refs},
+        {QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("x.fnp")),
+         QStringLiteral("--limit"), QStringLiteral("0"), refs},
+        {QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("x.fnp")),
+         QStringLiteral("--limit"), QStringLiteral("201"), refs},
+        {QStringLiteral("analyze"), s_questionedFolder},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--threads"),
+         QStringLiteral("0"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--threads"),
+         QStringLiteral("many"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("-o"), path(QStringLiteral("y")),
+         refs},
+        {QStringLiteral("info")},
+        {QStringLiteral("info"), fp, fp},
+        {QStringLiteral("info"), QStringLiteral("--json=yes"), fp},
+        {QStringLiteral("demo"), refs},
+    };
+    for (const QStringList& arguments : cases)
+    {
+        SCOPED_TRACE(arguments.join(QLatin1Char(' ')).toStdString());
+        const SRun result = run(arguments);
+        EXPECT_TRUE(result.normalExit);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_TRUE(result.out.isEmpty()) << result.out.toStdString();
+        EXPECT_EQ(lines(result.err).size(), 1) << result.err.toStdString();
+        EXPECT_TRUE(result.err.contains(QStringLiteral("--help")));
+    }
+    EXPECT_FALSE(QFile::exists(path(QStringLiteral("x.fnp"))));
+}
+
+TEST_F(CliTest, MissingFilesAndFoldersExitWithTwo)
+{
+    const QString missing = path(QStringLiteral("no-such-folder"));
+    SRun result =
+        run({QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("m.fnp")), missing});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(missing));
+
+    result = run({QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("no/such/dir/m.fnp")),
+                  path(QStringLiteral("refs"))});
+    EXPECT_EQ(result.exitCode, 2) << "checked before learning";
+    EXPECT_TRUE(result.err.contains(QStringLiteral("no/such/dir/m.fnp")));
+    EXPECT_TRUE(result.out.isEmpty());
+
+    result = run({QStringLiteral("analyze"), QStringLiteral("-f"), path(QStringLiteral("missing.fnp")),
+                  s_questionedFolder});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_EQ(lines(result.err).size(), 1) << result.err.toStdString();
+    EXPECT_TRUE(result.err.contains(QStringLiteral("missing.fnp")));
+
+    result =
+        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, s_questioned.at(0), missing});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(missing));
+    EXPECT_TRUE(result.out.isEmpty()) << "nothing analyzed when a path is wrong";
+
+    result =
+        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, path(QStringLiteral("empty"))});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(QStringLiteral("no photos")));
+
+    result = run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, QStringLiteral("--csv"),
+                  path(QStringLiteral("no/such/dir/out.csv")), s_questionedFolder});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(QStringLiteral("out.csv")));
+}
+
+TEST_F(CliTest, UnreadableFingerprintsExitWithTwo)
+{
+    // Not a fingerprint file at all.
+    const QString garbage = path(QStringLiteral("garbage.fnp"));
+    QByteArray noise;
+    for (int i = 0; i < 4096; ++i)
+        noise.append(static_cast<char>((i * 7919 + 13) % 251));
+    writeBytes(garbage, noise);
+    SRun result = run({QStringLiteral("analyze"), QStringLiteral("-f"), garbage, s_questionedFolder});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.out.isEmpty());
+    ASSERT_EQ(lines(result.err).size(), 1) << result.err.toStdString();
+    EXPECT_TRUE(result.err.contains(garbage));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Unsupported version of fingerprint")));
+    result = run({QStringLiteral("info"), garbage});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(garbage));
+
+    // A proper file whose engine bytes are damaged: only the engine notices.
+    QByteArray bytes = readBytes(s_fingerprint);
+    ASSERT_GT(bytes.size(), 1000);
+    bytes[bytes.size() - 100] = static_cast<char>(bytes.at(bytes.size() - 100) ^ 0x5a);
+    const QString damaged = path(QStringLiteral("damaged.fnp"));
+    writeBytes(damaged, bytes);
+    result = run({QStringLiteral("analyze"), QStringLiteral("-f"), damaged, QStringLiteral("--json"),
+                  QStringLiteral("-"), s_questionedFolder});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.out.isEmpty()) << "no photo is reported as judged: " << result.out.toStdString();
+    EXPECT_TRUE(result.err.contains(damaged));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Unable to open fingerprint")));
+}
+
+TEST_F(CliTest, LearningNeedsThreeUsablePhotos)
+{
+    const QString target = path(QStringLiteral("two.fnp"));
+    SRun result =
+        run({QStringLiteral("learn"), QStringLiteral("-o"), target, s_references.at(0), s_references.at(1)});
+    EXPECT_EQ(result.exitCode, 2);
+    ASSERT_EQ(lines(result.err).size(), 1) << result.err.toStdString();
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Not enough images")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("at least 3")));
+    EXPECT_FALSE(QFile::exists(target));
+
+    // The engine refuses a photo below its size limit; the tool names it.
+    camsim::CameraConfig small = unit(1);
+    small.width = 640;
+    small.height = 480;
+    const QString tiny = path(QStringLiteral("extra/tiny.jpg"));
+    shoot(camsim::Camera(small), camsim::SceneKind::Gradient, 50, tiny);
+    const QString refused = path(QStringLiteral("refused.fnp"));
+    result = run({QStringLiteral("learn"), QStringLiteral("-o"), refused, s_references.at(0),
+                  s_references.at(1), s_references.at(2), tiny});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.out.contains(QStringLiteral("photo 3/4"))) << result.out.toStdString();
+    EXPECT_FALSE(result.out.contains(QStringLiteral("photo 4/4")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("4/4 ") + tiny)) << result.err.toStdString();
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Photo has too small resolution")));
+    EXPECT_FALSE(QFile::exists(refused));
+}
+
+TEST_F(CliTest, LimitCapsTheReferencePhotos)
+{
+    const QString target = path(QStringLiteral("limited.fnp"));
+    const SRun result = run({QStringLiteral("learn"), QStringLiteral("--limit"), QStringLiteral("3"),
+                             QStringLiteral("-o"), target, path(QStringLiteral("refs"))});
+    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
+    EXPECT_TRUE(result.out.contains(QStringLiteral("photo 3/3")));
+    EXPECT_FALSE(result.out.contains(QStringLiteral("ref-4.jpg")));
+    EXPECT_FALSE(result.err.contains(QStringLiteral("warning"))) << "no warning with --limit";
+    const SRun info = run({QStringLiteral("info"), QStringLiteral("--json"), target});
+    EXPECT_EQ(QJsonDocument::fromJson(info.out.toUtf8())
+                  .object()
+                  .value(QStringLiteral("trainingimagescount"))
+                  .toInt(),
+              3);
+}
+
+TEST_F(CliTest, RecursiveTakesSubfoldersInSortedOrder)
+{
+    const QString nested = path(QStringLiteral("nested"));
+    const SRun flat = run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
+                           QStringLiteral("--json"), QStringLiteral("-"), nested});
+    ASSERT_EQ(flat.exitCode, 0) << flat.err.toStdString();
+    const QList<QJsonObject> top = parseJsonLines(flat.out);
+    ASSERT_EQ(top.size(), 1);
+    EXPECT_EQ(top.at(0).value(QStringLiteral("path")).toString(), nested + QStringLiteral("/top.jpg"));
+
+    const SRun deep =
+        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, QStringLiteral("--recursive"),
+             QStringLiteral("--json"), QStringLiteral("-"), nested});
+    ASSERT_EQ(deep.exitCode, 0) << deep.err.toStdString();
+    const QList<QJsonObject> all = parseJsonLines(deep.out);
+    ASSERT_EQ(all.size(), 3);
+    EXPECT_EQ(all.at(0).value(QStringLiteral("path")).toString(), nested + QStringLiteral("/inner/a.jpg"));
+    EXPECT_EQ(all.at(1).value(QStringLiteral("path")).toString(), nested + QStringLiteral("/inner/b.JPG"));
+    EXPECT_EQ(all.at(2).value(QStringLiteral("path")).toString(), nested + QStringLiteral("/top.jpg"));
+    EXPECT_TRUE(all.at(0).value(QStringLiteral("matched")).toBool());
+    EXPECT_FALSE(all.at(1).value(QStringLiteral("matched")).toBool());
+    EXPECT_TRUE(all.at(2).value(QStringLiteral("matched")).toBool());
+}
+
+TEST_F(CliTest, MoreThanTwoHundredPhotosAreCutWithAWarning)
+{
+    // Files that only look like photos: the engine refuses the first, which
+    // is enough to see how many were passed on.
+    const QDir many(path(QStringLiteral("many")));
+    ASSERT_TRUE(many.mkpath(QStringLiteral(".")));
+    for (int i = 0; i < 201; ++i)
+        writeBytes(many.filePath(QStringLiteral("p%1.jpg").arg(i, 3, 10, QLatin1Char('0'))), "not a photo");
+
+    SRun result =
+        run({QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("many.fnp")), many.path()});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(
+        result.err.contains(QStringLiteral("warning: Too many images: 201 found, only the first 200")))
+        << result.err.toStdString();
+    EXPECT_TRUE(
+        result.err.contains(QStringLiteral("photo 1/200 ") + many.filePath(QStringLiteral("p000.jpg"))))
+        << result.err.toStdString();
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Photo format is not supported")))
+        << "the engine's reason";
+
+    result = run({QStringLiteral("learn"), QStringLiteral("--limit"), QStringLiteral("5"),
+                  QStringLiteral("-o"), path(QStringLiteral("many.fnp")), many.path()});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_FALSE(result.err.contains(QStringLiteral("Too many images")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("photo 1/5 "))) << result.err.toStdString();
+}
+
+TEST_F(CliTest, PlainProgressIsPeriodicNotPerPhoto)
+{
+    QStringList arguments = {QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
+                             QStringLiteral("--csv"), path(QStringLiteral("progress.csv"))};
+    for (int i = 0; i < 8; ++i)
+        arguments.append(s_questionedFolder);
+    const SRun result = run(arguments);
+    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
+    int progressLines = 0;
+    for (const QString& line : lines(result.err))
+    {
+        if (!line.startsWith(QStringLiteral("Analyzed ")))
+            continue;
+        ++progressLines;
+        EXPECT_TRUE(line.contains(QRegularExpression(QStringLiteral(
+            "^Analyzed \\d+/40 photos \\(\\d+%\\)  \\d+\\.\\d photos/s  remaining \\d+h \\d+m \\d\\ds$"))))
+            << line.toStdString();
+    }
+    const double seconds =
+        result.out.section(QStringLiteral("Time elapsed: "), 1).section(QLatin1Char(' '), 0, 0).toDouble();
+    EXPECT_GE(progressLines, 1);
+    EXPECT_LE(progressLines, 9 + static_cast<int>(seconds / 5.0)) << "one line per tenth, and one per 5 s";
+    EXPECT_FALSE(result.err.contains(QLatin1Char('\r')))
+        << "no terminal line when standard error is not a terminal";
+}
+
+#ifdef Q_OS_UNIX
+TEST_F(CliTest, InterruptKeepsTheFinishedResults)
+{
+    // Ten copies of the folder on one thread: long enough to be interrupted.
+    QStringList arguments = {QStringLiteral("analyze"),   QStringLiteral("-f"), s_fingerprint,
+                             QStringLiteral("--threads"), QStringLiteral("1"),  QStringLiteral("--json"),
+                             QStringLiteral("-")};
+    const int copies = 10;
+    for (int i = 0; i < copies; ++i)
+        arguments.append(s_questionedFolder);
+    QProcess process;
+    process.setProcessEnvironment(childEnvironment(s_dir->path()));
+    process.start(QStringLiteral(QUORVEX_CLI_PATH), arguments);
+    ASSERT_TRUE(process.waitForStarted());
+    // The first result line means the analysis runs with Ctrl-C caught.
+    QByteArray out;
+    while (!out.contains('\n') && process.waitForReadyRead(60000))
+        out += process.readAllStandardOutput();
+    ASSERT_TRUE(out.contains('\n'));
+    ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    ASSERT_TRUE(process.waitForFinished(60000));
+    out += process.readAllStandardOutput();
+    const QString err = QString::fromUtf8(process.readAllStandardError());
+
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "a clean end, not death by the signal";
+    EXPECT_EQ(process.exitCode(), 130);
+    EXPECT_TRUE(err.contains(QStringLiteral("interrupted")));
+    const QList<QJsonObject> objects = parseJsonLines(QString::fromUtf8(out));
+    ASSERT_EQ(objects.size(), copies * 5) << "every photo has its line";
+    int finished = 0;
+    for (int i = 0; i < objects.size(); ++i)
+    {
+        const QString cls = objects.at(i).value(QStringLiteral("class")).toString();
+        if (cls == QLatin1String("not processed"))
+        {
+            EXPECT_EQ(objects.at(i).value(QStringLiteral("status")).toString(), QStringLiteral("invalid"));
+            continue;
+        }
+        // One thread takes photos in order: the finished ones come first.
+        EXPECT_EQ(finished, i) << "finished photo after an unfinished one";
+        ++finished;
+        EXPECT_EQ(objects.at(i).value(QStringLiteral("status")).toString(), QStringLiteral("success"));
+        EXPECT_EQ(objects.at(i).value(QStringLiteral("matched")).toBool(), s_truth.at(i % 5) == SameCamera);
+    }
+    EXPECT_GE(finished, 1);
+    EXPECT_LT(finished, copies * 5) << "the interrupt stopped the run";
+    EXPECT_TRUE(err.contains(QStringLiteral("Photos analyzed: %1/%2").arg(finished).arg(copies * 5)));
+}
+#endif
+
+TEST_F(CliTest, HelpExplainsEveryOption)
+{
+    const SRun help = run({QStringLiteral("--help")});
+    ASSERT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.err.isEmpty());
+    for (const char* word : {"learn",
+                             "analyze",
+                             "info",
+                             "demo",
+                             "-o",
+                             "--output",
+                             "--recursive",
+                             "--limit",
+                             "-f",
+                             "--fingerprint",
+                             "--skip-different-camera",
+                             "--threads",
+                             "--json",
+                             "--csv",
+                             "--report",
+                             "--out",
+                             "--help",
+                             "--version",
+                             "very high",
+                             "not processed",
+                             "130"})
+        EXPECT_TRUE(help.out.contains(QString::fromLatin1(word))) << word;
+    EXPECT_EQ(run({QStringLiteral("analyze"), QStringLiteral("--help")}).out, help.out);
+
+    const SRun version = run({QStringLiteral("--version")});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_EQ(version.out, QStringLiteral("quorvex-cli 2.0.0\n"));
+}
+
+TEST_F(CliTest, DemoClassifiesEveryPhotoRight)
+{
+    const QString out = path(QStringLiteral("demo"));
+    const SRun result = run({QStringLiteral("demo"), QStringLiteral("--out"), out});
+    EXPECT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
+    int rows = 0;
+    int sameModel = 0;
+    int otherMake = 0;
+    for (const QString& line : lines(result.out))
+    {
+        if (!line.startsWith(QStringLiteral("photo-")))
+            continue;
+        ++rows;
+        EXPECT_TRUE(line.endsWith(QStringLiteral("right"))) << line.toStdString();
+        if (line.contains(QStringLiteral("camera B (same model)")))
+        {
+            ++sameModel;
+            EXPECT_TRUE(line.contains(QStringLiteral("not found")));
+        }
+        if (line.contains(QStringLiteral("camera C")))
+            ++otherMake;
+    }
+    EXPECT_EQ(rows, 14);
+    EXPECT_EQ(sameModel, 3);
+    EXPECT_EQ(otherMake, 3);
+    EXPECT_TRUE(result.out.contains(QStringLiteral("All 14 photos classified right")));
+    EXPECT_EQ(QDir(out + QStringLiteral("/questioned")).entryList({QStringLiteral("*.jpg")}).size(), 14);
+    EXPECT_EQ(QDir(out + QStringLiteral("/reference")).entryList({QStringLiteral("*.jpg")}).size(), 12);
+    EXPECT_TRUE(QFileInfo(out + QStringLiteral("/camera-a.fnp")).isFile());
+    EXPECT_TRUE(result.out.contains(out + QStringLiteral("/questioned")));
+
+    const SRun again = run({QStringLiteral("demo"), QStringLiteral("--out"), out});
+    EXPECT_EQ(again.exitCode, 2) << "a folder that is not empty is left alone";
+    EXPECT_TRUE(again.err.contains(QStringLiteral("not empty")));
+}
+
+// The pieces behind the outputs, directly.
+
+TEST(CliFormat, CsvFieldsAreQuotedOnlyWhenNeeded)
+{
+    EXPECT_EQ(cli::csvField(QStringLiteral("/a/b.jpg")), QStringLiteral("/a/b.jpg"));
+    EXPECT_EQ(cli::csvField(QStringLiteral("/a,b/c.jpg")), QStringLiteral("\"/a,b/c.jpg\""));
+    EXPECT_EQ(cli::csvField(QStringLiteral("say \"x\"")), QStringLiteral("\"say \"\"x\"\"\""));
+    EXPECT_EQ(cli::csvField(QStringLiteral("two\nlines")), QStringLiteral("\"two\nlines\""));
+}
+
+TEST(CliFormat, OutcomesOfEveryKind)
+{
+    cli::SPhotoOutcome outcome;
+    outcome.path = QStringLiteral("q/p.jpg");
+    outcome.absolutePath = QStringLiteral("/x/q/p.jpg");
+    EXPECT_EQ(cli::jsonLine(outcome),
+              QStringLiteral("{\"path\":\"/x/q/p.jpg\",\"matched\":false,\"probability\":0,"
+                             "\"correlation\":0,\"pce\":0,\"status\":\"invalid\","
+                             "\"class\":\"not processed\"}"));
+    outcome.processed = true;
+    outcome.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
+    EXPECT_EQ(cli::className(outcome), QStringLiteral("high"));
+    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,0.995,0.05,210.5,success,high"));
+    EXPECT_TRUE(cli::tableLine(outcome).startsWith(QStringLiteral("high ")));
+    EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("210.5  q/p.jpg")));
+    outcome.result = {false, 0.0, 0.0, qutils::CQuorvexAPI::BrokenImage, 0.0};
+    EXPECT_EQ(cli::className(outcome), QStringLiteral("not found"));
+    EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("q/p.jpg  (File cannot be opened)")));
+
+    const cli::SSummary summary = cli::summarize({outcome, cli::SPhotoOutcome()}, 3.0);
+    EXPECT_EQ(
+        cli::summaryLines(summary),
+        QStringList({QStringLiteral("Photos analyzed: 1/2"), QStringLiteral("Fingerprints found: 0"),
+                     QStringLiteral("Fingerprints not found: 1"), QStringLiteral("Time elapsed: 3.00 s"),
+                     QStringLiteral("Average time per image: 3.00 s")}));
+}
+
+TEST(CliFormat, ProgressAndLearningLines)
+{
+    const cli::CProgressLine start(QStringLiteral("Analyzed"), 10, false);
+    EXPECT_EQ(start.text(false), QStringLiteral("Analyzed 0/10 photos (0%)  - photos/s  remaining unknown"));
+    EXPECT_EQ(start.text(true),
+              QStringLiteral("[------------------------] 0/10  - photos/s  remaining unknown"));
+    EXPECT_EQ(cli::CLearnJob::photoLine(3, 12, 0.0421f, QStringLiteral("a/b.jpg")),
+              QStringLiteral("photo  3/12  NMSE 0.0421  a/b.jpg"));
+    EXPECT_EQ(cli::CLearnJob::photoLine(1, 3, 1.0f, QStringLiteral("x.jpg")),
+              QStringLiteral("photo 1/3  NMSE 1.0000  x.jpg"));
+    EXPECT_EQ(cli::CLearnJob::photoLine(9, 9, 0.00042f, QStringLiteral("x.jpg")),
+              QStringLiteral("photo 9/9  NMSE 4.20e-04  x.jpg"));
+}
+
+TEST(CliCommandLine, ValuesAndOrder)
+{
+    const cli::SCommandLine c = cli::parseCommandLine(
+        {QStringLiteral("analyze"), QStringLiteral("b"), QStringLiteral("--threads=3"), QStringLiteral("-f"),
+         QStringLiteral("k.fnp"), QStringLiteral("--json"), QStringLiteral("-"), QStringLiteral("--"),
+         QStringLiteral("--odd-name.jpg"), QStringLiteral("a")});
+    ASSERT_EQ(c.command, cli::ECommand::Analyze) << c.error.toStdString();
+    EXPECT_EQ(c.threads, 3);
+    EXPECT_EQ(c.fingerprintFile, QStringLiteral("k.fnp"));
+    EXPECT_EQ(c.jsonFile, QStringLiteral("-"));
+    EXPECT_EQ(c.paths,
+              QStringList({QStringLiteral("b"), QStringLiteral("--odd-name.jpg"), QStringLiteral("a")}));
+
+    const cli::SCommandLine same = cli::parseCommandLine(
+        {QStringLiteral("analyze"), QStringLiteral("-f"), QStringLiteral("k.fnp"), QStringLiteral("--json"),
+         QStringLiteral("r"), QStringLiteral("--csv"), QStringLiteral("r"), QStringLiteral("a")});
+    EXPECT_EQ(same.command, cli::ECommand::None);
+    EXPECT_FALSE(same.error.isEmpty());
+}

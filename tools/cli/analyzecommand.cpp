@@ -1,0 +1,167 @@
+#include "analyzejob.h"
+#include "commands.h"
+#include "console.h"
+#include "photoinputs.h"
+#include "resultformat.h"
+
+#include "qutils/platform.h"
+
+#include <QFile>
+
+#include <memory>
+
+using qutils::CQuorvexAPI;
+
+namespace cli
+{
+
+namespace
+{
+
+// A results file written line by line and flushed, so an interrupted or
+// crashed run leaves every line it reported.
+class CResultFile
+{
+public:
+    explicit CResultFile(const QString& path) : m_file(path) {}
+
+    bool open() { return m_file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text); }
+    void writeLine(const QString& line)
+    {
+        if (m_file.write((line + QLatin1Char('\n')).toUtf8()) < 0 || !m_file.flush())
+            m_failed = true;
+    }
+    // Empty when every line was written.
+    QString close()
+    {
+        m_file.close();
+        return m_failed || m_file.error() != QFileDevice::NoError ? m_file.errorString() : QString();
+    }
+    QString errorString() const { return m_file.errorString(); }
+    QString path() const { return m_file.fileName(); }
+
+private:
+    QFile m_file;
+    bool m_failed = false;
+};
+
+} // namespace
+
+int runAnalyze(const SCommandLine& commandLine)
+{
+    const SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
+    for (const QString& path : inputs.missing)
+        CConsole::error(QStringLiteral("no such file or folder: %1").arg(path));
+    if (!inputs.missing.isEmpty())
+        return ExitFailure;
+    for (const QString& path : inputs.skipped)
+        CConsole::warning(QStringLiteral("skipping %1: not a JPEG, TIFF, BMP or PNG file name").arg(path));
+    if (inputs.photos.isEmpty())
+    {
+        CConsole::error(QStringLiteral("no photos found in the given paths"));
+        return ExitFailure;
+    }
+
+    CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+    const std::shared_ptr<const CFingerprint> fingerprint =
+        CFingerprint::load(QFileInfo(commandLine.fingerprintFile), &status);
+    if (!fingerprint)
+    {
+        CConsole::error(QStringLiteral("cannot read the fingerprint file %1: %2")
+                            .arg(commandLine.fingerprintFile, CQuorvexAPI::statusText(status)));
+        return ExitFailure;
+    }
+
+    const bool jsonToStdout = commandLine.jsonFile == QLatin1String("-");
+    std::unique_ptr<CResultFile> jsonFile;
+    std::unique_ptr<CResultFile> csvFile;
+    if (!commandLine.jsonFile.isEmpty() && !jsonToStdout)
+        jsonFile = std::make_unique<CResultFile>(commandLine.jsonFile);
+    if (!commandLine.csvFile.isEmpty())
+        csvFile = std::make_unique<CResultFile>(commandLine.csvFile);
+    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
+    {
+        if (file && !file->open())
+        {
+            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), file->errorString()));
+            return ExitFailure;
+        }
+    }
+    if (csvFile)
+        csvFile->writeLine(csvHeader());
+    if (!commandLine.reportFile.isEmpty())
+        CConsole::note(QStringLiteral("PDF reports come with a later version; no report is written to %1")
+                           .arg(commandLine.reportFile));
+
+    qutils::platform::catchInterrupts();
+    CAnalyzeJob job(inputs.photos, fingerprint, commandLine.skipDifferentCamera, commandLine.threads);
+    CConsole::note(QStringLiteral("analyzing %1 photos against %2 on %3 %4")
+                       .arg(inputs.photos.size())
+                       .arg(commandLine.fingerprintFile)
+                       .arg(job.threadCount())
+                       .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
+    bool tableStarted = false;
+    job.setOutcomeHandler(
+        [&](const SPhotoOutcome& outcome)
+        {
+            if (jsonToStdout)
+            {
+                CConsole::out(jsonLine(outcome));
+            }
+            else
+            {
+                if (!tableStarted)
+                    CConsole::out(tableHeader());
+                tableStarted = true;
+                CConsole::out(tableLine(outcome));
+            }
+            if (jsonFile)
+                jsonFile->writeLine(jsonLine(outcome));
+            if (csvFile)
+                csvFile->writeLine(csvLine(outcome));
+        });
+    const QList<SPhotoOutcome> outcomes = job.run();
+    if (job.fingerprintUnreadable())
+    {
+        CConsole::error(QStringLiteral("cannot read the fingerprint file %1: the engine refuses it (%2)")
+                            .arg(commandLine.fingerprintFile,
+                                 CQuorvexAPI::statusText(CQuorvexAPI::CannotOpenFingerprint)));
+        return ExitFailure;
+    }
+
+    // With JSON on standard output the summary must not mix into it.
+    const QStringList summary = summaryLines(summarize(outcomes, job.seconds()));
+    if (jsonToStdout)
+    {
+        for (const QString& line : summary)
+            CConsole::err(line);
+    }
+    else
+    {
+        CConsole::out(QString());
+        for (const QString& line : summary)
+            CConsole::out(line);
+    }
+
+    int exitCode = ExitDone;
+    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
+    {
+        if (!file)
+            continue;
+        const QString error = file->close();
+        if (!error.isEmpty())
+        {
+            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), error));
+            exitCode = ExitFailure;
+        }
+    }
+    if (job.interrupted())
+    {
+        CConsole::note(
+            QStringLiteral("analysis interrupted; the results of the photos analyzed were written"));
+        return ExitInterrupted;
+    }
+    return exitCode;
+}
+
+} // namespace cli

@@ -1,0 +1,323 @@
+#include "commandline.h"
+
+#include "appinfo.h"
+
+#include <functional>
+
+namespace cli
+{
+
+namespace
+{
+
+// One option of a command: its spellings, whether a value follows, and where
+// the value goes.
+struct SOption
+{
+    QStringList names;
+    bool takesValue;
+    std::function<QString(SCommandLine&, const QString&)> apply; // returns an error text or ""
+};
+
+QString storeText(QString& target, const QString& value)
+{
+    target = value;
+    return QString();
+}
+
+QString storeCount(int& target, const QString& option, const QString& value, int maximum)
+{
+    bool ok = false;
+    const int n = value.toInt(&ok, 10);
+    if (!ok || n < 1 || n > maximum)
+        return QStringLiteral("%1 needs a whole number from 1 to %2, not '%3'")
+            .arg(option)
+            .arg(maximum)
+            .arg(value);
+    target = n;
+    return QString();
+}
+
+QList<SOption> optionsFor(ECommand command)
+{
+    const SOption recursive{{QStringLiteral("-r"), QStringLiteral("--recursive")},
+                            false,
+                            [](SCommandLine& c, const QString&)
+                            {
+                                c.recursive = true;
+                                return QString();
+                            }};
+    switch (command)
+    {
+    case ECommand::Learn:
+        return {
+            {{QStringLiteral("-o"), QStringLiteral("--output")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.fingerprintFile, v); }},
+            recursive,
+            {{QStringLiteral("--limit")},
+             true,
+             [](SCommandLine& c, const QString& v)
+             { return storeCount(c.limit, QStringLiteral("--limit"), v, MaximumReferencePhotos); }},
+        };
+    case ECommand::Analyze:
+        return {
+            {{QStringLiteral("-f"), QStringLiteral("--fingerprint")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.fingerprintFile, v); }},
+            recursive,
+            {{QStringLiteral("--skip-different-camera")},
+             false,
+             [](SCommandLine& c, const QString&)
+             {
+                 c.skipDifferentCamera = true;
+                 return QString();
+             }},
+            {{QStringLiteral("--threads")},
+             true,
+             [](SCommandLine& c, const QString& v)
+             { return storeCount(c.threads, QStringLiteral("--threads"), v, 1024); }},
+            {{QStringLiteral("--json")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.jsonFile, v); }},
+            {{QStringLiteral("--csv")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.csvFile, v); }},
+            {{QStringLiteral("--report")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.reportFile, v); }},
+        };
+    case ECommand::Info:
+        return {
+            {{QStringLiteral("--json")},
+             false,
+             [](SCommandLine& c, const QString&)
+             {
+                 c.json = true;
+                 return QString();
+             }},
+        };
+    case ECommand::Demo:
+        return {
+            {{QStringLiteral("--out")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.outDir, v); }},
+        };
+    default:
+        return {};
+    }
+}
+
+SCommandLine failed(const QString& error)
+{
+    SCommandLine result;
+    result.error = error;
+    return result;
+}
+
+// The rules a command's arguments must meet once all are read.
+QString checkComplete(const QString& name, SCommandLine& c)
+{
+    switch (c.command)
+    {
+    case ECommand::Learn:
+        if (c.fingerprintFile.isEmpty())
+            return QStringLiteral("'learn' needs -o FILE.fnp: where to save the fingerprint");
+        if (c.paths.isEmpty())
+            return QStringLiteral("'learn' needs at least one PATH: reference photos or folders");
+        return QString();
+    case ECommand::Analyze:
+        if (c.fingerprintFile.isEmpty())
+            return QStringLiteral("'analyze' needs -f FILE.fnp: the fingerprint to match against");
+        if (c.paths.isEmpty())
+            return QStringLiteral("'analyze' needs at least one PATH: questioned photos or folders");
+        if (!c.csvFile.isEmpty() && c.csvFile == c.jsonFile)
+            return QStringLiteral("--json and --csv cannot write to the same file");
+        return QString();
+    case ECommand::Info:
+        if (c.paths.size() != 1)
+            return QStringLiteral("'info' needs exactly one FILE.fnp");
+        c.fingerprintFile = c.paths.takeFirst();
+        return QString();
+    case ECommand::Demo:
+        if (!c.paths.isEmpty())
+            return QStringLiteral("'demo' takes no PATH, only --out DIR");
+        return QString();
+    default:
+        return QStringLiteral("unexpected command '%1'").arg(name);
+    }
+}
+
+} // namespace
+
+SCommandLine parseCommandLine(const QStringList& arguments)
+{
+    SCommandLine result;
+    if (arguments.isEmpty())
+        return failed(QStringLiteral("no command given"));
+
+    const QString name = arguments.first();
+    if (name == QLatin1String("--help") || name == QLatin1String("-h") || name == QLatin1String("help"))
+    {
+        result.command = ECommand::Help;
+        return result;
+    }
+    if (name == QLatin1String("--version"))
+    {
+        result.command = ECommand::Version;
+        return result;
+    }
+    if (name == QLatin1String("learn"))
+        result.command = ECommand::Learn;
+    else if (name == QLatin1String("analyze"))
+        result.command = ECommand::Analyze;
+    else if (name == QLatin1String("info"))
+        result.command = ECommand::Info;
+    else if (name == QLatin1String("demo"))
+        result.command = ECommand::Demo;
+    else if (name.startsWith(QLatin1Char('-')))
+        return failed(
+            QStringLiteral("unknown option '%1'; a command (learn, analyze, info, demo) comes first")
+                .arg(name));
+    else
+        return failed(QStringLiteral("unknown command '%1'").arg(name));
+
+    const QList<SOption> options = optionsFor(result.command);
+    bool optionsEnded = false;
+    for (int i = 1; i < arguments.size(); ++i)
+    {
+        const QString argument = arguments.at(i);
+        // "-" alone is a path (or the value of --json), never an option.
+        if (optionsEnded || !argument.startsWith(QLatin1Char('-')) || argument == QLatin1String("-"))
+        {
+            result.paths.append(argument);
+            continue;
+        }
+        if (argument == QLatin1String("--"))
+        {
+            optionsEnded = true;
+            continue;
+        }
+        if (argument == QLatin1String("--help") || argument == QLatin1String("-h"))
+        {
+            SCommandLine help;
+            help.command = ECommand::Help;
+            return help;
+        }
+
+        // "--name=value" as well as "--name value".
+        QString optionName = argument;
+        QString inlineValue;
+        bool hasInlineValue = false;
+        const int equals = argument.indexOf(QLatin1Char('='));
+        if (argument.startsWith(QLatin1String("--")) && equals > 2)
+        {
+            optionName = argument.left(equals);
+            inlineValue = argument.mid(equals + 1);
+            hasInlineValue = true;
+        }
+        const SOption* option = nullptr;
+        for (const SOption& candidate : options)
+            if (candidate.names.contains(optionName))
+                option = &candidate;
+        if (!option)
+            return failed(QStringLiteral("unknown option '%1' for '%2'").arg(optionName, name));
+
+        QString value;
+        if (option->takesValue)
+        {
+            if (hasInlineValue)
+                value = inlineValue;
+            else if (i + 1 < arguments.size())
+                value = arguments.at(++i);
+            else
+                return failed(QStringLiteral("option '%1' needs a value").arg(optionName));
+            if (value.isEmpty())
+                return failed(QStringLiteral("option '%1' needs a value").arg(optionName));
+        }
+        else if (hasInlineValue)
+        {
+            return failed(QStringLiteral("option '%1' takes no value").arg(optionName));
+        }
+        const QString error = option->apply(result, value);
+        if (!error.isEmpty())
+            return failed(error);
+    }
+
+    const QString error = checkComplete(name, result);
+    if (!error.isEmpty())
+        return failed(error);
+    return result;
+}
+
+QString helpText()
+{
+    return QStringLiteral(
+        "Usage:\n"
+        "  quorvex-cli learn   -o FILE.fnp [--recursive] [--limit N] PATH...\n"
+        "  quorvex-cli analyze -f FILE.fnp [--recursive] [--skip-different-camera] [--threads N]\n"
+        "                      [--json FILE|-] [--csv FILE] [--report FILE.pdf] PATH...\n"
+        "  quorvex-cli info    [--json] FILE.fnp\n"
+        "  quorvex-cli demo    [--out DIR]\n"
+        "  quorvex-cli --help | --version\n"
+        "\n"
+        "Tells which camera took a photo from the sensor's noise pattern: 'learn' builds a\n"
+        "camera's fingerprint from its photos, 'analyze' matches questioned photos against it.\n"
+        "\n"
+        "PATH is a photo file or a folder. Folders contribute their JPEG, TIFF, BMP and PNG\n"
+        "files (*.jpg *.jpeg *.jpe *.tif *.tiff *.bmp *.png, in either case) sorted by name;\n"
+        "paths are taken in the order given.\n"
+        "\n"
+        "learn: builds a fingerprint from reference photos of one camera (at least 3; at most\n"
+        "200 are used) and saves it. Prints each photo's NMSE as it goes (how much the\n"
+        "fingerprint still changed; falling values mean it settles), then the fingerprint's\n"
+        "properties.\n"
+        "  -o, --output FILE.fnp      where to save the fingerprint (required)\n"
+        "  -r, --recursive            include the photos in subfolders of folder PATHs\n"
+        "  --limit N                  use only the first N photos (1 to 200); without it more\n"
+        "                             than 200 photos are cut to the first 200 with a warning\n"
+        "\n"
+        "analyze: matches every photo against a fingerprint on all cores, prints one line per\n"
+        "photo in input order (class, probability, PCE, path) and a summary.\n"
+        "  -f, --fingerprint FILE.fnp the fingerprint to match against (required)\n"
+        "  -r, --recursive            include the photos in subfolders of folder PATHs\n"
+        "  --skip-different-camera    do not match photos whose EXIF make or model differs from\n"
+        "                             the fingerprint's (status inconsistentmetadata)\n"
+        "  --threads N                match N photos at a time (default: one per core)\n"
+        "  --json FILE|-              write one JSON object per photo and line, in input order,\n"
+        "                             to FILE, or to standard output for '-' (then the table is\n"
+        "                             left out and the summary goes to standard error); keys:\n"
+        "                             path (absolute), matched, probability, correlation, pce,\n"
+        "                             status (lower-case key), class\n"
+        "  --csv FILE                 write the same columns as CSV with a header line\n"
+        "  --report FILE.pdf          accepted; PDF reports come with a later version\n"
+        "Classes: very high (probability >= 0.999), high (>= 0.995), medium (>= 0.99), low\n"
+        "(any other match), not found (no match, or the photo failed: see its status),\n"
+        "not processed (interrupted before the photo was analyzed).\n"
+        "PCE is the peak-to-correlation energy; 60 or more counts as a match.\n"
+        "\n"
+        "info: prints the properties of a fingerprint file.\n"
+        "  --json                     as one JSON object keyed by property\n"
+        "\n"
+        "demo: makes a sample case with simulated cameras (three cameras, two of the same make\n"
+        "and model), learns camera A, analyzes a mixed folder and shows every photo's class\n"
+        "next to the truth.\n"
+        "  --out DIR                  where to put the photos and the fingerprint (a new or empty\n"
+        "                             folder; default: a new folder in the temporary folder)\n"
+        "\n"
+        "  -h, --help                 show this help\n"
+        "  --version                  show the version\n"
+        "\n"
+        "Progress goes to standard error: one updating line on a terminal, otherwise a line\n"
+        "every few seconds. Ctrl-C during 'analyze' stops after the photos being analyzed and\n"
+        "writes the results so far.\n"
+        "\n"
+        "Exit codes: 0 done, 1 usage error, 2 failure, 130 interrupted.\n");
+}
+
+QString versionText()
+{
+    return QStringLiteral("quorvex-cli ") + SAppInfo::forMode(ERunMode::Windowed).version;
+}
+
+} // namespace cli

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+namespace cli
+{
+
+enum class ECommand
+{
+    None,
+    Help,
+    Version,
+    Learn,
+    Analyze,
+    Info,
+    Demo,
+};
+
+// The exit codes scripts rely on.
+enum EExitCode
+{
+    ExitDone = 0,
+    ExitUsage = 1,
+    ExitFailure = 2,
+    ExitInterrupted = 130,
+};
+
+// The fewest reference photos a fingerprint is built from, and the most used.
+constexpr int MinimumReferencePhotos = 3;
+constexpr int MaximumReferencePhotos = 200;
+
+// What the arguments ask for. error is set (and command is None) when they
+// cannot be understood.
+struct SCommandLine
+{
+    ECommand command = ECommand::None;
+    QString error;
+
+    QString fingerprintFile; // learn -o, analyze -f, info FILE
+    QStringList paths;       // photos and folders, in the order given
+    bool recursive = false;
+    int limit = 0; // learn: 0 means no limit of the user's own
+    bool skipDifferentCamera = false;
+    int threads = 0;    // 0: every core
+    QString jsonFile;   // analyze --json; "-" is standard output
+    QString csvFile;    // analyze --csv
+    QString reportFile; // analyze --report
+    bool json = false;  // info --json
+    QString outDir;     // demo --out
+};
+
+// Parses the arguments without the program's name.
+SCommandLine parseCommandLine(const QStringList& arguments);
+
+// The full help: every command and every option.
+QString helpText();
+
+// "quorvex-cli 2.0.0".
+QString versionText();
+
+} // namespace cli

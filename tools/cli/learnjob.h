@@ -1,0 +1,40 @@
+#pragma once
+
+#include "fingerprint.h"
+
+#include <QFileInfoList>
+
+namespace cli
+{
+
+// Learning a fingerprint with one line per reference photo on standard output
+// as the engine reports it. The engine's progress is a plain function, so the
+// running job is reached through one process-wide pointer: one job at a time.
+class CLearnJob
+{
+public:
+    using EStatus = qutils::CQuorvexAPI::EStatus;
+
+    explicit CLearnJob(const QFileInfoList& photos);
+
+    // Learns and saves to target; runs on the calling thread.
+    EStatus run(const QFileInfo& target);
+
+    // Photos the engine reported as done; when it refuses one, the refused
+    // photo is the first not reported.
+    int reportedPhotos() const { return m_reported; }
+
+    // "photo 3/12  NMSE 0.0421  path".
+    static QString photoLine(int number, int total, float nmse, const QString& path);
+
+private:
+    static void onProgress(int percent, float nmse, float seconds);
+    void report(float nmse);
+
+    static CLearnJob* s_current;
+
+    QFileInfoList m_photos;
+    int m_reported = 0;
+};
+
+} // namespace cli

@@ -1,0 +1,139 @@
+#include "resultformat.h"
+
+#include "resultclass.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <cmath>
+
+using qutils::CQuorvexAPI;
+
+namespace cli
+{
+
+namespace
+{
+
+QString jsonString(const QString& text)
+{
+    // QJsonDocument does the escaping; the array brackets are cut off.
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.mid(1, array.size() - 2));
+}
+
+// Enough digits to tell results apart; JSON has no NaN or infinity.
+QString number(double value)
+{
+    return std::isfinite(value) ? QString::number(value, 'g', 12) : QStringLiteral("null");
+}
+
+QString statusKey(const SPhotoOutcome& outcome)
+{
+    return CQuorvexAPI::statusKey(outcome.processed ? outcome.result.status : CQuorvexAPI::Invalid);
+}
+
+} // namespace
+
+QString className(const SPhotoOutcome& outcome)
+{
+    return resultClassName(outcome.processed ? classifyResult(outcome.result) : EResultClass::NotProcessed);
+}
+
+QString jsonLine(const SPhotoOutcome& outcome)
+{
+    const auto& r = outcome.result;
+    return QStringLiteral("{\"path\":%1,\"matched\":%2,\"probability\":%3,\"correlation\":%4,\"pce\":%5,"
+                          "\"status\":%6,\"class\":%7}")
+        .arg(jsonString(outcome.absolutePath),
+             outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
+             number(outcome.processed ? r.probability : 0.0), number(outcome.processed ? r.correlation : 0.0),
+             number(outcome.processed ? r.pce : 0.0), jsonString(statusKey(outcome)),
+             jsonString(className(outcome)));
+}
+
+QString csvHeader()
+{
+    return QStringLiteral("path,matched,probability,correlation,pce,status,class");
+}
+
+QString csvField(const QString& text)
+{
+    if (!text.contains(QLatin1Char(',')) && !text.contains(QLatin1Char('"')) &&
+        !text.contains(QLatin1Char('\n')) && !text.contains(QLatin1Char('\r')))
+        return text;
+    QString quoted = text;
+    quoted.replace(QLatin1Char('"'), QStringLiteral("\"\""));
+    return QLatin1Char('"') + quoted + QLatin1Char('"');
+}
+
+QString csvLine(const SPhotoOutcome& outcome)
+{
+    const auto& r = outcome.result;
+    const QStringList fields = {
+        csvField(outcome.absolutePath),
+        outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
+        number(outcome.processed ? r.probability : 0.0),
+        number(outcome.processed ? r.correlation : 0.0),
+        number(outcome.processed ? r.pce : 0.0),
+        statusKey(outcome),
+        className(outcome),
+    };
+    return fields.join(QLatin1Char(','));
+}
+
+QString tableHeader()
+{
+    return QStringLiteral("%1 %2 %3  %4")
+        .arg(QStringLiteral("class"), -13)
+        .arg(QStringLiteral("probability"), 11)
+        .arg(QStringLiteral("PCE"), 10)
+        .arg(QStringLiteral("path"));
+}
+
+QString tableLine(const SPhotoOutcome& outcome)
+{
+    const auto& r = outcome.result;
+    QString line =
+        QStringLiteral("%1 %2 %3  %4")
+            .arg(className(outcome), -13)
+            .arg(outcome.processed ? QString::number(r.probability, 'f', 6) : QStringLiteral("-"), 11)
+            .arg(outcome.processed ? QString::number(r.pce, 'f', 1) : QStringLiteral("-"), 10)
+            .arg(outcome.path);
+    if (outcome.processed && r.status != CQuorvexAPI::Success)
+        line += QStringLiteral("  (%1)").arg(CQuorvexAPI::statusText(r.status));
+    return line;
+}
+
+SSummary summarize(const QList<SPhotoOutcome>& outcomes, double seconds)
+{
+    SSummary summary;
+    summary.total = outcomes.size();
+    summary.seconds = seconds;
+    for (const SPhotoOutcome& outcome : outcomes)
+    {
+        if (!outcome.processed)
+            continue;
+        ++summary.analyzed;
+        if (classifyResult(outcome.result) == EResultClass::NotFound)
+            ++summary.notFound;
+        else
+            ++summary.found;
+    }
+    return summary;
+}
+
+QStringList summaryLines(const SSummary& summary)
+{
+    const QString average = summary.analyzed > 0 ? QString::number(summary.seconds / summary.analyzed, 'f', 2)
+                                                 : QStringLiteral("-");
+    return {
+        QStringLiteral("Photos analyzed: %1/%2").arg(summary.analyzed).arg(summary.total),
+        QStringLiteral("Fingerprints found: %1").arg(summary.found),
+        QStringLiteral("Fingerprints not found: %1").arg(summary.notFound),
+        QStringLiteral("Time elapsed: %1 s").arg(summary.seconds, 0, 'f', 2),
+        QStringLiteral("Average time per image: %1 s").arg(average),
+    };
+}
+
+} // namespace cli

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "qutils/quorvexapi.h"
+
+#include <QString>
+#include <QStringList>
+
+namespace cli
+{
+
+// One photo's outcome as the tool reports it. processed is false for a photo
+// the analysis never reached (it was interrupted).
+struct SPhotoOutcome
+{
+    QString path;         // as given
+    QString absolutePath; // for the machine-readable files
+    bool processed = false;
+    qutils::CQuorvexAPI::SAnalysisResult result;
+};
+
+// "very high", ..., "not found", or "not processed".
+QString className(const SPhotoOutcome& outcome);
+
+// {"path":..,"matched":..,"probability":..,"correlation":..,"pce":..,"status":..,"class":..}
+// in this key order, on one line.
+QString jsonLine(const SPhotoOutcome& outcome);
+
+// The CSV columns, the same as the JSON keys.
+QString csvHeader();
+QString csvLine(const SPhotoOutcome& outcome);
+// A field quoted when it holds a comma, a quote or a line break; quotes doubled.
+QString csvField(const QString& text);
+
+// The human table: a header and one line per photo (class, probability, PCE,
+// path, and the status text of a failed photo).
+QString tableHeader();
+QString tableLine(const SPhotoOutcome& outcome);
+
+// Counts of a finished or interrupted analysis.
+struct SSummary
+{
+    int analyzed = 0; // entries of the list with a result
+    int total = 0;
+    int found = 0;
+    int notFound = 0;
+    double seconds = 0.0;
+};
+
+SSummary summarize(const QList<SPhotoOutcome>& outcomes, double seconds);
+// "Photos analyzed: 12/14", "Fingerprints found: 5", "Fingerprints not found: 7",
+// "Time elapsed: 3.21 s", "Average time per image: 0.27 s".
+QStringList summaryLines(const SSummary& summary);
+
+} // namespace cli
