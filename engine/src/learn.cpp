@@ -12,7 +12,11 @@
 #include <cctype>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <ctime>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 namespace lumicrest
 {
@@ -202,6 +206,187 @@ std::string formatted(double value)
 
 } // namespace
 
+namespace
+{
+
+// Everything about one reference photo that does not depend on the others:
+// made on a worker thread, consumed in list order on the caller's thread.
+struct PreparedPhoto
+{
+    int32_t failure = LUMICREST_OK; // decoding failed, or an order-independent check did
+    std::string detail;
+    PhotoReport report;
+    PhotoInfo info;
+    bool portrait = false;
+    int width = 0; // landscape size
+    int height = 0;
+    int channels = 0;
+    Plane residuals[3];
+    Plane weights[3];
+
+    const Plane& residual(int c) const { return residuals[std::min(c, channels - 1)]; }
+    const Plane& weight(int c) const { return weights[std::min(c, channels - 1)]; }
+};
+
+void prepare(const std::string& path, const LearnOptions& options, bool checks, PreparedPhoto& out)
+{
+    out.report.path = path;
+    ReadLimits limits;
+    limits.maxPixels = constants::MaxPixels;
+    Photo photo = readPhoto(path, limits);
+    out.report.width = photo.width;
+    out.report.height = photo.height;
+    out.info = photo.info;
+    out.portrait = photo.height > photo.width;
+    out.width = out.portrait ? photo.height : photo.width;
+    out.height = out.portrait ? photo.width : photo.height;
+    out.channels = photo.channels;
+
+    if (checks && std::min(photo.width, photo.height) < constants::MinShortSide)
+        fail(LUMICREST_PHOTO_TOO_SMALL, "shorter side below " + std::to_string(constants::MinShortSide));
+    {
+        Plane grey;
+        greyLevel(photo.planes, photo.channels, grey);
+        out.report.mean = meanOf(grey);
+        out.report.noise = noiseLevel(grey);
+    }
+    out.report.clipped = clippedFraction(photo.planes, photo.channels);
+    // Checks that need other photos (size, camera) come first when learning;
+    // these are kept and reported in their turn.
+    if (checks && out.report.mean < constants::MinMeanLevel)
+    {
+        out.failure = LUMICREST_REFERENCE_TOO_DARK;
+        out.detail = "mean level below " + formatted(constants::MinMeanLevel);
+    }
+    else if (checks && out.report.clipped > constants::MaxClippedFraction)
+    {
+        out.failure = LUMICREST_REFERENCE_TOO_CLIPPED;
+        out.detail = "too many clipped pixels";
+    }
+    else if (checks && out.report.noise > constants::MaxNoiseLevel)
+    {
+        out.failure = LUMICREST_REFERENCE_TOO_NOISY;
+        out.detail = "noise or texture level above " + formatted(constants::MaxNoiseLevel);
+    }
+    if (out.failure != LUMICREST_OK)
+        return;
+
+    for (int c = 0; c < photo.channels; ++c)
+    {
+        channelResidual(photo.planes[c], options.sigmaRef, out.residuals[c]);
+        intensityWeights(photo.planes[c], out.weights[c]);
+        photo.planes[c] = Plane(); // the decoded samples are no longer needed
+    }
+    Plane combined(photo.width, photo.height);
+    const float g[3] = {constants::GreyR, constants::GreyG, constants::GreyB};
+    float* d = combined.data();
+    for (size_t p = 0, n = combined.size(); p < n; ++p)
+        d[p] = photo.channels == 3 ? g[0] * out.residuals[0].data()[p] + g[1] * out.residuals[1].data()[p] +
+                                         g[2] * out.residuals[2].data()[p]
+                                   : out.residuals[0].data()[p];
+    out.report.residual = standardDeviationOf(combined);
+}
+
+// Prepares photos on worker threads, at most `threads` ahead of the consumer,
+// and hands them out in list order.
+class PreparationPool
+{
+public:
+    PreparationPool(const std::vector<std::string>& paths, const LearnOptions& options, bool checks, int threads)
+        : m_paths(paths), m_options(options), m_checks(checks), m_slots(paths.size()), m_ahead(threads)
+    {
+        for (int t = 0; t < threads; ++t)
+            m_workers.emplace_back([this] { work(); });
+    }
+
+    ~PreparationPool()
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stop = true;
+        }
+        m_changed.notify_all();
+        for (std::thread& worker : m_workers)
+            worker.join();
+    }
+
+    // Waits for photo i (taken in order: i is the next after the last one taken).
+    std::unique_ptr<PreparedPhoto> take(size_t i)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [&] { return m_slots[i] != nullptr; });
+        std::unique_ptr<PreparedPhoto> photo = std::move(m_slots[i]);
+        m_taken = i + 1;
+        lock.unlock();
+        m_changed.notify_all();
+        return photo;
+    }
+
+private:
+    void work()
+    {
+        for (;;)
+        {
+            size_t i;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                // Bounded look-ahead keeps memory independent of the number of photos.
+                m_changed.wait(lock, [&] { return m_stop || m_next >= m_paths.size() || m_next < m_taken + m_ahead; });
+                if (m_stop || m_next >= m_paths.size())
+                    return;
+                i = m_next++;
+            }
+            auto photo = std::make_unique<PreparedPhoto>();
+            try
+            {
+                prepare(m_paths[i], m_options, m_checks, *photo);
+            }
+            catch (const Failure& failure)
+            {
+                photo->failure = failure.code();
+                photo->detail = failure.detail();
+            }
+            catch (const std::bad_alloc&)
+            {
+                photo->failure = LUMICREST_OUT_OF_MEMORY;
+                photo->detail = "out of memory";
+            }
+            catch (...)
+            {
+                photo->failure = LUMICREST_INTERNAL_ERROR;
+                photo->detail = "internal error";
+            }
+            photo->report.path = m_paths[i];
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_slots[i] = std::move(photo);
+            }
+            m_changed.notify_all();
+        }
+    }
+
+    const std::vector<std::string>& m_paths;
+    const LearnOptions m_options;
+    const bool m_checks;
+    std::vector<std::unique_ptr<PreparedPhoto>> m_slots;
+    const size_t m_ahead;
+    size_t m_next = 0;
+    size_t m_taken = 0;
+    bool m_stop = false;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<std::thread> m_workers;
+};
+
+int learningThreads(const LearnOptions& options, size_t photos)
+{
+    int threads = options.threads > 0 ? options.threads : static_cast<int>(std::thread::hardware_concurrency());
+    threads = std::max(threads, 1);
+    return static_cast<int>(std::min<size_t>(static_cast<size_t>(threads), std::max<size_t>(photos, 1)));
+}
+
+} // namespace
+
 LearnOutcome learnFingerprint(const std::vector<std::string>& paths, const LearnOptions& options, bool checks,
                               LearnProgress progress, FingerprintData& out)
 {
@@ -221,148 +406,118 @@ LearnOutcome learnFingerprint(const std::vector<std::string>& paths, const Learn
     if (progress)
         progress(0, 0.0f, 0.0f);
 
-    for (int index = 0; index < count; ++index)
     {
-        PhotoReport report;
-        report.path = paths[index];
-        try
+        PreparationPool pool(paths, options, checks, learningThreads(options, paths.size()));
+        for (int index = 0; index < count; ++index)
         {
-            ReadLimits limits;
-            limits.maxPixels = constants::MaxPixels;
-            Photo photo = readPhoto(paths[index], limits);
-            report.width = photo.width;
-            report.height = photo.height;
-
-            if (checks && std::min(photo.width, photo.height) < constants::MinShortSide)
-                fail(LUMICREST_PHOTO_TOO_SMALL, "shorter side below " + std::to_string(constants::MinShortSide));
-
-            // Portrait photos are turned to landscape; which way is decided below.
-            const bool portrait = photo.height > photo.width;
-            const int landscapeW = portrait ? photo.height : photo.width;
-            const int landscapeH = portrait ? photo.width : photo.height;
-            if (index == 0)
+            std::unique_ptr<PreparedPhoto> photo = pool.take(static_cast<size_t>(index));
+            PhotoReport& report = photo->report;
+            try
             {
-                width = landscapeW;
-                height = landscapeH;
-                accumulator.reset(width, height);
-                firstMake = photo.info.make;
-                firstModel = photo.info.model;
-            }
-            else if (landscapeW != width || landscapeH != height)
-                fail(LUMICREST_REFERENCE_SIZE_DIFFERS, "size differs from the first photo");
-            if (checks && index > 0 && !photo.info.make.empty() && !firstMake.empty() &&
-                (normalisedName(photo.info.make) != normalisedName(firstMake) ||
-                 normalisedName(photo.info.model) != normalisedName(firstModel)))
-                fail(LUMICREST_REFERENCE_CAMERA_DIFFERS, "EXIF camera differs from the first photo's");
-            if (lens.empty())
-                lens = photo.info.lens;
-
-            const int channels = photo.channels;
-            Plane grey;
-            greyLevel(photo.planes, channels, grey);
-            report.mean = meanOf(grey);
-            report.clipped = clippedFraction(photo.planes, channels);
-            if (checks && report.mean < constants::MinMeanLevel)
-                fail(LUMICREST_REFERENCE_TOO_DARK, "mean level below " + formatted(constants::MinMeanLevel));
-            if (checks && report.clipped > constants::MaxClippedFraction)
-                fail(LUMICREST_REFERENCE_TOO_CLIPPED, "too many clipped pixels");
-            report.noise = noiseLevel(grey);
-            if (checks && report.noise > constants::MaxNoiseLevel)
-                fail(LUMICREST_REFERENCE_TOO_NOISY, "noise or texture level above " + formatted(constants::MaxNoiseLevel));
-            grey = Plane();
-
-            Plane residuals[3];
-            Plane weights[3];
-            for (int c = 0; c < channels; ++c)
-            {
-                channelResidual(photo.planes[c], options.sigmaRef, residuals[c]);
-                intensityWeights(photo.planes[c], weights[c]);
-                photo.planes[c] = Plane(); // the decoded samples are no longer needed
-            }
-            {
-                Plane combinedResidual;
-                combinedResidual.reset(photo.width, photo.height);
-                const float g[3] = {constants::GreyR, constants::GreyG, constants::GreyB};
-                float* d = combinedResidual.data();
-                for (size_t p = 0, n = combinedResidual.size(); p < n; ++p)
-                    d[p] = channels == 3 ? g[0] * residuals[0].data()[p] + g[1] * residuals[1].data()[p] +
-                                               g[2] * residuals[2].data()[p]
-                                         : residuals[0].data()[p];
-                report.residual = standardDeviationOf(combinedResidual);
-            }
-            if (channels == 1)
-            {
-                // A grey photo informs all three channel estimates alike.
-                for (int c = 1; c < 3; ++c)
+                const bool decoded = photo->width > 0;
+                if (!decoded || photo->failure == LUMICREST_PHOTO_TOO_SMALL)
+                    fail(photo->failure, photo->detail);
+                if (index == 0)
                 {
-                    residuals[c].reset(residuals[0].width(), residuals[0].height());
-                    weights[c].reset(weights[0].width(), weights[0].height());
-                    std::copy(residuals[0].data(), residuals[0].data() + residuals[0].size(), residuals[c].data());
-                    std::copy(weights[0].data(), weights[0].data() + weights[0].size(), weights[c].data());
+                    width = photo->width;
+                    height = photo->height;
+                    accumulator.reset(width, height);
+                    firstMake = photo->info.make;
+                    firstModel = photo->info.model;
                 }
-            }
+                else if (photo->width != width || photo->height != height)
+                {
+                    fail(LUMICREST_REFERENCE_SIZE_DIFFERS, "size differs from the first photo");
+                }
+                if (checks && index > 0 && !photo->info.make.empty() && !firstMake.empty() &&
+                    (normalisedName(photo->info.make) != normalisedName(firstMake) ||
+                     normalisedName(photo->info.model) != normalisedName(firstModel)))
+                    fail(LUMICREST_REFERENCE_CAMERA_DIFFERS, "EXIF camera differs from the first photo's");
+                if (photo->failure != LUMICREST_OK)
+                    fail(photo->failure, photo->detail);
+                if (lens.empty())
+                    lens = photo->info.lens;
 
-            if (portrait)
-            {
-                // Whichever turn agrees better with the estimate so far; the first
-                // photo has nothing to agree with and is turned clockwise.
-                Plane turned[2][3];
-                Plane turnedWeights[2][3];
+                Plane residuals[3];
+                Plane weights[3];
                 for (int c = 0; c < 3; ++c)
                 {
-                    rotatePlane(residuals[c], 90, turned[0][c]);
-                    rotatePlane(weights[c], 90, turnedWeights[0][c]);
+                    if (c < photo->channels)
+                    {
+                        residuals[c] = std::move(photo->residuals[c]);
+                        weights[c] = std::move(photo->weights[c]);
+                    }
+                    else
+                    {
+                        // A grey photo informs all three channel estimates alike.
+                        residuals[c].reset(residuals[0].width(), residuals[0].height());
+                        weights[c].reset(weights[0].width(), weights[0].height());
+                        std::copy(residuals[0].data(), residuals[0].data() + residuals[0].size(), residuals[c].data());
+                        std::copy(weights[0].data(), weights[0].data() + weights[0].size(), weights[c].data());
+                    }
                 }
-                int choice = 0;
-                if (accumulator.count() > 0)
+                if (photo->portrait)
                 {
+                    // Whichever turn agrees better with the estimate so far; the first
+                    // photo has nothing to agree with and is turned clockwise.
+                    Plane turned[2][3];
+                    Plane turnedWeights[2][3];
                     for (int c = 0; c < 3; ++c)
                     {
-                        rotatePlane(residuals[c], 270, turned[1][c]);
-                        rotatePlane(weights[c], 270, turnedWeights[1][c]);
+                        rotatePlane(residuals[c], 90, turned[0][c]);
+                        rotatePlane(weights[c], 90, turnedWeights[0][c]);
                     }
-                    if (accumulator.agreement(turned[1], turnedWeights[1]) >
-                        accumulator.agreement(turned[0], turnedWeights[0]))
-                        choice = 1;
+                    int choice = 0;
+                    if (accumulator.count() > 0)
+                    {
+                        for (int c = 0; c < 3; ++c)
+                        {
+                            rotatePlane(residuals[c], 270, turned[1][c]);
+                            rotatePlane(weights[c], 270, turnedWeights[1][c]);
+                        }
+                        if (accumulator.agreement(turned[1], turnedWeights[1]) >
+                            accumulator.agreement(turned[0], turnedWeights[0]))
+                            choice = 1;
+                    }
+                    for (int c = 0; c < 3; ++c)
+                    {
+                        std::swap(residuals[c], turned[choice][c]);
+                        std::swap(weights[c], turnedWeights[choice][c]);
+                    }
+                    report.rotation = choice == 0 ? 90 : 270;
                 }
+
                 for (int c = 0; c < 3; ++c)
-                {
-                    std::swap(residuals[c], turned[choice][c]);
-                    std::swap(weights[c], turnedWeights[choice][c]);
-                }
-                report.rotation = choice == 0 ? 90 : 270;
+                    accumulator.add(c, residuals[c], weights[c]);
+                report.nmse = accumulator.closePhoto();
+                out.nmse.push_back(report.nmse);
+
+                if (report.mean < constants::WarnMeanLevel)
+                    warnings.push_back({index, report.path, "dark", "the photo is dark and adds little to the fingerprint"});
+                if (report.clipped > constants::WarnClippedFraction)
+                    warnings.push_back({index, report.path, "clipped", "large clipped areas add nothing to the fingerprint"});
+                if (report.noise > constants::WarnNoiseLevel)
+                    warnings.push_back({index, report.path, "textured",
+                                        "strong texture leaks into the noise; flat scenes make better references"});
+                reports.push_back(report);
+            }
+            catch (const Failure& failure)
+            {
+                report.result = failure.code();
+                reports.push_back(report);
+                outcome.code = failure.code();
+                outcome.failedIndex = index;
+                warnings.push_back({index, report.path, "failed", failure.detail()});
+                break;
             }
 
-            for (int c = 0; c < 3; ++c)
-                accumulator.add(c, residuals[c], weights[c]);
-            report.nmse = accumulator.closePhoto();
-            out.nmse.push_back(report.nmse);
-
-            if (report.mean < constants::WarnMeanLevel)
-                warnings.push_back({index, report.path, "dark", "the photo is dark and adds little to the fingerprint"});
-            if (report.clipped > constants::WarnClippedFraction)
-                warnings.push_back({index, report.path, "clipped", "large clipped areas add nothing to the fingerprint"});
-            if (report.noise > constants::WarnNoiseLevel)
-                warnings.push_back({index, report.path, "textured",
-                                    "strong texture leaks into the noise; flat scenes make better references"});
-            reports.push_back(report);
-        }
-        catch (const Failure& failure)
-        {
-            report.result = failure.code();
-            reports.push_back(report);
-            outcome.code = failure.code();
-            outcome.failedIndex = index;
-            warnings.push_back({index, report.path, "failed", failure.detail()});
-            break;
-        }
-
-        if (progress)
-        {
-            const std::chrono::duration<double> spent = Clock::now() - started;
-            const int percent = static_cast<int>((static_cast<long long>(index) + 1) * 100 / count);
-            // Never both zero: that pair is reserved for the closing call.
-            progress(percent, static_cast<float>(report.nmse), static_cast<float>(std::max(spent.count(), 1e-6)));
+            if (progress)
+            {
+                const std::chrono::duration<double> spent = Clock::now() - started;
+                const int percent = static_cast<int>((static_cast<long long>(index) + 1) * 100 / count);
+                // Never both zero: that pair is reserved for the closing call.
+                progress(percent, static_cast<float>(report.nmse), static_cast<float>(std::max(spent.count(), 1e-6)));
+            }
         }
     }
 

@@ -210,14 +210,29 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     for (int i = 0; i < candidates; ++i)
     {
         const int r = orientations[i];
-        rotatePlane(x, r, turned);
-        const int w = turned.width();
-        const int h = turned.height();
-        padded.reset(fp.width, fp.height);
-        padded.fill(0.0f);
-        for (int y = 0; y < h; ++y)
-            std::copy(turned.row(y), turned.row(y) + w, padded.row(y));
-        forwardFft(padded, spectrum);
+        // Upright photos are used in place; only turned or smaller ones are copied.
+        if (r != 0)
+            rotatePlane(x, r, turned);
+        const Plane& placed = r != 0 ? turned : x;
+        const int w = placed.width();
+        const int h = placed.height();
+        if (w == fp.width && h == fp.height)
+        {
+            forwardFft(placed, spectrum);
+        }
+        else
+        {
+            padded.reset(fp.width, fp.height);
+            for (int y = 0; y < fp.height; ++y)
+            {
+                float* row = padded.row(y);
+                const int copied = y < h ? w : 0;
+                if (copied)
+                    std::copy(placed.row(y), placed.row(y) + w, row);
+                std::fill(row + copied, row + fp.width, 0.0f);
+            }
+            forwardFft(padded, spectrum);
+        }
         {
             StageTimer timer(Stage::Correlation);
             const std::complex<float>* k = fingerprint.kSpectrum.data();
@@ -226,7 +241,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
             for (size_t j = 0; j < n; ++j)
                 s[j] = std::conj(s[j]) * k[j];
         }
-        inverseFft(spectrum, correlation);
+        inverseFftDestructive(spectrum, correlation);
 
         const int maxShiftX = fp.width - w;
         const int maxShiftY = fp.height - h;
@@ -246,7 +261,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
             double kk = 0.0;
             for (int y = 0; y < h; ++y)
             {
-                const float* xr = turned.row(y);
+                const float* xr = placed.row(y);
                 const float* kr = fp.k.row(y + peak.y) + peak.x;
                 for (int c = 0; c < w; ++c)
                 {

@@ -189,3 +189,28 @@ TEST_F(Learning, PortraitReferencesAreTurnedTheWayTheSensorWas)
     EXPECT_TRUE(p.matched()) << p.json;
     release_fingerprint(&learned.fp);
 }
+
+TEST_F(Learning, ThreadCountDoesNotChangeTheFingerprint)
+{
+    std::vector<std::string> photos;
+    for (int i = 0; i < 5; ++i)
+        photos.push_back(photo(shot(40 + i), "t" + std::to_string(i) + ".jpg"));
+    const std::string question = photo(shot(49), "tq.jpg");
+    std::string diagnostics;
+    std::string answer;
+    for (const wchar_t* option : {L"threads=1", L"threads=2", L"threads=5"})
+    {
+        Learned learned = learn(photos, nullptr, option);
+        ASSERT_EQ(learned.code, LUMICREST_OK);
+        const Matched m = match(learned.fp, question);
+        if (diagnostics.empty())
+        {
+            diagnostics = learned.diagnostics;
+            answer = m.json;
+        }
+        // Photos are prepared in parallel but accumulated in list order.
+        EXPECT_EQ(learned.diagnostics, diagnostics);
+        EXPECT_EQ(m.json, answer);
+        release_fingerprint(&learned.fp);
+    }
+}
