@@ -19,7 +19,7 @@ using lumicrest::Stage;
 namespace
 {
 
-const char* const StageNames[] = {"decode", "wavelet", "wiener", "fft", "correlation"};
+const char* const StageNames[] = {"decode", "wavelet", "zero-mean", "wiener", "fft", "correlation", "pce"};
 constexpr int StageCount = static_cast<int>(Stage::Count);
 
 double seconds(std::chrono::steady_clock::time_point since)
@@ -98,8 +98,8 @@ int main(int argc, char** argv)
 
     std::printf("photos %dx%d (%.1f MP), %d reference photos, one thread\n\n", width, height,
                 width * static_cast<double>(height) / 1e6, refs);
-    std::printf("| operation | decode | wavelet | wiener | fft | correlation | other | total (s) |\n");
-    std::printf("|---|---|---|---|---|---|---|---|\n");
+    std::printf("| operation | decode | wavelet | zero-mean | wiener | fft | correlation | pce | other | total (s) |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
 
     fingerprint_binary_s fp{};
     wchar_t* t1 = nullptr;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 // Every tunable number of the engine, in one place. engine/README.md explains
 // each one.
 namespace lumicrest
@@ -32,6 +34,8 @@ constexpr int PeakExclusion = 11;             // PCE ignores this square around 
 constexpr double MatchThresholdPce = 60.0;    // search-corrected PCE for "sensor_matched"
 constexpr int MinMatchSide = 256;             // smaller questioned photos are not judged
 constexpr double MaxProbability = 0.999999;
+// Working memory of one match, per fingerprint pixel, reserved from the budget.
+constexpr uint64_t MatchBytesPerPixel = 24;
 
 // The probability ladder: (PCE, probability) points, log-linear in (1 - p) over log PCE.
 struct LadderPoint

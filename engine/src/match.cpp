@@ -1,5 +1,6 @@
 #include "match.h"
 
+#include "budget.h"
 #include "constants.h"
 #include "imageio.h"
 #include "lumicrest.h"
@@ -42,7 +43,7 @@ struct Peak
 // correlation plane outside the exclusion square around it, wrapped at the borders.
 Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
 {
-    StageTimer timer(Stage::Correlation);
+    StageTimer timer(Stage::Pce);
     Peak peak;
     peak.value = c.at(0, 0);
     for (int y = 0; y <= maxShiftY; ++y)
@@ -158,8 +159,22 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     const FingerprintData& fp = fingerprint.data;
     MatchResult result;
 
-    Photo photo = readPhoto(path);
+    // The size from the header first: photos that cannot fit are answered
+    // without decoding them.
+    int photoWidth = 0;
+    int photoHeight = 0;
+    readPhotoSize(path, photoWidth, photoHeight);
     int orientations[4];
+    if (candidateOrientations(photoWidth, photoHeight, fp.width, fp.height, 1, orientations) == 0)
+    {
+        result.reason = "size";
+        return result;
+    }
+
+    // Wait for room in the process-wide budget before the large allocations.
+    const MemoryBudget::Lease lease(MemoryBudget::instance(),
+                                    constants::MatchBytesPerPixel * static_cast<uint64_t>(fp.k.size()));
+    Photo photo = readPhoto(path);
     const int candidates =
         candidateOrientations(photo.width, photo.height, fp.width, fp.height, photo.info.orientation, orientations);
     if (candidates == 0)
@@ -167,6 +182,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
         result.reason = "size";
         return result;
     }
+    // Decoded first, so a damaged small photo is reported as damaged.
     if (std::min(photo.width, photo.height) < constants::MinMatchSide)
     {
         result.reason = "too small";

@@ -664,7 +664,7 @@ void channelResidual(const Plane& channel, float sigma0, Plane& residual)
 // not the sensor's.
 void zeroMeanLattices(Plane& plane)
 {
-    StageTimer timer(Stage::Wiener);
+    StageTimer timer(Stage::ZeroMean);
     const int width = plane.width();
     const int height = plane.height();
     if (plane.empty())

@@ -9,9 +9,11 @@ enum class Stage
 {
     Decode,
     Wavelet,
+    ZeroMean,
     Wiener,
     Fft,
     Correlation,
+    Pce,
     Count
 };
 

@@ -1,0 +1,98 @@
+// The process-wide memory budget: matches beyond it wait, and waiting changes
+// no answer.
+#include "budget.h"
+#include "camsim/camera.h"
+#include "constants.h"
+#include "enginetestutils.h"
+#include "lumicrest.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace enginetest;
+using lumicrest::MemoryBudget;
+
+TEST(MemoryBudget, LeasesWaitForRoomAndOversizedRequestsRunAlone)
+{
+    MemoryBudget& budget = MemoryBudget::instance();
+    const uint64_t saved = budget.capacity();
+    budget.setCapacity(100);
+    budget.resetPeak();
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([&, t] {
+            // 60 + 60 > 100: never two at once; 250 alone exceeds everything.
+            const MemoryBudget::Lease lease(budget, t == 5 ? 250 : 60);
+            const int now = ++inside;
+            int seen = most.load();
+            while (now > seen && !most.compare_exchange_weak(seen, now))
+            {
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            --inside;
+        });
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(most.load(), 1);
+    EXPECT_EQ(budget.peakHolders(), 1);
+    budget.setCapacity(1000);
+    budget.resetPeak();
+    {
+        const MemoryBudget::Lease a(budget, 300);
+        const MemoryBudget::Lease b(budget, 300);
+        EXPECT_EQ(budget.peakHolders(), 2) << "room for both: no waiting";
+    }
+    budget.setCapacity(saved);
+    EXPECT_GT(lumicrest::physicalMemory(), 0u);
+}
+
+TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
+{
+    TempDir dir("lumicrest-budget");
+    camsim::CameraConfig config;
+    config.width = 800;
+    config.height = 600;
+    const camsim::Camera camera(config);
+    std::vector<std::string> references;
+    for (int i = 0; i < 4; ++i)
+    {
+        camsim::ShotConfig shot;
+        shot.sceneSeed = 70 + i;
+        references.push_back(dir.file("r" + std::to_string(i) + ".jpg"));
+        camera.shoot(shot, references.back());
+    }
+    Learned learned = learn(references);
+    ASSERT_EQ(learned.code, LUMICREST_OK);
+    std::vector<std::string> photos;
+    for (int i = 0; i < 6; ++i)
+    {
+        camsim::ShotConfig shot;
+        shot.sceneSeed = 80 + i;
+        photos.push_back(dir.file("q" + std::to_string(i) + ".jpg"));
+        camera.shoot(shot, photos.back());
+    }
+    std::vector<std::string> alone;
+    for (const std::string& p : photos)
+        alone.push_back(match(learned.fp, p).json);
+
+    MemoryBudget& budget = MemoryBudget::instance();
+    const uint64_t saved = budget.capacity();
+    const uint64_t oneMatch = lumicrest::constants::MatchBytesPerPixel * 800 * 600;
+    budget.setCapacity(oneMatch + oneMatch / 2);
+    budget.resetPeak();
+    std::vector<std::string> together(photos.size());
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < photos.size(); ++i)
+        threads.emplace_back([&, i] { together[i] = match(learned.fp, photos[i]).json; });
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(budget.peakHolders(), 1) << "the budget allows one large match at a time";
+    EXPECT_EQ(together, alone);
+    budget.setCapacity(saved);
+    release_fingerprint(&learned.fp);
+}
