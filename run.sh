@@ -3,6 +3,7 @@
 #   ./run.sh         install what is missing, build, run the demonstration case
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
+#   ./run.sh bench   build, then measure the engine (results in bench/results.json)
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -59,13 +60,17 @@ case "${1:-run}" in
     build)
         build
         ;;
+    bench)
+        build
+        "$build_dir/bench/bench_engine" --sizes 10,24 --out "$here/bench/results.json"
+        ;;
     test)
         build
         cd "$build_dir"
         QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)"
         ;;
     *)
-        echo "usage: $0 [run|build|test]" >&2
+        echo "usage: $0 [run|build|test|bench]" >&2
         exit 2
         ;;
 esac

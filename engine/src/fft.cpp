@@ -1,5 +1,7 @@
 #include "fft.h"
 
+#include "memory.h"
+
 #include "status.h"
 #include "timing.h"
 
@@ -29,7 +31,7 @@ void Spectrum::reset(int width, int height)
         m_data.reset(); // free first: spectra are large, don't hold two at once
         m_capacity = 0;
         const size_t bytes = ((count * sizeof(std::complex<float>) + 63) / 64) * 64;
-        void* p = std::aligned_alloc(64, bytes == 0 ? 64 : bytes);
+        void* p = allocateBlock(bytes);
         if (!p)
             throw std::bad_alloc();
         m_data.reset(static_cast<std::complex<float>*>(p));

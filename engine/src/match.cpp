@@ -191,31 +191,16 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
 
     // X = W * I: the photo's noise residual weighted by its own intensity, which
     // is what the fingerprint predicts the sensor adds to this photo.
+    // The weights first: then each channel can go as soon as it is transformed,
+    // and the decoded photo is gone before the Fourier work starts.
+    Plane weights;
+    greyIntensityWeights(photo.planes, photo.channels, weights);
     Plane x;
-    {
-        Plane residual;
-        combinedResidual(photo.planes, photo.channels, fp.sigmaMatch, residual);
-        zeroMeanLattices(residual);
-        wienerInDft(residual);
-        Plane grey;
-        greyLevel(photo.planes, photo.channels, grey);
-        for (Plane& p : photo.planes)
-            p = Plane();
-        Plane weights;
-        intensityWeights(grey, weights);
-        x = std::move(residual);
-        float* d = x.data();
-        const float* w = weights.data();
-        double sum = 0.0;
-        for (size_t i = 0, n = x.size(); i < n; ++i)
-        {
-            d[i] *= w[i];
-            sum += d[i];
-        }
-        const float mean = static_cast<float>(sum / static_cast<double>(x.size()));
-        for (size_t i = 0, n = x.size(); i < n; ++i)
-            d[i] -= mean;
-    }
+    combinedResidualReleasing(photo.planes, photo.channels, fp.sigmaMatch, x);
+    zeroMeanLattices(x);
+    wienerInDft(x);
+    applyWeights(x, weights);
+    weights = Plane();
 
     prepareSpectrum(fingerprint);
     Plane turned;

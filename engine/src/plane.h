@@ -1,5 +1,7 @@
 #pragma once
 
+#include "memory.h"
+
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -16,8 +18,7 @@ struct AlignedFree
 
 inline std::unique_ptr<float[], AlignedFree> allocateFloats(size_t count)
 {
-    const size_t bytes = ((count * sizeof(float) + 63) / 64) * 64;
-    void* p = std::aligned_alloc(64, bytes == 0 ? 64 : bytes);
+    void* p = allocateBlock(count * sizeof(float));
     if (!p)
         throw std::bad_alloc();
     return std::unique_ptr<float[], AlignedFree>(static_cast<float*>(p));

@@ -50,12 +50,8 @@ private:
 int runAnalyze(const SCommandLine& commandLine)
 {
     const SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
-    for (const QString& path : inputs.missing)
-        CConsole::error(QStringLiteral("no such file or folder: %1").arg(path));
-    if (!inputs.missing.isEmpty())
+    if (!reportInputProblems(inputs))
         return ExitFailure;
-    for (const QString& path : inputs.skipped)
-        CConsole::warning(QStringLiteral("skipping %1: not a JPEG, TIFF, BMP or PNG file name").arg(path));
     if (inputs.photos.isEmpty())
     {
         CConsole::error(QStringLiteral("no photos found in the given paths"));

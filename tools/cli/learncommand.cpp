@@ -50,12 +50,8 @@ int learnFingerprint(const QFileInfoList& photos, const QString& target)
 int runLearn(const SCommandLine& commandLine)
 {
     const SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
-    for (const QString& path : inputs.missing)
-        CConsole::error(QStringLiteral("no such file or folder: %1").arg(path));
-    if (!inputs.missing.isEmpty())
+    if (!reportInputProblems(inputs))
         return ExitFailure;
-    for (const QString& path : inputs.skipped)
-        CConsole::warning(QStringLiteral("skipping %1: not a JPEG, TIFF, BMP or PNG file name").arg(path));
 
     QFileInfoList photos = inputs.photos;
     if (commandLine.limit > 0 && photos.size() > commandLine.limit)

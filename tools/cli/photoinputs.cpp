@@ -1,5 +1,6 @@
 #include "photoinputs.h"
 
+#include "console.h"
 #include "photolisting.h"
 
 #include <QDir>
@@ -39,6 +40,17 @@ SPhotoInputs collectPhotos(const QStringList& paths, bool recursive)
         }
     }
     return inputs;
+}
+
+bool reportInputProblems(const SPhotoInputs& inputs)
+{
+    for (const QString& path : inputs.missing)
+        CConsole::error(QStringLiteral("no such file or folder: %1").arg(path));
+    if (!inputs.missing.isEmpty())
+        return false;
+    for (const QString& path : inputs.skipped)
+        CConsole::warning(QStringLiteral("skipping %1: not a JPEG, TIFF, BMP or PNG file name").arg(path));
+    return true;
 }
 
 } // namespace cli

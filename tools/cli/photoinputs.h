@@ -19,4 +19,7 @@ struct SPhotoInputs
 // recursive). Paths keep the form they were given in.
 SPhotoInputs collectPhotos(const QStringList& paths, bool recursive);
 
+// Tells the user about missing and skipped paths; false when any is missing.
+bool reportInputProblems(const SPhotoInputs& inputs);
+
 } // namespace cli
