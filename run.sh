@@ -12,7 +12,7 @@ build_dir="${QUORVEX_BUILD_DIR:-$here/build}"
 # Every Debian package the project needs, listed once.
 packages=(
     cmake ninja-build g++ pkg-config
-    qtbase5-dev qtbase5-dev-tools
+    qtbase5-dev qtbase5-dev-tools libqt5svg5-dev
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
     libgtest-dev libgmock-dev
 )

@@ -18,7 +18,8 @@ QLabel* makeLabel(QWidget* parent, const QString& objectName)
     label->setObjectName(objectName);
     // Clicks go through the labels to the button.
     label->setAttribute(Qt::WA_TransparentForMouseEvents);
-    label->setTextFormat(Qt::PlainText);
+    // Descriptions carry line breaks as "<br />".
+    label->setTextFormat(Qt::RichText);
     return label;
 }
 

@@ -1,13 +1,21 @@
 #include "appinfo.h"
 #include "integrationserver.h"
 #include "licence.h"
+#include "mainwindow.h"
+#include "resources.h"
+#include "startup.h"
+
+#include "qcontrols/stylesheetmanager.h"
 
 #include "qutils/appsettings.h"
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
 #include "qutils/quorvexapi.h"
 
+#include <QApplication>
 #include <QCoreApplication>
+#include <QMessageBox>
+#include <QScreen>
 #include <QStringList>
 
 #include <iostream>
@@ -21,7 +29,7 @@ namespace
 
 // Moves the log into the mode's own file and arms the crash writer. When the
 // log cannot be set up the program runs without one rather than not at all.
-void setUpLogging(const SAppInfo& info)
+void setUpLogging(const SAppInfo& info, bool windowed)
 {
     qutils::CLogger& logger = qutils::CLogger::instance();
     try
@@ -33,8 +41,22 @@ void setUpLogging(const SAppInfo& info)
         logger.setLevel(qutils::CAppSettings::intOption(qutils::CAppSettings::EOption::MainAppLogLevel));
         if (!qutils::CLogger::installCrashDumps(folder, QStringLiteral("QX"), info.buildNumber))
             QX_WARNING << "Crash files cannot be written to " << folder;
-        QX_INFO << "----- " << info.internalName << " " << info.versionText()
-                << " serves the integration mode -----";
+        if (windowed)
+        {
+            // The start line is written whenever logging is on at all.
+            const int level = logger.level();
+            if (level != 0)
+            {
+                logger.setLevel(qutils::LogInfo);
+                QX_INFO << "----- Application " << info.internalName << " " << info.version << " has started -----";
+                logger.setLevel(level);
+            }
+        }
+        else
+        {
+            QX_INFO << "----- " << info.internalName << " " << info.versionText()
+                    << " serves the integration mode -----";
+        }
     }
     catch (const qutils::CException&)
     {
@@ -48,7 +70,7 @@ int runIntegrationMode(int& argc, char** argv)
     QCoreApplication app(argc, argv);
     const SAppInfo info = SAppInfo::forMode(ERunMode::Integration);
     info.applyToApplication();
-    setUpLogging(info);
+    setUpLogging(info, false);
     qRegisterMetaType<qutils::CQuorvexAPI::SAnalysisResult>("qutils::CQuorvexAPI::SAnalysisResult");
 
     // Standard output carries the protocol and nothing else.
@@ -56,14 +78,47 @@ int runIntegrationMode(int& argc, char** argv)
     return server.run(std::cin, std::cout);
 }
 
-int runWindowedMode()
+int runWindowedMode(int& argc, char** argv)
 {
+    QApplication app(argc, argv);
     const SAppInfo info = SAppInfo::forMode(ERunMode::Windowed);
-    std::cout << info.displayName.toStdString() << ' ' << info.versionText().toStdString()
-              << ": the windowed program comes with a later version; \"quorvex /integration\" runs the "
-                 "integration mode."
-              << std::endl;
-    return 0;
+    info.applyToApplication();
+
+    CInstanceLock lock(info.lockFilePath());
+    if (!lock.tryLock())
+    {
+        QMessageBox::critical(nullptr, QObject::tr("Error!"),
+                              QObject::tr("Only one instance of %1 is allowed. Wait until the previous one is stopped.")
+                                  .arg(info.displayName));
+        return 1;
+    }
+    setUpLogging(info, true);
+    qRegisterMetaType<qutils::CQuorvexAPI::SAnalysisResult>("qutils::CQuorvexAPI::SAnalysisResult");
+    quorvex::initResources();
+
+    using qutils::CAppSettings;
+    const QScreen* screen = QGuiApplication::primaryScreen();
+    const double scale = interfaceScale(CAppSettings::doubleOption(CAppSettings::EOption::ScaleFixed),
+                                        CAppSettings::doubleOption(CAppSettings::EOption::ScaleFactor),
+                                        screen ? screen->logicalDotsPerInch() : 96.0,
+                                        screen ? screen->availableGeometry().size() : QSize());
+    CMainWindow window(scale);
+    try
+    {
+        window.setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                                 quorvex::styleConstantsResourcePath(), scale));
+    }
+    catch (const qutils::CException& e)
+    {
+        // A broken sheet leaves the program usable in the platform's own look.
+        QX_ERROR << "Style sheet not applied: " << e.message();
+    }
+    window.setMinimumSize(minimumWindowSize(scale));
+    if (CAppSettings::boolOption(CAppSettings::EOption::FullScreenMode))
+        window.showFullScreen();
+    else
+        window.show();
+    return app.exec();
 }
 
 } // namespace
@@ -80,5 +135,5 @@ int main(int argc, char** argv)
 
     if (runModeFor(arguments) == ERunMode::Integration)
         return runIntegrationMode(argc, argv);
-    return runWindowedMode();
+    return runWindowedMode(argc, argv);
 }

@@ -1,0 +1,161 @@
+// The main window: pages, the full-screen toggle and the close guard.
+#include "helpdlg.h"
+#include "intropagedlg.h"
+#include "mainwindow.h"
+#include "resources.h"
+#include "workingpage.h"
+
+#include "qcontrols/dialogscript.h"
+#include "qutils/appsettings.h"
+#include "testutils.h"
+
+#include <QCloseEvent>
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTextBrowser>
+#include <QThread>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+using qcontrols::CDialogScript;
+using qcontrols::CScriptedDialogs;
+using qutils::CAppSettings;
+
+namespace
+{
+
+class CBusyPage : public QWidget, public CWorkingPage
+{
+public:
+    std::atomic<bool> working{true};
+    std::atomic<int> cancelled{0};
+    bool isWorking() const override { return working.load(); }
+    void cancelWork() override { ++cancelled; }
+};
+
+class MainWindowTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        quorvex::initResources();
+        CAppSettings::setConfigFolder(m_dir.path());
+    }
+    void TearDown() override { CAppSettings::setConfigFolder(QString()); }
+    QTemporaryDir m_dir;
+};
+
+bool closeWindow(CMainWindow& window)
+{
+    QCloseEvent event;
+    QCoreApplication::sendEvent(&window, &event);
+    return event.isAccepted();
+}
+
+} // namespace
+
+TEST_F(MainWindowTest, IntroPageHasItsWidgetsAndPagesStack)
+{
+    CMainWindow window(1.0);
+    CIntroPageDlg* intro = window.introPage();
+    for (const char* name : {"btnAnalyze", "btnLearn", "btnHelp", "btnReactivate", "btnUpdate"})
+        EXPECT_NE(intro->findChild<QPushButton*>(QLatin1String(name)), nullptr) << name;
+    auto* version = intro->findChild<QLabel*>(QStringLiteral("versionLabel"));
+    ASSERT_NE(version, nullptr);
+    EXPECT_EQ(version->text(), QStringLiteral("2.0.0 - 64-bit"));
+    EXPECT_FALSE(intro->findChild<QLabel*>(QStringLiteral("introImage"))->pixmap(Qt::ReturnByValue).isNull());
+
+    auto* page = new QWidget;
+    window.pushPage(page);
+    EXPECT_EQ(window.currentPage(), page);
+    window.pushPage(new QWidget);
+    window.showIntroPage();
+    EXPECT_EQ(window.currentPage(), intro);
+    window.popPage();
+    EXPECT_EQ(window.currentPage(), intro) << "the intro page always stays";
+
+    // Activation and update answer plainly.
+    {
+        CScriptedDialogs script({{QMessageBox::Ok, {}}, {QMessageBox::Ok, {}}});
+        intro->findChild<QPushButton*>(QStringLiteral("btnReactivate"))->click();
+        intro->findChild<QPushButton*>(QStringLiteral("btnUpdate"))->click();
+        ASSERT_EQ(CDialogScript::shown().size(), 2);
+        EXPECT_TRUE(CDialogScript::shown().at(0).text.contains(QStringLiteral("always active")));
+        EXPECT_TRUE(CDialogScript::shown().at(1).text.contains(QStringLiteral("Options/UpdateParameters")));
+    }
+}
+
+TEST_F(MainWindowTest, HelpPageShowsTheIndexOrSaysItCannot)
+{
+    CMainWindow window(1.0);
+    CScriptedDialogs script({{QMessageBox::Ok, {}}});
+    window.introPage()->findChild<QPushButton*>(QStringLiteral("btnHelp"))->click();
+    auto* help = qobject_cast<CHelpDlg*>(window.currentPage());
+    ASSERT_NE(help, nullptr);
+    EXPECT_NE(help->findChild<QPushButton*>(QStringLiteral("btnNavigateHome")), nullptr);
+    QCoreApplication::processEvents();
+    const bool present = QFileInfo::exists(CHelpDlg::helpFolder() + QStringLiteral("/index.html"));
+    if (present)
+    {
+        EXPECT_TRUE(CDialogScript::shown().isEmpty());
+        EXPECT_FALSE(help->findChild<QTextBrowser*>()->toPlainText().isEmpty());
+    }
+    else
+    {
+        ASSERT_EQ(CDialogScript::shown().size(), 1);
+        EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Help file cannot be loaded."));
+    }
+    help->findChild<QPushButton*>(QStringLiteral("btnNavigateBack"))->click();
+    EXPECT_EQ(window.currentPage(), window.introPage());
+}
+
+TEST_F(MainWindowTest, FullScreenToggleIsStored)
+{
+    CMainWindow window(1.0);
+    window.show();
+    window.onBtnFullScreen();
+    EXPECT_TRUE(CAppSettings::boolOption(CAppSettings::EOption::FullScreenMode));
+    window.onBtnFullScreen();
+    EXPECT_FALSE(CAppSettings::boolOption(CAppSettings::EOption::FullScreenMode));
+}
+
+TEST_F(MainWindowTest, CloseGuardAsksWaitsAndDoesNotAskTwice)
+{
+    CMainWindow window(1.0);
+    auto* page = new CBusyPage;
+    window.pushPage(page);
+    {
+        CScriptedDialogs script({{QMessageBox::Cancel, {}}});
+        EXPECT_FALSE(closeWindow(window)) << "cancelled: the window stays";
+        ASSERT_EQ(CDialogScript::shown().size(), 1);
+        EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Please confirm"));
+        EXPECT_EQ(CDialogScript::shown().at(0).text,
+                  QStringLiteral("Images are still being processed.\nAre you sure you want to quit?"));
+    }
+    EXPECT_TRUE(page->working.load()) << "the work keeps running";
+    EXPECT_EQ(page->cancelled.load(), 0);
+    EXPECT_FALSE(window.isClosing());
+
+    {
+        CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        // The work ends a little later; the window waits for it, never kills it.
+        QTimer::singleShot(200, [page] { page->working = false; });
+        EXPECT_TRUE(closeWindow(window));
+        EXPECT_FALSE(page->working.load());
+        EXPECT_EQ(page->cancelled.load(), 1);
+    }
+    EXPECT_TRUE(window.isClosing());
+    {
+        CScriptedDialogs script({});
+        page->working = true;
+        EXPECT_TRUE(closeWindow(window)) << "a second close does not ask";
+        EXPECT_TRUE(CDialogScript::shown().isEmpty());
+    }
+}
