@@ -76,6 +76,8 @@ CProgressWidget::CProgressWidget(const QString& title, const QString& text,
 {
     setObjectName(QStringLiteral("progressWidget"));
     resize(400, 300);
+    // Inside the frame the layout decides the size: keep the form's width.
+    setMinimumWidth(400);
 
     SForm form;
     buildForm(this, new QVBoxLayout(this), title, text, form);

@@ -45,9 +45,21 @@ CHelpDlg::CHelpDlg(QWidget* parent) : QWidget(parent)
     QMetaObject::invokeMethod(this, "onHelpLoaded", Qt::QueuedConnection, Q_ARG(bool, ok));
 }
 
+namespace
+{
+QString g_helpFolder;
+}
+
 QString CHelpDlg::helpFolder()
 {
+    if (!g_helpFolder.isEmpty())
+        return g_helpFolder;
     return QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("Help"));
+}
+
+void CHelpDlg::setHelpFolder(const QString& folder)
+{
+    g_helpFolder = folder;
 }
 
 void CHelpDlg::onHelpLoaded(bool ok)

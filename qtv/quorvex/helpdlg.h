@@ -14,6 +14,8 @@ public:
     explicit CHelpDlg(QWidget* parent = nullptr);
     // Where the pages are looked for ("Help" beside the program).
     static QString helpFolder();
+    // Another folder for the pages (tests); empty restores the default.
+    static void setHelpFolder(const QString& folder);
 
 signals:
     void homeRequested();

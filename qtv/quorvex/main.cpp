@@ -4,6 +4,7 @@
 #include "mainwindow.h"
 #include "resources.h"
 #include "startup.h"
+#include "windowedstartup.h"
 
 #include "qcontrols/stylesheetmanager.h"
 
@@ -14,7 +15,6 @@
 
 #include <QApplication>
 #include <QCoreApplication>
-#include <QMessageBox>
 #include <QScreen>
 #include <QStringList>
 
@@ -85,13 +85,8 @@ int runWindowedMode(int& argc, char** argv)
     info.applyToApplication();
 
     CInstanceLock lock(info.lockFilePath());
-    if (!lock.tryLock())
-    {
-        QMessageBox::critical(nullptr, QObject::tr("Error!"),
-                              QObject::tr("Only one instance of %1 is allowed. Wait until the previous one is stopped.")
-                                  .arg(info.displayName));
+    if (!acquireSingleInstance(lock, info.displayName))
         return 1;
-    }
     setUpLogging(info, true);
     qRegisterMetaType<qutils::CQuorvexAPI::SAnalysisResult>("qutils::CQuorvexAPI::SAnalysisResult");
     quorvex::initResources();

@@ -3,13 +3,23 @@
 #include "intropagedlg.h"
 #include "mainwindow.h"
 #include "resources.h"
+#include "startup.h"
+#include "windowedstartup.h"
 #include "workingpage.h"
+
+#include "qcontrols/stylesheetmanager.h"
+#include "qdialogs/progressdlg.h"
+#include "qutils/tasks.h"
 
 #include "qcontrols/dialogscript.h"
 #include "qutils/appsettings.h"
 #include "testutils.h"
 
 #include <QCloseEvent>
+#include <QProgressBar>
+#include <QSet>
+
+#include <cstdio>
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QLabel>
@@ -19,6 +29,8 @@
 #include <QTextBrowser>
 #include <QThread>
 #include <QTimer>
+#include <QDir>
+#include <QProcess>
 
 #include <gtest/gtest.h>
 
@@ -158,4 +170,100 @@ TEST_F(MainWindowTest, CloseGuardAsksWaitsAndDoesNotAskTwice)
         EXPECT_TRUE(closeWindow(window)) << "a second close does not ask";
         EXPECT_TRUE(CDialogScript::shown().isEmpty());
     }
+}
+
+// Runs only in the child started below: holds the windowed mode's lock.
+TEST(WindowedChild, DISABLED_HoldLock)
+{
+    CInstanceLock lock(qEnvironmentVariable("QX_LOCK_PATH"));
+    ASSERT_TRUE(lock.tryLock());
+    std::fputs("locked\n", stdout);
+    std::fflush(stdout);
+    QThread::sleep(30);
+}
+
+TEST_F(MainWindowTest, SecondInstanceIsRefusedWithItsMessage)
+{
+    const QString path = m_dir.filePath(QStringLiteral("VeltranoQuorvex.mtx.lock"));
+    QProcess first;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("QX_LOCK_PATH"), path);
+    first.setProcessEnvironment(env);
+    first.start(QCoreApplication::applicationFilePath(),
+                {QStringLiteral("--gtest_also_run_disabled_tests"), QStringLiteral("--gtest_filter=WindowedChild.*")});
+    QByteArray output;
+    while (!output.contains("locked") && first.waitForReadyRead(30000))
+        output += first.readAll();
+    ASSERT_TRUE(output.contains("locked"));
+    {
+        CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        CInstanceLock second(path);
+        EXPECT_FALSE(acquireSingleInstance(second, QStringLiteral("Quorvex")));
+        ASSERT_EQ(CDialogScript::shown().size(), 1);
+        EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Error!"));
+        EXPECT_EQ(CDialogScript::shown().at(0).text,
+                  QStringLiteral("Only one instance of Quorvex is allowed. Wait until the previous one is stopped."));
+    }
+    first.kill();
+    first.waitForFinished(30000);
+    CInstanceLock later(path);
+    EXPECT_TRUE(acquireSingleInstance(later, QStringLiteral("Quorvex"))) << "free again once the first has gone";
+}
+
+// Renders the intro page (at scale 1 and 1.5), the help page and a progress
+// dialog with the real style sheet; QUORVEX_SCREENSHOT_DIR keeps the pictures.
+TEST_F(MainWindowTest, ScreensRenderWithTheStyleSheet)
+{
+    const QString folder = qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR")
+                               ? qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")
+                               : m_dir.path();
+    QDir().mkpath(folder);
+    auto save = [&](QWidget& widget, const QString& name) {
+        const QImage image = widget.grab().toImage();
+        EXPECT_FALSE(image.isNull()) << name.toStdString();
+        // Something was drawn: many colours, not a blank background.
+        QSet<QRgb> colours;
+        for (int y = 0; y < image.height(); y += 4)
+            for (int x = 0; x < image.width(); x += 4)
+                colours.insert(image.pixel(x, y));
+        EXPECT_GT(colours.size(), 8) << name.toStdString();
+        EXPECT_TRUE(image.save(QDir(folder).filePath(name)));
+    };
+    for (const double scale : {1.0, 1.5})
+    {
+        CMainWindow window(scale);
+        window.setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                                 quorvex::styleConstantsResourcePath(), scale));
+        window.resize(static_cast<int>(1200 * scale), static_cast<int>(740 * scale));
+        window.show();
+        QCoreApplication::processEvents();
+        save(window, scale == 1.0 ? QStringLiteral("intro.png") : QStringLiteral("intro-scale-1.5.png"));
+        if (scale == 1.0)
+        {
+            CHelpDlg::setHelpFolder(QStringLiteral(QUORVEX_HELP_SOURCE_DIR));
+            CScriptedDialogs script({});
+            window.onShowHelp();
+            QCoreApplication::processEvents();
+            EXPECT_TRUE(CDialogScript::shown().isEmpty()) << "the pages are found";
+            EXPECT_TRUE(window.currentPage()->findChild<QTextBrowser*>()->toPlainText().contains(QStringLiteral("Learn")));
+            save(window, QStringLiteral("help.png"));
+            CHelpDlg::setHelpFolder(QString());
+        }
+    }
+    auto task = qutils::makeTask<qutils::CFunctionTask>([](qutils::CTask* t) {
+        t->setProgressRange(0, 100);
+        t->setProgressPos(40);
+        while (!t->isCancelled())
+            QThread::msleep(10);
+    });
+    QWidget parent;
+    parent.resize(1200, 740);
+    parent.setStyleSheet(qcontrols::CStyleSheetManager::styleSheet());
+    const auto dialog = qdialogs::CProgressWidget::createDialog(&parent, QStringLiteral("Creating PDF report..."),
+                                                                QStringLiteral("Processing"), task);
+    dialog->open();
+    ASSERT_TRUE(testutils::waitFor([&] { return dialog->findChild<QProgressBar*>()->value() == 40; }));
+    save(*dialog, QStringLiteral("progress.png"));
+    task->cancel();
+    ASSERT_TRUE(testutils::waitFor([&] { return !dialog->isVisible(); }));
 }
