@@ -1,4 +1,5 @@
 #include "qcontrols/dialogscript.h"
+#include "qcontrols/folderchooser.h"
 #include "qcontrols/lineinputdialog.h"
 #include "qcontrols/messageboxfactory.h"
 #include "qcontrols/modaldialogtemplate.h"
@@ -352,4 +353,19 @@ TEST(RichTextLabel, ReadsTextAsRichTextAndReportsLinks)
     // A "<" in an ordinary sentence is still read as markup (escape it yourself).
     qcontrols::CRichTextLabel plain(QStringLiteral("a &lt; b"));
     EXPECT_EQ(plain.textFormat(), Qt::RichText);
+}
+
+TEST(FolderChooser, ScriptedAnswersGiveTheFolderOrNothing)
+{
+    qcontrols::CScriptedDialogs script(
+        {{QDialog::Accepted, QStringLiteral("/cases/17")}, {QDialog::Rejected, QStringLiteral("/ignored")}});
+    EXPECT_EQ(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Choose a folder"), QStringLiteral("/home")),
+              QStringLiteral("/cases/17"));
+    EXPECT_TRUE(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty())
+        << "a cancelled chooser answers nothing";
+    const auto shown = qcontrols::CDialogScript::shown();
+    ASSERT_EQ(shown.size(), 2);
+    EXPECT_EQ(shown.at(0).kind, QStringLiteral("folder"));
+    EXPECT_EQ(shown.at(0).title, QStringLiteral("Choose a folder"));
+    EXPECT_EQ(shown.at(0).text, QStringLiteral("/home"));
 }
