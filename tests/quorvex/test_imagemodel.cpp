@@ -1,0 +1,433 @@
+// The photo model: roles, states, descriptions and results, and thumbnails
+// decoded on its thread into the shared cache.
+#include "imagemodel.h"
+
+#include "qutils/quorvexapi.h"
+
+#include "logcapture.h"
+#include "testutils.h"
+
+#include <QAbstractItemModelTester>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QImage>
+#include <QPainter>
+#include <QPixmap>
+#include <QSemaphore>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QThread>
+
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations" // exiv2 0.27 hands out std::auto_ptr
+#endif
+#include <exiv2/exiv2.hpp>
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+
+namespace
+{
+
+// Runs the framework's model checks and collects what they report. Role 0 is
+// the thumbnail and role 5 the result, by the model's deliberate numbering,
+// so the one check that display and what's-this values read as text is
+// expected to object; every other complaint fails the test.
+class CModelChecker
+{
+public:
+    explicit CModelChecker(QAbstractItemModel* model)
+    {
+        s_messages.clear();
+        m_previous = qInstallMessageHandler(&CModelChecker::handle);
+        m_tester.reset(
+            new QAbstractItemModelTester(model, QAbstractItemModelTester::FailureReportingMode::Warning));
+    }
+
+    ~CModelChecker()
+    {
+        m_tester.reset();
+        qInstallMessageHandler(m_previous);
+        for (const QString& message : s_messages)
+            ADD_FAILURE() << "model check: " << message.toStdString();
+    }
+
+private:
+    static void handle(QtMsgType, const QMessageLogContext& context, const QString& message)
+    {
+        if (qstrcmp(context.category, "qt.modeltest") != 0)
+            return;
+        if (message.contains(QStringLiteral("canConvert<QString>")))
+            return;
+        s_messages << message;
+    }
+
+    static QStringList s_messages;
+    QtMessageHandler m_previous = nullptr;
+    std::unique_ptr<QAbstractItemModelTester> m_tester;
+};
+
+QStringList CModelChecker::s_messages;
+
+class ImageModelTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_dir.isValid());
+        CImageModel::clearThumbnailCache();
+        CImageModel::setDecodeHook([this](const QString&) { ++m_decodes; });
+    }
+
+    void TearDown() override
+    {
+        CImageModel::setDecodeHook(nullptr);
+        CImageModel::clearThumbnailCache();
+    }
+
+    // A picture whose left half is red and right half blue.
+    QString savePicture(const QString& name, const QSize& size, const char* format = "PNG")
+    {
+        QImage image(size, QImage::Format_RGB32);
+        image.fill(Qt::blue);
+        QPainter painter(&image);
+        painter.fillRect(QRect(0, 0, size.width() / 2, size.height()), Qt::red);
+        painter.end();
+        const QString path = m_dir.filePath(name);
+        EXPECT_TRUE(image.save(path, format)) << path.toStdString();
+        return path;
+    }
+
+    static void setOrientation(const QString& path, int exifOrientation)
+    {
+        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path.toStdString());
+        ASSERT_TRUE(image.get());
+        image->readMetadata();
+        Exiv2::ExifData exif = image->exifData();
+        exif["Exif.Image.Orientation"] = static_cast<uint16_t>(exifOrientation);
+        image->setExifData(exif);
+        image->writeMetadata();
+    }
+
+    // Asks for the thumbnail and waits until the model reports it.
+    static QPixmap thumbnail(CImageModel& model, int row)
+    {
+        QSignalSpy spy(&model, &QAbstractItemModel::dataChanged);
+        model.data(model.index(row), CImageModel::ImageRole);
+        const bool arrived = testutils::waitFor([&] { return !spy.isEmpty(); });
+        EXPECT_TRUE(arrived);
+        return model.data(model.index(row), CImageModel::ImageRole).value<QPixmap>();
+    }
+
+    QTemporaryDir m_dir;
+    std::atomic<int> m_decodes{0};
+};
+
+TEST_F(ImageModelTest, RolesNamesAndPlainValues)
+{
+    CImageModel model;
+    CModelChecker checker(&model);
+    const QString a = savePicture(QStringLiteral("a.png"), QSize(8, 8));
+    const QString b = savePicture(QStringLiteral("b.png"), QSize(8, 8));
+    model.setFiles({QFileInfo(a), QFileInfo(b)});
+
+    ASSERT_EQ(model.rowCount(), 2);
+    const QHash<int, QByteArray> names = model.roleNames();
+    EXPECT_EQ(names.value(0), QByteArray("image"));
+    EXPECT_EQ(names.value(1), QByteArray("fileName"));
+    EXPECT_EQ(names.value(2), QByteArray("itemState"));
+    EXPECT_EQ(names.value(3), QByteArray("description"));
+    EXPECT_EQ(names.value(4), QByteArray("path"));
+    EXPECT_EQ(names.value(5), QByteArray("result"));
+    EXPECT_EQ(CImageModel::ImageRole, Qt::DisplayRole);
+    EXPECT_EQ(CImageModel::ResultRole, Qt::WhatsThisRole);
+
+    const QModelIndex second = model.index(1);
+    EXPECT_EQ(model.data(second, CImageModel::FileNameRole).toString(), QStringLiteral("b.png"));
+    EXPECT_EQ(model.data(second, CImageModel::PathRole).toString(), QFileInfo(b).absoluteFilePath());
+    EXPECT_EQ(model.data(second, CImageModel::ItemStateRole).value<CImageModel::State>(), CImageModel::Idle);
+    EXPECT_EQ(model.data(second, CImageModel::ItemStateRole).toInt(), 2);
+    EXPECT_TRUE(model.data(second, CImageModel::DescriptionRole).toString().isEmpty());
+    EXPECT_FALSE(model.data(second, CImageModel::ResultRole).isValid());
+    EXPECT_FALSE(model.data(second, Qt::UserRole).isValid());
+    EXPECT_FALSE(model.data(model.index(2), CImageModel::FileNameRole).isValid());
+    EXPECT_EQ(QMetaType::type("CImageModel::State"), qMetaTypeId<CImageModel::State>());
+}
+
+TEST_F(ImageModelTest, PlaceholdersFirstThenThumbnailsCellByCell)
+{
+    CImageModel model;
+    CModelChecker checker(&model);
+    model.setThumbnailSize(QSize(64, 64));
+    QFileInfoList files;
+    for (int i = 0; i < 3; ++i)
+        files << QFileInfo(savePicture(QStringLiteral("p%1.png").arg(i), QSize(100, 50)));
+    model.setFiles(files);
+
+    QSignalSpy spy(&model, &QAbstractItemModel::dataChanged);
+    for (int row = 0; row < 3; ++row)
+    {
+        const QPixmap placeholder = model.data(model.index(row), CImageModel::ImageRole).value<QPixmap>();
+        ASSERT_EQ(placeholder.size(), QSize(64, 64));
+        EXPECT_EQ(qAlpha(placeholder.toImage().pixel(32, 32)), 0);
+    }
+    ASSERT_TRUE(testutils::waitFor([&] { return spy.size() >= 3; }));
+
+    QList<int> rows;
+    for (const QList<QVariant>& signal : spy)
+    {
+        const QModelIndex topLeft = signal.at(0).toModelIndex();
+        EXPECT_EQ(topLeft, signal.at(1).toModelIndex());
+        EXPECT_EQ(signal.at(2).value<QVector<int>>(), QVector<int>{CImageModel::ImageRole});
+        rows << topLeft.row();
+    }
+    std::sort(rows.begin(), rows.end());
+    EXPECT_EQ(rows, (QList<int>{0, 1, 2}));
+
+    const QImage shown = model.data(model.index(1), CImageModel::ImageRole).value<QPixmap>().toImage();
+    ASSERT_EQ(shown.size(), QSize(64, 32));
+    EXPECT_EQ(QColor(shown.pixel(5, 16)), QColor(Qt::red));
+    EXPECT_EQ(QColor(shown.pixel(58, 16)), QColor(Qt::blue));
+    EXPECT_EQ(m_decodes.load(), 3);
+
+    // Another model finds them in the shared cache without decoding again.
+    CImageModel other;
+    other.setThumbnailSize(QSize(64, 64));
+    other.setFiles(files);
+    EXPECT_EQ(other.data(other.index(2), CImageModel::ImageRole).value<QPixmap>().size(), QSize(64, 32));
+    QThread::msleep(50);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(m_decodes.load(), 3);
+}
+
+TEST_F(ImageModelTest, RepeatedRequestsDecodeOnce)
+{
+    CImageModel model;
+    model.setThumbnailSize(QSize(16, 16));
+    model.setFiles({QFileInfo(savePicture(QStringLiteral("once.png"), QSize(32, 32)))});
+    for (int i = 0; i < 5; ++i)
+        model.data(model.index(0), CImageModel::ImageRole);
+    ASSERT_TRUE(testutils::waitFor([] { return CImageModel::thumbnailCacheCount() == 1; }));
+    QThread::msleep(100);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(m_decodes.load(), 1);
+}
+
+TEST_F(ImageModelTest, UnreadableFileGivesEmptyThumbnail)
+{
+    const QString path = m_dir.filePath(QStringLiteral("broken.jpg"));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("not a picture at all");
+    file.close();
+
+    CImageModel model;
+    model.setThumbnailSize(QSize(16, 16));
+    model.setFiles({QFileInfo(path)});
+    EXPECT_TRUE(thumbnail(model, 0).isNull());
+    EXPECT_TRUE(CImageModel::isThumbnailCached(QFileInfo(path)));
+}
+
+TEST_F(ImageModelTest, TurnedPhotoFitsTheBoxAndStandsUpright)
+{
+    // Stored landscape, left half red; orientation 6 means it is shown turned
+    // a quarter clockwise, so the red half ends up on top.
+    const QString path = savePicture(QStringLiteral("turned.jpg"), QSize(80, 40), "JPEG");
+    setOrientation(path, 6);
+    const QString plain = savePicture(QStringLiteral("plain.jpg"), QSize(80, 40), "JPEG");
+
+    CImageModel model;
+    // A wide, low box: the upright picture is portrait, so its height decides.
+    model.setThumbnailSize(QSize(100, 40));
+    model.setFiles({QFileInfo(path), QFileInfo(plain)});
+
+    const QImage turned = thumbnail(model, 0).toImage();
+    ASSERT_EQ(turned.size(), QSize(20, 40));
+    const QColor top(turned.pixel(10, 4));
+    const QColor bottom(turned.pixel(10, 35));
+    EXPECT_GT(top.red(), 200);
+    EXPECT_LT(top.blue(), 80);
+    EXPECT_GT(bottom.blue(), 200);
+    EXPECT_LT(bottom.red(), 80);
+
+    EXPECT_EQ(thumbnail(model, 1).size(), QSize(80, 40));
+}
+
+TEST_F(ImageModelTest, SetFilesKeepsDescriptionsAndResultsButResetsStates)
+{
+    CImageModel model;
+    CModelChecker checker(&model);
+    const QFileInfo a(savePicture(QStringLiteral("a.png"), QSize(4, 4)));
+    const QFileInfo b(savePicture(QStringLiteral("b.png"), QSize(4, 4)));
+    const QFileInfo c(savePicture(QStringLiteral("c.png"), QSize(4, 4)));
+    model.setFiles({a, b});
+
+    QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+    model.setState(0, CImageModel::SuccessHigh);
+    model.setDescription(1, QStringLiteral("<b>matched</b>"));
+    qutils::CQuorvexAPI::SAnalysisResult result;
+    result.matched = true;
+    result.probability = 0.997;
+    result.status = qutils::CQuorvexAPI::Success;
+    model.setResult(1, QVariant::fromValue(result));
+    ASSERT_EQ(changed.size(), 3);
+    EXPECT_EQ(changed.at(0).at(2).value<QVector<int>>(), QVector<int>{CImageModel::ItemStateRole});
+    EXPECT_EQ(changed.at(1).at(2).value<QVector<int>>(), QVector<int>{CImageModel::DescriptionRole});
+    EXPECT_EQ(changed.at(2).at(2).value<QVector<int>>(), QVector<int>{CImageModel::ResultRole});
+    EXPECT_EQ(changed.at(1).at(0).toModelIndex().row(), 1);
+    EXPECT_EQ(model.data(model.index(0), CImageModel::ItemStateRole).toInt(), 32);
+
+    QSignalSpy aboutToChange(&model, &QAbstractItemModel::layoutAboutToBeChanged);
+    QSignalSpy layoutChanged(&model, &QAbstractItemModel::layoutChanged);
+    // b moves to the front, a leaves, c is new.
+    model.setFiles({b, c});
+    EXPECT_EQ(aboutToChange.size(), 1);
+    EXPECT_EQ(layoutChanged.size(), 1);
+    ASSERT_EQ(model.rowCount(), 2);
+    EXPECT_EQ(model.data(model.index(0), CImageModel::DescriptionRole).toString(),
+              QStringLiteral("<b>matched</b>"));
+    const auto kept =
+        model.data(model.index(0), CImageModel::ResultRole).value<qutils::CQuorvexAPI::SAnalysisResult>();
+    EXPECT_TRUE(kept.matched);
+    EXPECT_DOUBLE_EQ(kept.probability, 0.997);
+    EXPECT_TRUE(model.data(model.index(1), CImageModel::DescriptionRole).toString().isEmpty());
+    EXPECT_EQ(model.data(model.index(0), CImageModel::ItemStateRole).toInt(), 2);
+    EXPECT_EQ(model.data(model.index(1), CImageModel::ItemStateRole).toInt(), 2);
+
+    // A file that comes back has lost its state.
+    model.setFiles({a});
+    EXPECT_EQ(model.data(model.index(0), CImageModel::ItemStateRole).toInt(), 2);
+}
+
+TEST_F(ImageModelTest, SetStateChecksItsIndex)
+{
+    CImageModel model;
+    model.setFiles({QFileInfo(savePicture(QStringLiteral("a.png"), QSize(4, 4))),
+                    QFileInfo(savePicture(QStringLiteral("b.png"), QSize(4, 4)))});
+    QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+
+    {
+        testutils::CLogCapture log;
+        model.setState(-1, CImageModel::Fail);
+        EXPECT_TRUE(log.text().contains(QStringLiteral("Invalid item index")));
+        EXPECT_TRUE(log.hasRecord(QStringLiteral("Debug"), QStringLiteral("quorvex/imagemodel.cpp")));
+    }
+    {
+        testutils::CLogCapture log;
+        model.setState(3, CImageModel::Fail);
+        EXPECT_TRUE(log.text().contains(QStringLiteral("Invalid item index")));
+    }
+    {
+        // The count itself passes the check without touching any row.
+        testutils::CLogCapture log;
+        model.setState(2, CImageModel::Fail);
+        EXPECT_FALSE(log.text().contains(QStringLiteral("Invalid item index")));
+    }
+    EXPECT_TRUE(changed.isEmpty());
+    EXPECT_EQ(model.data(model.index(0), CImageModel::ItemStateRole).toInt(), 2);
+    EXPECT_EQ(model.data(model.index(1), CImageModel::ItemStateRole).toInt(), 2);
+
+    model.setState(1, CImageModel::Processing);
+    ASSERT_EQ(changed.size(), 1);
+    EXPECT_EQ(changed.at(0).at(0).toModelIndex().row(), 1);
+    EXPECT_EQ(model.data(model.index(1), CImageModel::ItemStateRole).toInt(), 4);
+}
+
+TEST_F(ImageModelTest, CacheDropsTheOldestInsertionFirst)
+{
+    CImageModel model;
+    model.setThumbnailCacheLimit(3);
+    model.setThumbnailSize(QSize(8, 8));
+    QFileInfoList files;
+    for (int i = 0; i < 4; ++i)
+        files << QFileInfo(savePicture(QStringLiteral("e%1.png").arg(i), QSize(8, 8)));
+    model.setFiles(files);
+
+    for (int row = 0; row < 3; ++row)
+        thumbnail(model, row);
+    // A lookup does not make the first one younger.
+    EXPECT_FALSE(model.data(model.index(0), CImageModel::ImageRole).value<QPixmap>().isNull());
+    thumbnail(model, 3);
+
+    EXPECT_EQ(CImageModel::thumbnailCacheCount(), 3);
+    EXPECT_FALSE(CImageModel::isThumbnailCached(files.at(0)));
+    EXPECT_TRUE(CImageModel::isThumbnailCached(files.at(1)));
+    EXPECT_TRUE(CImageModel::isThumbnailCached(files.at(3)));
+    EXPECT_EQ(m_decodes.load(), 4);
+
+    // Shown again, it is decoded again and pushes out the next oldest.
+    thumbnail(model, 0);
+    EXPECT_EQ(m_decodes.load(), 5);
+    EXPECT_TRUE(CImageModel::isThumbnailCached(files.at(0)));
+    EXPECT_FALSE(CImageModel::isThumbnailCached(files.at(1)));
+}
+
+TEST_F(ImageModelTest, FiveThousandThumbnailsThenTheFirstIsDropped)
+{
+    CImageModel model;
+    EXPECT_EQ(model.thumbnailCacheLimit(), 5000);
+    model.setThumbnailSize(QSize(4, 4));
+    QImage tiny(2, 2, QImage::Format_RGB32);
+    tiny.fill(Qt::green);
+    QFileInfoList files;
+    for (int i = 0; i <= 5000; ++i)
+    {
+        const QString path = m_dir.filePath(QStringLiteral("t%1.bmp").arg(i));
+        ASSERT_TRUE(tiny.save(path, "BMP"));
+        files << QFileInfo(path);
+    }
+    model.setFiles(files);
+
+    for (int row = 0; row < 5000; ++row)
+        model.data(model.index(row), CImageModel::ImageRole);
+    ASSERT_TRUE(testutils::waitFor([] { return CImageModel::thumbnailCacheCount() == 5000; }, 60000));
+    EXPECT_TRUE(CImageModel::isThumbnailCached(files.first()));
+
+    model.data(model.index(5000), CImageModel::ImageRole);
+    ASSERT_TRUE(testutils::waitFor([&] { return CImageModel::isThumbnailCached(files.last()); }, 10000));
+    EXPECT_EQ(CImageModel::thumbnailCacheCount(), 5000);
+    EXPECT_FALSE(CImageModel::isThumbnailCached(files.first()));
+    EXPECT_TRUE(CImageModel::isThumbnailCached(files.at(1)));
+}
+
+TEST_F(ImageModelTest, DestructionWaitsForTheDecodeInProgress)
+{
+    QSemaphore started;
+    std::atomic<bool> finished{false};
+    CImageModel::setDecodeHook(
+        [&](const QString&)
+        {
+            started.release();
+            QThread::msleep(300);
+            finished.store(true);
+        });
+
+    auto model = std::make_unique<CImageModel>();
+    model->setThumbnailSize(QSize(16, 16));
+    QFileInfoList files;
+    for (int i = 0; i < 3; ++i)
+        files << QFileInfo(savePicture(QStringLiteral("d%1.png").arg(i), QSize(32, 32)));
+    model->setFiles(files);
+    for (int row = 0; row < 3; ++row)
+        model->data(model->index(row), CImageModel::ImageRole);
+
+    ASSERT_TRUE(started.tryAcquire(1, 5000));
+    QElapsedTimer timer;
+    timer.start();
+    model.reset();
+    EXPECT_TRUE(finished.load());
+    EXPECT_GE(timer.elapsed(), 100);
+    // The rest of the queue was dropped: only the one decode ran.
+    EXPECT_EQ(started.available(), 0);
+    CImageModel::setDecodeHook(nullptr);
+    // Its report arrives at no model.
+    QCoreApplication::processEvents();
+}
+
+} // namespace
