@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QColor>
+#include <QSize>
+#include <QStyledItemDelegate>
+
+// Paints a gallery tile straight from the model's roles: the thumbnail, the
+// file name and a frame coloured by the processing state. Painting instead of
+// a widget per row keeps a folder of thousands of photos cheap to scroll.
+class CGalleryDelegate : public QStyledItemDelegate
+{
+    Q_OBJECT
+
+public:
+    static constexpr int LoadingFrames = 8;
+
+    explicit CGalleryDelegate(QObject* parent = nullptr);
+
+    void paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const override;
+    QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
+
+    QSize tileSize() const { return m_tileSize; }
+    // The picture area of a tile; the model decodes thumbnails to this size.
+    QSize thumbnailSize() const;
+
+    // The loading indicator's current frame, 0 … LoadingFrames - 1.
+    int frame() const { return m_frame; }
+    void nextFrame() { m_frame = (m_frame + 1) % LoadingFrames; }
+
+    // Whether a tile in the processing state was painted since the last call;
+    // the view animates only while one is on screen.
+    bool takePaintedProcessing();
+
+    // The style name of a state, as the application's style sheet knows it.
+    static QString stateStyle(int state);
+    static QColor stateColor(int state);
+
+private:
+    void paintLoading(QPainter* painter, const QRect& rect) const;
+
+    QSize m_tileSize{168, 156};
+    int m_frame = 0;
+    mutable bool m_paintedProcessing = false;
+};

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QFileInfoList>
+#include <QListView>
+#include <QTimer>
+#include <QVector>
+
+class CGalleryDelegate;
+class CGalleryFilterModel;
+class CImageModel;
+class QFrame;
+class QLabel;
+
+// A folder's photos as a wrapping grid of painted tiles, filtered by result
+// class, with a preview panel for the selected photo.
+class CGalleryWidget : public QListView
+{
+    Q_OBJECT
+
+public:
+    explicit CGalleryWidget(QWidget* parent = nullptr);
+    ~CGalleryWidget() override;
+
+    CImageModel* imageModel() const { return m_imageModel; }
+    CGalleryFilterModel* filterModel() const { return m_filterModel; }
+    CGalleryDelegate* galleryDelegate() const { return m_delegate; }
+    QFrame* previewWidget() const { return m_preview; }
+
+    void setFilterMask(int mask);
+
+    // The preview's texts, shared with tests so the formats live in one place.
+    static QString pathText(const QString& path);
+    static QString sizeText(qint64 bytes);
+    static QString dateText(const QString& path);
+
+public slots:
+    void setFiles(QFileInfoList value);
+    void onDataChanged(const QModelIndex& topLeft, const QModelIndex& bottomRight, const QVector<int>& roles);
+    void onPreviewShow(const QString& filePath);
+    void onItemLeft(const QModelIndex& index);
+
+protected:
+    void resizeEvent(QResizeEvent* event) override;
+    void leaveEvent(QEvent* event) override;
+
+private:
+    void onCurrentChanged(const QModelIndex& current);
+    void onAnimationTick();
+    void placePreview();
+
+    CImageModel* m_imageModel = nullptr;
+    CGalleryFilterModel* m_filterModel = nullptr;
+    CGalleryDelegate* m_delegate = nullptr;
+    QFrame* m_preview = nullptr;
+    QLabel* m_previewImage = nullptr;
+    QLabel* m_pathLabel = nullptr;
+    QLabel* m_sizeLabel = nullptr;
+    QLabel* m_dateLabel = nullptr;
+    QTimer m_frameTimer;
+};
