@@ -1,0 +1,104 @@
+// The folder page: listing behind the progress dialog into the gallery.
+#include "chooseimagepathdlg.h"
+#include "gallerywidget.h"
+#include "imagemodel.h"
+
+#include "qcontrols/dialogscript.h"
+#include "qutils/appsettings.h"
+#include "testutils.h"
+
+#include <QCheckBox>
+#include <QDialog>
+#include <QFile>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+class CRememberingPage : public CChooseImagePathDlg
+{
+public:
+    QStringList stored;
+
+protected:
+    void storeDirectory(const QDir& dir) override { stored.append(dir.absolutePath()); }
+};
+
+class ChooseImagePathTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        qutils::CAppSettings::setConfigFolder(m_config.path());
+        for (const QString& name : {QStringLiteral("a.jpg"), QStringLiteral("B.JPG"), QStringLiteral("c.png"),
+                                    QStringLiteral("notes.txt"), QStringLiteral("sub/d.tif")})
+        {
+            QDir().mkpath(QFileInfo(m_dir.filePath(name)).absolutePath());
+            QFile file(m_dir.filePath(name));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        }
+    }
+    void TearDown() override { qutils::CAppSettings::setConfigFolder(QString()); }
+
+    QTemporaryDir m_config;
+    QTemporaryDir m_dir;
+};
+
+} // namespace
+
+TEST_F(ChooseImagePathTest, ListsIntoTheGalleryWithAndWithoutSubfolders)
+{
+    CRememberingPage page;
+    CGalleryWidget gallery;
+    auto* count = page.findChild<QLabel*>(QStringLiteral("imagesCount"));
+    ASSERT_NE(count, nullptr);
+    EXPECT_EQ(count->text(), QStringLiteral("Photos found: 0"));
+
+    page.listFolder(QDir(m_dir.path()), true);
+    EXPECT_TRUE(page.files().isEmpty()) << "no gallery yet: nothing is listed";
+
+    page.setGallery(&gallery);
+    page.listFolder(QDir(m_dir.path()), true);
+    ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 3; }));
+    EXPECT_EQ(page.files().size(), 3);
+    EXPECT_EQ(count->text(), QStringLiteral("Photos found: 3"));
+    EXPECT_EQ(page.findChild<QLineEdit*>(QStringLiteral("editPath"))->text(), QDir::toNativeSeparators(m_dir.path()));
+    EXPECT_EQ(page.stored, QStringList{QDir(m_dir.path()).absolutePath()});
+
+    // The box writes the shared setting and lists again, now with the subfolder.
+    page.findChild<QCheckBox*>()->setChecked(true);
+    ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 4; }));
+    EXPECT_EQ(qutils::CAppSettings::value(QStringLiteral("analyzeSubdirs"), 0), 1);
+    EXPECT_EQ(count->text(), QStringLiteral("Photos found: 4"));
+
+    // A typed path that does not exist changes nothing but the count.
+    page.listFolder(QDir(m_dir.filePath(QStringLiteral("missing"))), false);
+    EXPECT_EQ(count->text(), QStringLiteral("Photos found: 0"));
+    EXPECT_EQ(page.files().size(), 4);
+    EXPECT_EQ(gallery.imageModel()->rowCount(), 4);
+}
+
+TEST_F(ChooseImagePathTest, FolderChooserListsTheChosenFolderAndCancelChangesNothing)
+{
+    CChooseImagePathDlg page;
+    CGalleryWidget gallery;
+    page.setGallery(&gallery);
+    {
+        qcontrols::CScriptedDialogs script({{QDialog::Rejected, QString()}});
+        page.findChild<QPushButton*>(QStringLiteral("btnChooseDir"))->click();
+        EXPECT_TRUE(page.files().isEmpty());
+    }
+    {
+        qcontrols::CScriptedDialogs script({{QDialog::Accepted, m_dir.filePath(QStringLiteral("sub"))}});
+        page.findChild<QPushButton*>(QStringLiteral("btnChooseDir"))->click();
+        ASSERT_EQ(qcontrols::CDialogScript::shown().size(), 1);
+        EXPECT_EQ(qcontrols::CDialogScript::shown().at(0).kind, QStringLiteral("folder"));
+    }
+    ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 1; }));
+    EXPECT_EQ(page.files().first().fileName(), QStringLiteral("d.tif"));
+}
