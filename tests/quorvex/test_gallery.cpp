@@ -54,6 +54,10 @@ private:
             return;
         if (message.contains(QStringLiteral("canConvert<QString>")))
             return;
+        // QVariant compares pixmaps by identity, and every read of the thumbnail
+        // role makes a new one: such "not the same" reports say nothing.
+        if (message.contains(QStringLiteral("QVariant(QPixmap")))
+            return;
         s_messages << message;
     }
 

@@ -65,6 +65,10 @@ private:
             return;
         if (message.contains(QStringLiteral("canConvert<QString>")))
             return;
+        // QVariant compares pixmaps by identity, and every read of the thumbnail
+        // role makes a new one: such "not the same" reports say nothing.
+        if (message.contains(QStringLiteral("QVariant(QPixmap")))
+            return;
         s_messages << message;
     }
 
@@ -390,7 +394,7 @@ TEST_F(ImageModelTest, FiveThousandThumbnailsThenTheFirstIsDropped)
     EXPECT_TRUE(CImageModel::isThumbnailCached(files.first()));
 
     model.data(model.index(5000), CImageModel::ImageRole);
-    ASSERT_TRUE(testutils::waitFor([&] { return CImageModel::isThumbnailCached(files.last()); }, 10000));
+    ASSERT_TRUE(testutils::waitFor([&] { return CImageModel::isThumbnailCached(files.last()); }, 60000));
     EXPECT_EQ(CImageModel::thumbnailCacheCount(), 5000);
     EXPECT_FALSE(CImageModel::isThumbnailCached(files.first()));
     EXPECT_TRUE(CImageModel::isThumbnailCached(files.at(1)));
