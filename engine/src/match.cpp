@@ -194,7 +194,11 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     // The weights first: then each channel can go as soon as it is transformed,
     // and the decoded photo is gone before the Fourier work starts.
     Plane weights;
-    greyIntensityWeights(photo.planes, photo.channels, weights);
+    {
+        Plane grey;
+        greyLevel(photo.planes, photo.channels, grey);
+        intensityWeights(grey, weights);
+    }
     Plane x;
     combinedResidualReleasing(photo.planes, photo.channels, fp.sigmaMatch, x);
     zeroMeanLattices(x);

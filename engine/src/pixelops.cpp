@@ -124,51 +124,6 @@ void intensityWeights(const Plane& channel, Plane& weights)
     }
 }
 
-void greyIntensityWeights(const Plane* channels, int count, Plane& weights)
-{
-    const int w = channels[0].width();
-    const int h = channels[0].height();
-    weights.reset(w, h);
-    const bool colour = count >= 3;
-    auto grey = [&](int x, int y) {
-        return colour ? constants::GreyR * channels[0].at(x, y) + constants::GreyG * channels[1].at(x, y) +
-                            constants::GreyB * channels[2].at(x, y)
-                      : channels[0].at(x, y);
-    };
-    float maximum = 0.0f;
-    for (int y = 0; y < h; ++y)
-    {
-        const float* r = channels[0].row(y);
-        const float* g = colour ? channels[1].row(y) : r;
-        const float* b = colour ? channels[2].row(y) : r;
-        for (int x = 0; x < w; ++x)
-            maximum = std::max(maximum, colour ? constants::GreyR * r[x] + constants::GreyG * g[x] + constants::GreyB * b[x]
-                                               : r[x]);
-    }
-    const float knee = constants::ClipKnee;
-    for (int y = 0; y < h; ++y)
-    {
-        const float* r = channels[0].row(y);
-        const float* g = colour ? channels[1].row(y) : r;
-        const float* b = colour ? channels[2].row(y) : r;
-        float* d = weights.row(y);
-        for (int x = 0; x < w; ++x)
-        {
-            const float v = colour ? constants::GreyR * r[x] + constants::GreyG * g[x] + constants::GreyB * b[x] : r[x];
-            float weight = v / 255.0f;
-            if (v > knee)
-            {
-                weight *= std::exp(-(v - knee) * (v - knee) / constants::ClipFadeWidth2);
-                // A clipped highlight: at the maximum with an equal neighbour.
-                if (v == maximum && ((x + 1 < w && grey(x + 1, y) == v) || (y + 1 < h && grey(x, y + 1) == v) ||
-                                     (x > 0 && grey(x - 1, y) == v) || (y > 0 && grey(x, y - 1) == v)))
-                    weight = 0.0f;
-            }
-            d[x] = weight;
-        }
-    }
-}
-
 void applyWeights(Plane& residual, const Plane& weights)
 {
     double sum = 0.0;

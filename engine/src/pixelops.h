@@ -16,10 +16,6 @@ void greyLevel(const Plane* channels, int count, Plane& grey);
 // with an equal neighbour (clipped highlights carry no sensor pattern).
 void intensityWeights(const Plane& channel, Plane& weights);
 
-// The intensity weights of the photo's grey level: intensityWeights on
-// greyLevel, without making the grey plane.
-void greyIntensityWeights(const Plane* channels, int count, Plane& weights);
-
 // residual *= weights, then the mean of the product removed.
 void applyWeights(Plane& residual, const Plane& weights);
 

@@ -18,55 +18,14 @@
 #include <QStandardItemModel>
 #include <QTemporaryDir>
 
+#include "modelchecker.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
 
 namespace
 {
-
-// Runs the framework's model checks on the proxy. Role 0 is the thumbnail by
-// the model's deliberate numbering, so the one check that display values read
-// as text is expected to object; every other complaint fails the test.
-class CModelChecker
-{
-public:
-    explicit CModelChecker(QAbstractItemModel* model)
-    {
-        s_messages.clear();
-        m_previous = qInstallMessageHandler(&CModelChecker::handle);
-        m_tester.reset(
-            new QAbstractItemModelTester(model, QAbstractItemModelTester::FailureReportingMode::Warning));
-    }
-
-    ~CModelChecker()
-    {
-        m_tester.reset();
-        qInstallMessageHandler(m_previous);
-        for (const QString& message : s_messages)
-            ADD_FAILURE() << "model check: " << message.toStdString();
-    }
-
-private:
-    static void handle(QtMsgType, const QMessageLogContext& context, const QString& message)
-    {
-        if (qstrcmp(context.category, "qt.modeltest") != 0)
-            return;
-        if (message.contains(QStringLiteral("canConvert<QString>")))
-            return;
-        // QVariant compares pixmaps by identity, and every read of the thumbnail
-        // role makes a new one: such "not the same" reports say nothing.
-        if (message.contains(QStringLiteral("QVariant(QPixmap")))
-            return;
-        s_messages << message;
-    }
-
-    static QStringList s_messages;
-    QtMessageHandler m_previous = nullptr;
-    std::unique_ptr<QAbstractItemModelTester> m_tester;
-};
-
-QStringList CModelChecker::s_messages;
 
 // Counts how often rows are put through the filter, so a test can tell a
 // re-filter that changes nothing from no re-filter at all.
@@ -125,7 +84,7 @@ TEST_F(GalleryTest, MaskWithoutProcessingBitHidesProcessingRows)
     model.setFiles(makePhotos(4));
     CGalleryFilterModel filter;
     filter.setSourceModel(&model);
-    CModelChecker checker(&filter);
+    testutils::CModelChecker checker(&filter);
 
     model.setState(1, CImageModel::Processing);
     model.setState(2, CImageModel::SuccessHigh);
@@ -188,7 +147,7 @@ TEST_F(GalleryTest, StateChangesInTheSourceRefilter)
     model.setFiles(makePhotos(3));
     CGalleryFilterModel filter;
     filter.setSourceModel(&model);
-    CModelChecker checker(&filter);
+    testutils::CModelChecker checker(&filter);
     filter.setFilterMask(CImageModel::SuccessVeryHigh | CImageModel::SuccessHigh);
     EXPECT_EQ(filter.rowCount(), 0);
 

@@ -27,6 +27,8 @@
 #pragma GCC diagnostic pop
 #endif
 
+#include "modelchecker.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -34,50 +36,6 @@
 
 namespace
 {
-
-// Runs the framework's model checks and collects what they report. Role 0 is
-// the thumbnail and role 5 the result, by the model's deliberate numbering,
-// so the one check that display and what's-this values read as text is
-// expected to object; every other complaint fails the test.
-class CModelChecker
-{
-public:
-    explicit CModelChecker(QAbstractItemModel* model)
-    {
-        s_messages.clear();
-        m_previous = qInstallMessageHandler(&CModelChecker::handle);
-        m_tester.reset(
-            new QAbstractItemModelTester(model, QAbstractItemModelTester::FailureReportingMode::Warning));
-    }
-
-    ~CModelChecker()
-    {
-        m_tester.reset();
-        qInstallMessageHandler(m_previous);
-        for (const QString& message : s_messages)
-            ADD_FAILURE() << "model check: " << message.toStdString();
-    }
-
-private:
-    static void handle(QtMsgType, const QMessageLogContext& context, const QString& message)
-    {
-        if (qstrcmp(context.category, "qt.modeltest") != 0)
-            return;
-        if (message.contains(QStringLiteral("canConvert<QString>")))
-            return;
-        // QVariant compares pixmaps by identity, and every read of the thumbnail
-        // role makes a new one: such "not the same" reports say nothing.
-        if (message.contains(QStringLiteral("QVariant(QPixmap")))
-            return;
-        s_messages << message;
-    }
-
-    static QStringList s_messages;
-    QtMessageHandler m_previous = nullptr;
-    std::unique_ptr<QAbstractItemModelTester> m_tester;
-};
-
-QStringList CModelChecker::s_messages;
 
 class ImageModelTest : public ::testing::Test
 {
@@ -136,7 +94,7 @@ protected:
 TEST_F(ImageModelTest, RolesNamesAndPlainValues)
 {
     CImageModel model;
-    CModelChecker checker(&model);
+    testutils::CModelChecker checker(&model);
     const QString a = savePicture(QStringLiteral("a.png"), QSize(8, 8));
     const QString b = savePicture(QStringLiteral("b.png"), QSize(8, 8));
     model.setFiles({QFileInfo(a), QFileInfo(b)});
@@ -167,7 +125,7 @@ TEST_F(ImageModelTest, RolesNamesAndPlainValues)
 TEST_F(ImageModelTest, PlaceholdersFirstThenThumbnailsCellByCell)
 {
     CImageModel model;
-    CModelChecker checker(&model);
+    testutils::CModelChecker checker(&model);
     model.setThumbnailSize(QSize(64, 64));
     QFileInfoList files;
     for (int i = 0; i < 3; ++i)
@@ -266,7 +224,7 @@ TEST_F(ImageModelTest, TurnedPhotoFitsTheBoxAndStandsUpright)
 TEST_F(ImageModelTest, SetFilesKeepsDescriptionsAndResultsButResetsStates)
 {
     CImageModel model;
-    CModelChecker checker(&model);
+    testutils::CModelChecker checker(&model);
     const QFileInfo a(savePicture(QStringLiteral("a.png"), QSize(4, 4)));
     const QFileInfo b(savePicture(QStringLiteral("b.png"), QSize(4, 4)));
     const QFileInfo c(savePicture(QStringLiteral("c.png"), QSize(4, 4)));
