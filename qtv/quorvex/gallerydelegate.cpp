@@ -2,14 +2,18 @@
 
 #include "galleryfiltermodel.h"
 #include "imagemodel.h"
+#include "resources.h"
 
+#include "qutils/stylesheetsparser.h"
+
+#include <QHash>
 #include <QPainter>
 #include <QPixmap>
 #include <QtMath>
 
 namespace
 {
-constexpr int TileMargin = 4;
+constexpr int TileMargin = CGalleryDelegate::TileMargin;
 constexpr int NameHeight = 22;
 constexpr int FrameWidth = 3;
 } // namespace
@@ -58,22 +62,40 @@ QString CGalleryDelegate::stateStyle(int state)
 
 QColor CGalleryDelegate::stateColor(int state)
 {
-    // The same hues as the style sheet's result classes.
-    switch (state)
-    {
-    case CImageModel::SuccessVeryHigh:
-        return QColor(0x2e, 0x7d, 0x32);
-    case CImageModel::SuccessHigh:
-        return QColor(0x66, 0xbb, 0x6a);
-    case CImageModel::SuccessMedium:
-        return QColor(0xf9, 0xa8, 0x25);
-    case CImageModel::SuccessLow:
-        return QColor(0xef, 0x6c, 0x00);
-    case CImageModel::Fail:
-        return QColor(0x9e, 0x9e, 0x9e);
-    default:
-        return QColor(0x60, 0x60, 0x60);
-    }
+    static const QHash<int, QColor> colours = [] {
+        QHash<int, QColor> result{
+            {CImageModel::SuccessVeryHigh, QColor(0x2e, 0x9e, 0x5b)}, {CImageModel::SuccessHigh, QColor(0x5a, 0xa8, 0x3c)},
+            {CImageModel::SuccessMedium, QColor(0xb5, 0x9a, 0x2a)},  {CImageModel::SuccessLow, QColor(0xc2, 0x70, 0x2b)},
+            {CImageModel::Fail, QColor(0x4a, 0x4f, 0x57)},           {CImageModel::Idle, QColor(0x30, 0x35, 0x3c)},
+        };
+        const QHash<int, QString> names{
+            {CImageModel::SuccessVeryHigh, QStringLiteral("COLOR_RESULT_VERY_HIGH")},
+            {CImageModel::SuccessHigh, QStringLiteral("COLOR_RESULT_HIGH")},
+            {CImageModel::SuccessMedium, QStringLiteral("COLOR_RESULT_MEDIUM")},
+            {CImageModel::SuccessLow, QStringLiteral("COLOR_RESULT_LOW")},
+            {CImageModel::Fail, QStringLiteral("COLOR_RESULT_FAIL")},
+            {CImageModel::Idle, QStringLiteral("COLOR_TILE")},
+        };
+        try
+        {
+            quorvex::initResources();
+            qutils::CStyleSheetsParser parser;
+            parser.readConstants(quorvex::styleConstantsResourcePath());
+            const auto constants = parser.resolvedConstants();
+            for (auto it = names.cbegin(); it != names.cend(); ++it)
+            {
+                const QColor colour(constants.value(it.value()).trimmed());
+                if (colour.isValid())
+                    result.insert(it.key(), colour);
+            }
+        }
+        catch (...)
+        {
+            // The built-in hues above are the same as the shipped constants.
+        }
+        return result;
+    }();
+    return colours.value(state, colours.value(CImageModel::Idle));
 }
 
 void CGalleryDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
@@ -87,12 +109,15 @@ void CGalleryDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing, true);
 
-    QColor background = option.palette.color(QPalette::Base);
+    // Filled like the style sheet fills a live tile: the class colour, or the
+    // plain tile colour while nothing is known.
+    QColor background = stateColor(state);
+    QColor border = background;
     if (selected)
-        background = option.palette.color(QPalette::Highlight);
+        border = option.palette.color(QPalette::Highlight);
     else if (hovered)
         background = background.lighter(115);
-    painter->setPen(QPen(stateColor(state), FrameWidth));
+    painter->setPen(QPen(border, FrameWidth));
     painter->setBrush(background);
     painter->drawRoundedRect(tile, 6, 6);
 
@@ -120,26 +145,29 @@ void CGalleryDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     if (state == CImageModel::Processing)
     {
         m_paintedProcessing = true;
-        paintLoading(painter, picture);
+        paintLoading(painter, picture, m_frame);
     }
     painter->restore();
 }
 
-void CGalleryDelegate::paintLoading(QPainter* painter, const QRect& rect) const
+void CGalleryDelegate::paintLoading(QPainter* painter, const QRect& rect, int frame)
 {
     // Eight dots on a circle; the current frame's dot is the brightest and
     // the ones behind it fade, which reads as rotation.
-    const QPointF centre = rect.center();
+    painter->save();
+    painter->setRenderHint(QPainter::Antialiasing, true);
+    const QPointF centre = QRectF(rect).center();
     const qreal radius = qMin(rect.width(), rect.height()) / 6.0;
     const qreal dot = qMax<qreal>(2.0, radius / 4.0);
     painter->setPen(Qt::NoPen);
     for (int i = 0; i < LoadingFrames; ++i)
     {
-        const int age = (m_frame - i + LoadingFrames) % LoadingFrames;
+        const int age = (frame - i + LoadingFrames) % LoadingFrames;
         QColor colour(Qt::white);
         colour.setAlphaF(1.0 - age / qreal(LoadingFrames));
         painter->setBrush(colour);
         const qreal angle = 2.0 * M_PI * i / LoadingFrames;
         painter->drawEllipse(centre + QPointF(radius * qCos(angle), radius * qSin(angle)), dot, dot);
     }
+    painter->restore();
 }

@@ -13,6 +13,7 @@ class CGalleryDelegate : public QStyledItemDelegate
 
 public:
     static constexpr int LoadingFrames = 8;
+    static constexpr int TileMargin = 4;
 
     explicit CGalleryDelegate(QObject* parent = nullptr);
 
@@ -33,10 +34,14 @@ public:
 
     // The style name of a state, as the application's style sheet knows it.
     static QString stateStyle(int state);
+    // The state's colour, taken from the style sheet's constants so painted
+    // tiles and the live tile under the pointer look the same.
     static QColor stateColor(int state);
 
+    // Eight dots on a circle, the frame's dot brightest.
+    static void paintLoading(QPainter* painter, const QRect& rect, int frame);
+
 private:
-    void paintLoading(QPainter* painter, const QRect& rect) const;
 
     QSize m_tileSize{168, 156};
     int m_frame = 0;

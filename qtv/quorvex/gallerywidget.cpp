@@ -2,9 +2,19 @@
 
 #include "gallerydelegate.h"
 #include "galleryfiltermodel.h"
+#include "galleryitem.h"
 #include "imagemodel.h"
+#include "resultclass.h"
+
+#include "qcontrols/messageboxfactory.h"
+#include "qutils/debugutils.h"
+#include "qutils/quorvexapi.h"
 
 #include <QDateTime>
+#include <QDesktopServices>
+#include <QParallelAnimationGroup>
+#include <QProcess>
+#include <QUrl>
 #include <QDir>
 #include <QFileInfo>
 #include <QFrame>
@@ -22,6 +32,12 @@ namespace
 {
 constexpr int FrameIntervalMs = 100;
 constexpr int PreviewWidth = 320;
+
+CGalleryWidget::UrlOpener& urlOpener()
+{
+    static CGalleryWidget::UrlOpener opener = [](const QUrl& url) { return QDesktopServices::openUrl(url); };
+    return opener;
+}
 } // namespace
 
 CGalleryWidget::CGalleryWidget(QWidget* parent)
@@ -54,6 +70,33 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
             Qt::QueuedConnection);
     connect(selectionModel(), &QItemSelectionModel::currentChanged, this,
             [this](const QModelIndex& current, const QModelIndex&) { onCurrentChanged(current); });
+
+    // The one live tile, moved to whichever tile the pointer enters.
+    m_item = new CGalleryItem(viewport());
+    m_item->hide();
+    connect(this, &QAbstractItemView::entered, this, &CGalleryWidget::onItemEntered);
+    connect(m_item, &CGalleryItem::mouseLeft, this, &CGalleryWidget::onItemLeft);
+    connect(m_item, &CGalleryItem::pressed, this, [this](const QModelIndex& index) {
+        if (index.isValid())
+            setCurrentIndex(index);
+    });
+    connect(m_item, &CGalleryItem::doubleClicked, this, &CGalleryWidget::onPreviewShow);
+    connect(m_item, &CGalleryItem::repaintRequest, viewport(), QOverload<>::of(&QWidget::update));
+    connect(m_item, &CGalleryItem::openFolderClicked, this, [this] { openFolder(m_item->filePath()); });
+    connect(m_item, &CGalleryItem::showExternalViewerClicked, this,
+            [this] { openInExternalViewer(m_item->filePath()); });
+    connect(m_item, &CGalleryItem::showDetailResultClicked, this, [this] { showDetailResult(m_item->index()); });
+    // Collapsed and left: the painted tile beneath takes over again.
+    connect(m_item->findChild<QParallelAnimationGroup*>(), &QAbstractAnimation::finished, this, [this] {
+        if (!m_item->underMouse() && m_item->actionsPanel()->maximumHeight() == 0)
+            hideHoverItem();
+    });
+    // Any change of layout or position leaves the tile over the wrong photo.
+    connect(verticalScrollBar(), &QScrollBar::valueChanged, this, &CGalleryWidget::hideHoverItem);
+    connect(m_filterModel, &QAbstractItemModel::modelReset, this, &CGalleryWidget::hideHoverItem);
+    connect(m_filterModel, &QAbstractItemModel::layoutChanged, this, &CGalleryWidget::hideHoverItem);
+    connect(m_filterModel, &QAbstractItemModel::rowsRemoved, this, &CGalleryWidget::hideHoverItem);
+    connect(m_filterModel, &QAbstractItemModel::rowsInserted, this, &CGalleryWidget::hideHoverItem);
 
     m_preview = new QFrame(this);
     m_preview->setObjectName(QStringLiteral("previewWidget"));
@@ -117,9 +160,23 @@ void CGalleryWidget::onDataChanged(const QModelIndex& topLeft, const QModelIndex
     for (int row = topLeft.row(); row <= bottomRight.row(); ++row)
     {
         const QModelIndex index = m_filterModel->mapFromSource(m_imageModel->index(row));
-        if (index.isValid())
-            update(index);
+        if (!index.isValid())
+            continue;
+        update(index);
+        if (m_item->isVisible() && QModelIndex(m_item->index()) == index)
+            m_item->setIndex(index, visualRect(index));
     }
+}
+
+void CGalleryWidget::onItemEntered(const QModelIndex& index)
+{
+    if (!index.isValid())
+        return;
+    m_item->setIndex(index, visualRect(index));
+    m_item->show();
+    m_item->raise();
+    // The pointer is already over the tile, so no enter event will come.
+    m_item->expand();
 }
 
 void CGalleryWidget::onItemLeft(const QModelIndex& index)
@@ -128,10 +185,80 @@ void CGalleryWidget::onItemLeft(const QModelIndex& index)
         update(index);
 }
 
+void CGalleryWidget::hideHoverItem()
+{
+    if (m_item->isVisible())
+    {
+        m_item->hide();
+        viewport()->update();
+    }
+}
+
 void CGalleryWidget::leaveEvent(QEvent* event)
 {
     QListView::leaveEvent(event);
     viewport()->update();
+}
+
+void CGalleryWidget::setUrlOpener(const UrlOpener& opener)
+{
+    urlOpener() = opener ? opener : [](const QUrl& url) { return QDesktopServices::openUrl(url); };
+}
+
+void CGalleryWidget::openFolder(const QString& path)
+{
+    if (path.isEmpty())
+        return;
+#ifdef Q_OS_WIN
+    // Explorer can open the folder with the photo already selected.
+    if (QProcess::startDetached(QStringLiteral("explorer.exe"), {QStringLiteral("/select,") + QDir::toNativeSeparators(path)}))
+        return;
+#endif
+    const QUrl folder = QUrl::fromLocalFile(QFileInfo(path).absolutePath());
+    if (!urlOpener()(folder))
+        QX_WARNING << "The file manager could not be started for " << folder.toString();
+}
+
+void CGalleryWidget::openInExternalViewer(const QString& path)
+{
+    if (path.isEmpty())
+        return;
+    const QUrl url = QUrl::fromLocalFile(path);
+    if (!urlOpener()(url))
+        QX_WARNING << "No image viewer could be started for " << url.toString();
+}
+
+QString CGalleryWidget::detailResultText(const QString& path, const QVariant& result)
+{
+    QString verdict = tr("no match");
+    QString numbers;
+    if (result.canConvert<qutils::CQuorvexAPI::SAnalysisResult>())
+    {
+        const auto analysis = result.value<qutils::CQuorvexAPI::SAnalysisResult>();
+        switch (classifyResult(analysis))
+        {
+        case EResultClass::VeryHigh:
+        case EResultClass::High:
+        case EResultClass::Medium:
+            verdict = tr("match with %1 probability").arg(resultClassName(classifyResult(analysis)));
+            break;
+        default:
+            break;
+        }
+        numbers = tr("<br/>Probability: %1%<br/>Correlation: %2")
+                      .arg(analysis.probability * 100.0, 0, 'f', 2)
+                      .arg(analysis.correlation, 0, 'f', 4);
+    }
+    return tr("Path: %1<br/><br/>Result: %2%3").arg(QDir::toNativeSeparators(path).toHtmlEscaped(), verdict, numbers);
+}
+
+void CGalleryWidget::showDetailResult(const QModelIndex& index)
+{
+    if (!index.isValid())
+        return;
+    qcontrols::CMessageBoxFactory::information(
+        this, tr("Analysis results"),
+        detailResultText(index.data(CImageModel::PathRole).toString(), index.data(CImageModel::ResultRole)));
 }
 
 QString CGalleryWidget::pathText(const QString& path)

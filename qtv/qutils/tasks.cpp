@@ -94,6 +94,9 @@ void linkChild(CTask* parent, CTask* child, bool progress)
         QX_SELFCHECK(QStringLiteral("connect sub-task progressPos"));
     if (!QObject::connect(parent, &CTask::cancelled, child, &CTask::cancel, Qt::DirectConnection))
         QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+    // A sub-task started after the cancel would otherwise miss it and run whole.
+    if (parent->isCancelled() && !child->isCancelled())
+        child->cancel();
 }
 
 bool present(const std::shared_ptr<CTask>& task, const char* operation)
@@ -164,6 +167,8 @@ bool CTaskRangeAdapter::run()
         QX_SELFCHECK(QStringLiteral("connect sub-task progressPos to adapter"));
     if (!connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection))
         QX_SELFCHECK(QStringLiteral("connect adapter cancelled to sub-task"));
+    if (isCancelled() && !m_task->isCancelled())
+        m_task->cancel();
     const bool result = m_task->run();
     // The parent's bar ends exactly at the end of the interval, whatever the child said.
     emit progressPos(m_from + m_span);
@@ -204,6 +209,8 @@ bool CTaskOffsetAdapter::run()
         QX_SELFCHECK(QStringLiteral("connect sub-task progressPos to offset adapter"));
     if (!connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection))
         QX_SELFCHECK(QStringLiteral("connect offset adapter cancelled to sub-task"));
+    if (isCancelled() && !m_task->isCancelled())
+        m_task->cancel();
     return m_task->run();
 }
 

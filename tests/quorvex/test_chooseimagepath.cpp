@@ -14,6 +14,11 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+#include <QApplication>
+
+#include <atomic>
 
 #include <gtest/gtest.h>
 
@@ -101,4 +106,66 @@ TEST_F(ChooseImagePathTest, FolderChooserListsTheChosenFolderAndCancelChangesNot
     }
     ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 1; }));
     EXPECT_EQ(page.files().first().fileName(), QStringLiteral("d.tif"));
+}
+
+namespace
+{
+
+// Holds the listing on the worker thread until the test has pressed Cancel,
+// so the cancel reliably lands while the folder is being listed.
+class CHeldPage : public CChooseImagePathDlg
+{
+public:
+    std::atomic<bool> entered{false};
+    std::atomic<bool> release{false};
+
+protected:
+    void storeDirectory(const QDir&) override
+    {
+        entered = true;
+        for (int i = 0; i < 3000 && !release; ++i)
+            QThread::msleep(10);
+    }
+};
+
+} // namespace
+
+TEST_F(ChooseImagePathTest, CancelLeavesAnEmptyListAndNoPhotosFound)
+{
+    CHeldPage page;
+    CGalleryWidget gallery;
+    page.setGallery(&gallery);
+    page.release = true;
+    page.listFolder(QDir(m_dir.path()), true);
+    ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 3; }));
+    page.entered = false;
+    page.release = false;
+
+    bool clicked = false;
+    QTimer poll;
+    poll.setInterval(10);
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        if (!page.entered || clicked)
+            return;
+        for (QWidget* top : QApplication::topLevelWidgets())
+        {
+            auto* cancel = top->findChild<QPushButton*>(QStringLiteral("cancelButton"));
+            if (top->isVisible() && cancel && cancel->isVisible())
+            {
+                cancel->click();
+                clicked = true;
+                page.release = true;
+                return;
+            }
+        }
+    });
+    poll.start();
+    page.listFolder(QDir(m_dir.path()), false);
+    poll.stop();
+    page.release = true;
+
+    EXPECT_TRUE(clicked) << "the listing dialog offered no Cancel";
+    EXPECT_TRUE(page.files().isEmpty());
+    ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 0; }));
+    EXPECT_EQ(page.findChild<QLabel*>(QStringLiteral("imagesCount"))->text(), QStringLiteral("Photos found: 0"));
 }

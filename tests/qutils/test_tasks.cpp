@@ -151,6 +151,20 @@ TEST(TaskSubTasks, ParentDropsItsReferenceOnReturn)
     EXPECT_TRUE(weak.expired());
 }
 
+TEST(TaskSubTasks, SubTaskStartedAfterTheCancelStartsCancelled)
+{
+    // A job cancelled before it reaches its sub-task must not run that one whole.
+    auto parent = makeTask<CFunctionTask>([](CTask*) {});
+    parent->cancel();
+    std::vector<bool> seen;
+    auto child = [&seen] { return makeTask<CFunctionTask>([&seen](CTask* task) { seen.push_back(task->isCancelled()); }); };
+    parent->runSubTaskNoProgress(child());
+    parent->runSubTaskWithProgress(child());
+    parent->runSubTask(child(), 0, 10);
+    parent->runSubTaskWithOffset(child(), 5);
+    EXPECT_EQ(seen, (std::vector<bool>{true, true, true, true}));
+}
+
 TEST(TaskCancel, HookRunsBeforeSignalAndEveryCallEmits)
 {
     struct CHookTask : public CTask
