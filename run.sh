@@ -3,7 +3,7 @@
 #   ./run.sh         install what is missing, build, run the demonstration case
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
-#   ./run.sh bench   build, then measure the engine (results in bench/results.json)
+#   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -63,6 +63,7 @@ case "${1:-run}" in
     bench)
         build
         "$build_dir/bench/bench_engine" --sizes 10,24 --out "$here/bench/results.json"
+        "$build_dir/bench/bench_gallery" --count 10000
         ;;
     test)
         build

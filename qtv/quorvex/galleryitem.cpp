@@ -126,7 +126,17 @@ void CGalleryItem::setDescription(const QString& description)
 void CGalleryItem::setImage(const QPixmap& image)
 {
     m_pixmap = image;
-    m_image->setPixmap(image);
+    fitImage();
+}
+
+void CGalleryItem::fitImage()
+{
+    // The picture shrinks with the room the opening actions row leaves it.
+    const QSize room = m_image->size();
+    if (m_pixmap.isNull() || room.isEmpty() || (m_pixmap.width() <= room.width() && m_pixmap.height() <= room.height()))
+        m_image->setPixmap(m_pixmap);
+    else
+        m_image->setPixmap(m_pixmap.scaled(room, Qt::KeepAspectRatio, Qt::SmoothTransformation));
 }
 
 void CGalleryItem::setState(int state)
@@ -217,10 +227,14 @@ bool CGalleryItem::eventFilter(QObject* watched, QEvent* event)
         else if (event->type() == QEvent::Resize && !m_expanded)
             m_content->setGeometry(collapsedContentRect());
     }
-    else if (watched == m_image && event->type() == QEvent::Resize && m_loadingIcon->isVisible())
+    else if (watched == m_image && event->type() == QEvent::Resize)
     {
-        m_loadingIcon->setGeometry(m_image->rect());
-        m_loadingIcon->setPixmap(loadingFrame(m_frame, m_loadingIcon->size()));
+        fitImage();
+        if (m_loadingIcon->isVisible())
+        {
+            m_loadingIcon->setGeometry(m_image->rect());
+            m_loadingIcon->setPixmap(loadingFrame(m_frame, m_loadingIcon->size()));
+        }
     }
     return QFrame::eventFilter(watched, event);
 }

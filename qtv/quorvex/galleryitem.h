@@ -75,6 +75,7 @@ protected:
     void mouseDoubleClickEvent(QMouseEvent* event) override;
 
 private:
+    void fitImage();
     void animateTo(int actionsHeight, const QRect& contentRect);
     QRect collapsedContentRect() const;
 

@@ -120,6 +120,11 @@ void CImageModel::setFiles(const QFileInfoList& files)
     const QModelIndexList before = persistentIndexList();
     m_files = files;
     m_states.clear();
+    // The first row of each file, so a finished thumbnail finds its row at once.
+    m_rows.clear();
+    m_rows.reserve(m_files.size());
+    for (int row = m_files.size() - 1; row >= 0; --row)
+        m_rows.insert(fileKey(m_files.at(row)), row);
     QModelIndexList after;
     after.reserve(before.size());
     for (const QModelIndex& index : before)
@@ -211,15 +216,11 @@ void CImageModel::setDecodeHook(const DecodeHook& hook)
 void CImageModel::onThumbnailReady(const QString& key)
 {
     // The first row showing the file is the one a view asked for.
-    for (int row = 0; row < m_files.size(); ++row)
-    {
-        if (fileKey(m_files.at(row)) == key)
-        {
-            const QModelIndex changed = index(row);
-            emit dataChanged(changed, changed, {ImageRole});
-            return;
-        }
-    }
+    const auto it = m_rows.constFind(key);
+    if (it == m_rows.constEnd())
+        return;
+    const QModelIndex changed = index(it.value());
+    emit dataChanged(changed, changed, {ImageRole});
 }
 
 CImageModel::CPixmapThread::~CPixmapThread()

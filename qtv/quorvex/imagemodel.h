@@ -96,6 +96,7 @@ private:
     void onThumbnailReady(const QString& key);
 
     QFileInfoList m_files;
+    QHash<QString, int> m_rows;
     QHash<QString, State> m_states;
     QHash<QString, QString> m_descriptions;
     QHash<QString, QVariant> m_results;

@@ -1,5 +1,9 @@
 // The main window: pages, the full-screen toggle and the close guard.
+#include "chooseimagepathdlg.h"
+#include "gallerywidget.h"
 #include "helpdlg.h"
+#include "imagemodel.h"
+#include "camsim/camera.h"
 #include "intropagedlg.h"
 #include "mainwindow.h"
 #include "resources.h"
@@ -27,6 +31,10 @@
 #include <QPushButton>
 #include <QTemporaryDir>
 #include <QTextBrowser>
+#include <QTest>
+#include <QVBoxLayout>
+
+#include <algorithm>
 #include <QThread>
 #include <QTimer>
 #include <QDir>
@@ -248,6 +256,46 @@ TEST_F(MainWindowTest, ScreensRenderWithTheStyleSheet)
             EXPECT_TRUE(window.currentPage()->findChild<QTextBrowser*>()->toPlainText().contains(QStringLiteral("Learn")));
             save(window, QStringLiteral("help.png"));
             CHelpDlg::setHelpFolder(QString());
+
+            // A folder page: simulated photos listed into the gallery, one in the preview.
+            QTemporaryDir photos;
+            camsim::CameraConfig config;
+            config.width = 1024;
+            config.height = 768;
+            config.unitSeed = 7;
+            const camsim::Camera camera(config);
+            for (int i = 0; i < 14; ++i)
+            {
+                camsim::ShotConfig shot;
+                shot.sceneSeed = 100 + i;
+                shot.scene = i % 3 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
+                camera.shoot(shot, photos.filePath(QStringLiteral("IMG_%1.jpg").arg(1001 + i)).toStdString());
+            }
+            auto* page = new QWidget;
+            auto* layout = new QVBoxLayout(page);
+            auto* chooser = new CChooseImagePathDlg(page);
+            auto* gallery = new CGalleryWidget(page);
+            layout->addWidget(chooser);
+            layout->addWidget(gallery, 1);
+            chooser->setGallery(gallery);
+            window.pushPage(page);
+            chooser->listFolder(QDir(photos.path()), true);
+            ASSERT_TRUE(testutils::waitFor([&] { return gallery->imageModel()->rowCount() == 14; }));
+            const QFileInfoList files = gallery->imageModel()->files();
+            for (int row = 0; row < files.size(); ++row)
+                gallery->model()->index(row, 0).data(CImageModel::ImageRole);
+            ASSERT_TRUE(testutils::waitFor([&] {
+                return std::all_of(files.begin(), files.end(),
+                                   [](const QFileInfo& file) { return CImageModel::isThumbnailCached(file); });
+            }));
+            gallery->setCurrentIndex(gallery->model()->index(4, 0));
+            QCoreApplication::processEvents();
+            EXPECT_TRUE(gallery->previewWidget()->isVisible());
+            // The pointer resting on a tile opens its actions row.
+            ASSERT_TRUE(QMetaObject::invokeMethod(gallery, "entered", Q_ARG(QModelIndex, gallery->model()->index(1, 0))));
+            QTest::qWait(400);
+            save(window, QStringLiteral("folder-page.png"));
+            gallery->imageModel()->stopThread();
         }
     }
     auto task = qutils::makeTask<qutils::CFunctionTask>([](qutils::CTask* t) {
