@@ -63,8 +63,8 @@ CChooseImagePathDlg::CChooseImagePathDlg(QWidget* parent) : QWidget(parent)
     row->addWidget(m_count);
     row->addStretch();
     row->addWidget(home);
-    auto* layout = new QVBoxLayout(this);
-    layout->addLayout(row);
+    m_layout = new QVBoxLayout(this);
+    m_layout->addLayout(row);
 
     connect(choose, &QPushButton::clicked, this, &CChooseImagePathDlg::onChooseDir);
     connect(home, &QPushButton::clicked, this, &CChooseImagePathDlg::homeRequested);

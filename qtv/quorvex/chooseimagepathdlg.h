@@ -8,6 +8,7 @@ class CGalleryWidget;
 class QCheckBox;
 class QLabel;
 class QLineEdit;
+class QVBoxLayout;
 
 // The page on which the user picks a folder of photos: lists the folder (and
 // on request its subfolders) on a worker thread behind a "Please wait" dialog,
@@ -35,6 +36,12 @@ public slots:
     void onUpdateLabel(int pos);
 
 protected:
+    // The page's vertical layout (the controls row is its first item), for the
+    // derived pages' own widgets.
+    QVBoxLayout* pageLayout() const { return m_layout; }
+    // The listed photos, for the derived pages' own limits.
+    QFileInfoList& fileList() { return m_files; }
+
     // Remembers the folder being listed (the derived pages store it in the settings).
     virtual void storeDirectory(const QDir& dir);
     // Where the folder chooser opens.
@@ -42,6 +49,7 @@ protected:
     virtual QString chooseDirCaption() const;
 
 private:
+    QVBoxLayout* m_layout = nullptr;
     QLineEdit* m_editPath = nullptr;
     QCheckBox* m_subdirs = nullptr;
     QLabel* m_count = nullptr;

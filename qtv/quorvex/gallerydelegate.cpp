@@ -4,7 +4,6 @@
 #include "imagemodel.h"
 #include "resources.h"
 
-#include "qutils/stylesheetsparser.h"
 
 #include <QHash>
 #include <QPainter>
@@ -76,22 +75,11 @@ QColor CGalleryDelegate::stateColor(int state)
             {CImageModel::Fail, QStringLiteral("COLOR_RESULT_FAIL")},
             {CImageModel::Idle, QStringLiteral("COLOR_TILE")},
         };
-        try
+        for (auto it = names.cbegin(); it != names.cend(); ++it)
         {
-            quorvex::initResources();
-            qutils::CStyleSheetsParser parser;
-            parser.readConstants(quorvex::styleConstantsResourcePath());
-            const auto constants = parser.resolvedConstants();
-            for (auto it = names.cbegin(); it != names.cend(); ++it)
-            {
-                const QColor colour(constants.value(it.value()).trimmed());
-                if (colour.isValid())
-                    result.insert(it.key(), colour);
-            }
-        }
-        catch (...)
-        {
-            // The built-in hues above are the same as the shipped constants.
+            const QColor colour(quorvex::styleConstant(it.value()));
+            if (colour.isValid())
+                result.insert(it.key(), colour);
         }
         return result;
     }();

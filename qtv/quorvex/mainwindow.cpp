@@ -1,5 +1,6 @@
 #include "mainwindow.h"
 
+#include "choosepathlearn.h"
 #include "helpdlg.h"
 #include "intropagedlg.h"
 #include "workingpage.h"
@@ -11,6 +12,7 @@
 #include "qutils/debugutils.h"
 #include "qutils/tasks.h"
 
+#include <QApplication>
 #include <QCloseEvent>
 #include <QHBoxLayout>
 #include <QPushButton>
@@ -41,8 +43,30 @@ CMainWindow::CMainWindow(double scale, QWidget* parent) : QMainWindow(parent), m
     m_intro = new CIntroPageDlg(m_pages);
     m_pages->addWidget(m_intro);
     connect(m_intro, &CIntroPageDlg::helpRequested, this, &CMainWindow::onShowHelp);
+    connect(m_intro, &CIntroPageDlg::learnRequested, this, &CMainWindow::onShowLearn);
     connect(m_fullScreenButton, &QPushButton::clicked, this, &CMainWindow::onBtnFullScreen);
     updateFullScreenIcon();
+}
+
+CMainWindow* CMainWindow::instance()
+{
+    for (QWidget* widget : QApplication::topLevelWidgets())
+    {
+        if (auto* window = qobject_cast<CMainWindow*>(widget))
+            return window;
+    }
+    return nullptr;
+}
+
+double CMainWindow::currentScale()
+{
+    const CMainWindow* window = instance();
+    return window ? window->scale() : 1.0;
+}
+
+CMainWindow* CMainWindow::of(const QWidget* widget)
+{
+    return widget ? qobject_cast<CMainWindow*>(widget->window()) : nullptr;
 }
 
 void CMainWindow::pushPage(QWidget* page)
@@ -70,6 +94,13 @@ void CMainWindow::showIntroPage()
 QWidget* CMainWindow::currentPage() const
 {
     return m_pages->currentWidget();
+}
+
+void CMainWindow::onShowLearn()
+{
+    auto* page = new CChoosePathLearn(m_pages);
+    connect(page, &CChooseImagePathDlg::homeRequested, this, &CMainWindow::showIntroPage);
+    pushPage(page);
 }
 
 void CMainWindow::onShowHelp()

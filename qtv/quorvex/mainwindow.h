@@ -16,6 +16,12 @@ public:
     explicit CMainWindow(double scale, QWidget* parent = nullptr);
 
     double scale() const { return m_scale; }
+    // The program's main window (null before it exists) and its interface
+    // scale (1 without one), for pages and widgets built before they are placed.
+    static CMainWindow* instance();
+    static double currentScale();
+    // The main window that holds widget, or null.
+    static CMainWindow* of(const QWidget* widget);
     // Shows a page (the window takes it); the previous page stays below it.
     void pushPage(QWidget* page);
     // Removes the current page and shows the one below; the intro page stays.
@@ -29,6 +35,7 @@ public:
 public slots:
     void onBtnFullScreen();
     void onShowHelp();
+    void onShowLearn();
 
 protected:
     void closeEvent(QCloseEvent* event) override;

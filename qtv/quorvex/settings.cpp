@@ -1,5 +1,7 @@
 #include "settings.h"
 
+#include <QMutex>
+
 #include "qutils/appsettings.h"
 
 #include <QSettings>
@@ -71,4 +73,22 @@ QFileInfo CSettings::lastReport()
 void CSettings::setLastReport(const QFileInfo& file)
 {
     store("lastReport", file.absoluteFilePath());
+}
+
+namespace
+{
+QMutex g_currentMutex;
+QFileInfo g_currentFingerprint;
+} // namespace
+
+QFileInfo CSettings::currentFingerprint()
+{
+    QMutexLocker lock(&g_currentMutex);
+    return g_currentFingerprint;
+}
+
+void CSettings::setCurrentFingerprint(const QFileInfo& file)
+{
+    QMutexLocker lock(&g_currentMutex);
+    g_currentFingerprint = file;
 }

@@ -22,6 +22,11 @@ public:
     static bool analyzeSubdirs();
     static void setAnalyzeSubdirs(bool on);
 
+    // The fingerprint this run of the program last created (kept in memory
+    // only; empty until a learn succeeds). The Analyze workflow offers it.
+    static QFileInfo currentFingerprint();
+    static void setCurrentFingerprint(const QFileInfo& file);
+
     // Falls back to the fingerprint's path, so a first report lands beside it.
     static QFileInfo lastReport();
     static void setLastReport(const QFileInfo& file);

@@ -1,5 +1,7 @@
 #include "resources.h"
 
+#include "qutils/stylesheetsparser.h"
+
 #include <QtGlobal>
 
 #include <mutex>
@@ -28,6 +30,24 @@ QString styleSheetResourcePath()
 QString styleConstantsResourcePath()
 {
     return QStringLiteral(":/Quorvex/constants.txt");
+}
+
+QString styleConstant(const QString& name)
+{
+    static const qutils::CStyleSheetsParser::Constants constants = [] {
+        initResources();
+        try
+        {
+            qutils::CStyleSheetsParser parser;
+            parser.readConstants(styleConstantsResourcePath());
+            return parser.resolvedConstants();
+        }
+        catch (...)
+        {
+            return qutils::CStyleSheetsParser::Constants();
+        }
+    }();
+    return constants.value(name).trimmed();
 }
 
 } // namespace quorvex

@@ -14,4 +14,8 @@ void initResources();
 QString styleSheetResourcePath();
 QString styleConstantsResourcePath();
 
+// The resolved value of one of the style's constants ("" when it is not
+// defined), for what is painted by hand in the style's own colours.
+QString styleConstant(const QString& name);
+
 } // namespace quorvex

@@ -1,0 +1,406 @@
+// The Learn workflow: the reference-photo page, the learn screen and its worker
+// with the real engine on simulated photos, the quality chart and the
+// fingerprint properties page.
+#include "choosepathlearn.h"
+#include "fingerprintinfo.h"
+#include "gallerywidget.h"
+#include "imagemodel.h"
+#include "learninfo.h"
+#include "learnscr.h"
+#include "intropagedlg.h"
+#include "mainwindow.h"
+#include "settings.h"
+#include "statisticsdlg.h"
+
+#include "camsim/camera.h"
+#include "qcontrols/dialogscript.h"
+#include "qcontrols/stylesheetmanager.h"
+#include "resources.h"
+#include "qutils/appsettings.h"
+#include "qutils/quorvexapi.h"
+#include "testutils.h"
+
+#include <QCoreApplication>
+#include <QDialog>
+#include <QFile>
+#include <QLabel>
+#include <QMessageBox>
+#include <QMutex>
+#include <QPushButton>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+using qcontrols::CDialogScript;
+using qcontrols::CScriptedDialogs;
+
+namespace
+{
+
+class LearnTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_config.isValid());
+        qutils::CAppSettings::setConfigFolder(m_config.path());
+        CSettings::setLastTeachingPath(QDir(m_photos.path()));
+        CSettings::setCurrentFingerprint(QFileInfo());
+    }
+    void TearDown() override { qutils::CAppSettings::setConfigFolder(QString()); }
+
+    // Empty files are enough for the page: it only counts names.
+    void touchPhotos(int count)
+    {
+        for (int i = 0; i < count; ++i)
+        {
+            QFile file(m_photos.filePath(QStringLiteral("p%1.jpg").arg(i, 3, 10, QLatin1Char('0'))));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        }
+    }
+
+    QString shoot(int scene, const QString& name)
+    {
+        camsim::CameraConfig config;
+        config.width = 1024;
+        config.height = 768;
+        config.unitSeed = 11;
+        const camsim::Camera camera(config);
+        camsim::ShotConfig shot;
+        shot.sceneSeed = static_cast<uint64_t>(scene);
+        shot.scene = scene % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
+        const QString path = m_photos.filePath(name);
+        camera.shoot(shot, path.toStdString());
+        return path;
+    }
+
+    QTemporaryDir m_config;
+    QTemporaryDir m_photos;
+    QTemporaryDir m_out;
+};
+
+QPushButton* nextButton(QWidget& page)
+{
+    return page.findChild<QPushButton*>(QStringLiteral("btnNavigateNext"));
+}
+
+} // namespace
+
+TEST_F(LearnTest, ReferencePageChecksTheCountAndAsksForTheDestination)
+{
+    touchPhotos(2);
+    CMainWindow window(1.0);
+    auto* page = new CChoosePathLearn;
+    window.pushPage(page);
+    // The remembered folder is listed at once.
+    EXPECT_EQ(page->files().size(), 2);
+    ASSERT_TRUE(nextButton(*page));
+    EXPECT_EQ(nextButton(*page)->text(), QStringLiteral("Next"));
+
+    {
+        CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        nextButton(*page)->click();
+        const auto shown = CDialogScript::shown();
+        ASSERT_EQ(shown.size(), 1) << "no save dialog after the refusal";
+        EXPECT_EQ(shown.at(0).kind, QStringLiteral("warning"));
+        EXPECT_EQ(shown.at(0).title, QStringLiteral("Not enough images"));
+        EXPECT_EQ(shown.at(0).text, QStringLiteral("A folder with at least 3 images from the camera is needed."));
+    }
+
+    // Exactly three pass; a cancelled save dialog leaves everything as it was.
+    touchPhotos(3);
+    page->listFolder(QDir(m_photos.path()), false);
+    ASSERT_EQ(page->files().size(), 3);
+    const QFileInfo before = CSettings::lastRecognizer();
+    {
+        CScriptedDialogs script({{QDialog::Rejected, {}}});
+        nextButton(*page)->click();
+        const auto shown = CDialogScript::shown();
+        ASSERT_EQ(shown.size(), 1);
+        EXPECT_EQ(shown.at(0).kind, QStringLiteral("save"));
+        EXPECT_EQ(shown.at(0).title, QStringLiteral("Select destination for fingerprint"));
+        EXPECT_TRUE(shown.at(0).text.endsWith(QStringLiteral("|Fingerprint Files (*.fnp)"))) << shown.at(0).text.toStdString();
+    }
+    EXPECT_EQ(CSettings::lastRecognizer(), before);
+    EXPECT_EQ(window.currentPage(), page);
+
+    // 200 pass without a question; 201 ask, and No keeps the page and all 201.
+    touchPhotos(200);
+    page->listFolder(QDir(m_photos.path()), false);
+    ASSERT_EQ(page->files().size(), 200);
+    {
+        CScriptedDialogs script({{QDialog::Rejected, {}}});
+        nextButton(*page)->click();
+        ASSERT_EQ(CDialogScript::shown().size(), 1);
+        EXPECT_EQ(CDialogScript::shown().at(0).kind, QStringLiteral("save"));
+    }
+    touchPhotos(201);
+    page->listFolder(QDir(m_photos.path()), false);
+    ASSERT_EQ(page->files().size(), 201);
+    {
+        CScriptedDialogs script({{QMessageBox::No, {}}});
+        nextButton(*page)->click();
+        const auto shown = CDialogScript::shown();
+        ASSERT_EQ(shown.size(), 1);
+        EXPECT_EQ(shown.at(0).kind, QStringLiteral("question"));
+        EXPECT_EQ(shown.at(0).title, QStringLiteral("Too many images"));
+        EXPECT_EQ(shown.at(0).text, QStringLiteral("There are too many items for learning.\nOnly first 200 images will "
+                                                   "be used.\n\nDo you want to continue?"));
+    }
+    EXPECT_EQ(page->files().size(), 201);
+    EXPECT_EQ(window.currentPage(), page);
+
+    // Listing another folder remembers it at once.
+    QTemporaryDir other;
+    page->listFolder(QDir(other.path()), true);
+    EXPECT_EQ(CSettings::lastTeachingPath().absolutePath(), QDir(other.path()).absolutePath());
+
+    // The title's sizes follow the interface scale.
+    const QString scaled = CChoosePathLearn::titleText(1.5);
+    EXPECT_TRUE(scaled.contains(QStringLiteral("font-size: 30px; padding-top: 0px")));
+    EXPECT_TRUE(scaled.contains(QStringLiteral("font-size: 25px; line-height: 31px")));
+    EXPECT_TRUE(scaled.contains(QStringLiteral("<br>A minimum of 3 photos is required.</div></body></html>")));
+}
+
+TEST_F(LearnTest, ChartTicksAndImmediateRepaint)
+{
+    EXPECT_EQ(CStatisticsDlg::tickPhotos(9), (QVector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
+    EXPECT_EQ(CStatisticsDlg::tickPhotos(25), (QVector<int>{2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24}));
+    EXPECT_EQ(CStatisticsDlg::tickPhotos(200),
+              (QVector<int>{20, 40, 60, 80, 100, 120, 140, 160, 180, 200}));
+    EXPECT_EQ(CStatisticsDlg::tickPhotos(3), (QVector<int>{1, 2, 3}));
+
+    // Below 1/1.2 the axis stretches to 1.2 × the largest value ...
+    EXPECT_DOUBLE_EQ(CStatisticsDlg::axisTop(0.5f), 0.5 * 1.2);
+    EXPECT_EQ(CStatisticsDlg::tickValues(0.5f).size(), 7); // 0.0 … 0.6
+    EXPECT_NEAR(CStatisticsDlg::pixelsPerUnit(0.5f, 300.0), 300.0 / 0.6, 1e-3);
+    // ... above it the scale is 0 … 1 with ticks up to 1.1.
+    EXPECT_NEAR(CStatisticsDlg::axisTop(0.9f), 1.08, 1e-6);
+    EXPECT_EQ(CStatisticsDlg::tickValues(0.9f).size(), 11); // 0.0 … 1.0
+    EXPECT_DOUBLE_EQ(CStatisticsDlg::axisTop(2.0f), 1.1);
+    EXPECT_EQ(CStatisticsDlg::tickValues(2.0f).size(), 12); // 0.0 … 1.1
+    EXPECT_DOUBLE_EQ(CStatisticsDlg::pixelsPerUnit(0.9f, 300.0), 300.0);
+
+    CStatisticsDlg chart(25);
+    EXPECT_EQ(chart.minimumSize(), QSize(500, 400));
+    EXPECT_EQ(chart.maximumSize(), QSize(500, 400));
+    EXPECT_DOUBLE_EQ(chart.plotRect().left(), 50.0 + chart.fontMetrics().height());
+    chart.show();
+    QCoreApplication::processEvents();
+    const int painted = chart.paintCount();
+    chart.addValue(0.4f);
+    EXPECT_EQ(chart.paintCount(), painted + 1) << "drawn before addValue returns";
+    chart.addValue(0.2f);
+    EXPECT_EQ(chart.points(), (QPolygonF(QVector<QPointF>{QPointF(1, 0.4f), QPointF(2, 0.2f)})));
+    EXPECT_FLOAT_EQ(chart.maxValue(), 0.4f);
+}
+
+TEST_F(LearnTest, ThreePhotosLearnInOrderAndTheResultPageShowsTheFingerprint)
+{
+    QFileInfoList photos;
+    for (int i = 0; i < 3; ++i)
+        photos << QFileInfo(shoot(10 + i, QStringLiteral("ref%1.jpg").arg(i)));
+    const QFileInfo destination(m_out.filePath(QStringLiteral("camera.fnp")));
+
+    CMainWindow window(1.0);
+    window.resize(1200, 800);
+    window.show();
+    // The order in which the worker's signals were sent, recorded as they leave it.
+    QMutex mutex;
+    QStringList sequence;
+    auto* screen = new CLearnScr(photos, destination);
+    auto record = [&](const QString& event) {
+        QMutexLocker lock(&mutex);
+        sequence << event;
+    };
+    QObject::connect(screen->worker(), &CLearnWorker::imageProcessingStarted,
+                     [&](int index) { record(QStringLiteral("started(%1)").arg(index)); });
+    QObject::connect(screen->worker(), &CLearnWorker::imageProcessed,
+                     [&](int index, float) { record(QStringLiteral("finished(%1)").arg(index)); });
+    QObject::connect(screen->worker(), &CLearnWorker::finished, [&](int index, bool success, const QString&) {
+        record(QStringLiteral("done(%1,%2)").arg(index).arg(success));
+    });
+    window.pushPage(screen);
+    EXPECT_TRUE(screen->isWorking() || screen->worker()->isDone());
+    EXPECT_FALSE(screen->findChild<QPushButton*>(QStringLiteral("btnNavigateHomeRight"))->isVisible());
+
+    ASSERT_TRUE(testutils::waitFor([&] { return qobject_cast<CLearnInfo*>(window.currentPage()) != nullptr; }, 120000));
+    {
+        QMutexLocker lock(&mutex);
+        // The signals may have been connected just after the first announcement.
+        if (!sequence.isEmpty() && sequence.first() != QStringLiteral("started(0)"))
+            sequence.prepend(QStringLiteral("started(0)"));
+        EXPECT_EQ(sequence, (QStringList{QStringLiteral("started(0)"), QStringLiteral("finished(0)"),
+                                         QStringLiteral("started(1)"), QStringLiteral("finished(1)"),
+                                         QStringLiteral("started(2)"), QStringLiteral("finished(2)"),
+                                         QStringLiteral("done(3,1)")}));
+    }
+    EXPECT_FALSE(screen->isWorking());
+    EXPECT_EQ(screen->statistics()->points().size(), 3) << "the closing call adds nothing";
+    for (int row = 0; row < 3; ++row)
+    {
+        EXPECT_EQ(screen->gallery()->imageModel()->index(row).data(CImageModel::ItemStateRole).value<CImageModel::State>(),
+                  CImageModel::SuccessVeryHigh);
+        const auto result = screen->gallery()->imageModel()->index(row).data(CImageModel::ResultRole)
+                                .value<qutils::CQuorvexAPI::SAnalysisResult>();
+        EXPECT_DOUBLE_EQ(result.probability, 100.0);
+    }
+    EXPECT_EQ(CSettings::currentFingerprint().absoluteFilePath(), destination.absoluteFilePath());
+
+    auto* info = qobject_cast<CLearnInfo*>(window.currentPage());
+    EXPECT_EQ(info->statistics(), screen->statistics()) << "the chart moves to the result page";
+    EXPECT_EQ(info->fingerprintInfo()->valueText(CFingerprint::TrainingImagesCount), QStringLiteral("3"));
+    EXPECT_EQ(info->fingerprintInfo()->valueText(CFingerprint::Path), QDir::toNativeSeparators(destination.absoluteFilePath()));
+    EXPECT_EQ(info->fingerprintInfo()->valueText(CFingerprint::Width), QStringLiteral("1024"));
+
+    // Home from the result page goes back to the intro page.
+    info->findChild<QPushButton*>(QStringLiteral("btnNavigateHomeRight"))->click();
+    EXPECT_EQ(window.currentPage(), static_cast<QWidget*>(window.introPage()));
+}
+
+TEST_F(LearnTest, ABadSecondPhotoFailsThatPhotoOnly)
+{
+    QFileInfoList photos;
+    photos << QFileInfo(shoot(20, QStringLiteral("a.jpg")));
+    const QString broken = m_photos.filePath(QStringLiteral("b.jpg"));
+    {
+        QFile file(broken);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("this is not a photo");
+    }
+    photos << QFileInfo(broken) << QFileInfo(shoot(21, QStringLiteral("c.jpg")));
+
+    CScriptedDialogs script({{QMessageBox::Ok, {}}});
+    CMainWindow window(1.0);
+    auto* screen = new CLearnScr(photos, QFileInfo(m_out.filePath(QStringLiteral("x.fnp"))));
+    window.pushPage(screen);
+    ASSERT_TRUE(testutils::waitFor([&] { return CDialogScript::shown().size() == 1; }, 120000));
+    const auto shown = CDialogScript::shown().first();
+    EXPECT_EQ(shown.kind, QStringLiteral("warning"));
+    EXPECT_EQ(shown.title, QStringLiteral("Error"));
+    EXPECT_FALSE(shown.text.isEmpty());
+
+    CImageModel* model = screen->gallery()->imageModel();
+    auto state = [&](int row) { return model->index(row).data(CImageModel::ItemStateRole).value<CImageModel::State>(); };
+    EXPECT_EQ(state(0), CImageModel::SuccessVeryHigh);
+    EXPECT_EQ(state(1), CImageModel::Fail);
+    EXPECT_EQ(state(2), CImageModel::Idle);
+    EXPECT_EQ(model->index(1).data(CImageModel::DescriptionRole).toString(), QStringLiteral("<br />") + shown.text);
+    EXPECT_FALSE(screen->isWorking());
+    EXPECT_FALSE(screen->findChild<QPushButton*>(QStringLiteral("btnNavigateHomeRight"))->isHidden());
+    EXPECT_TRUE(screen->statistics()->isHidden());
+    EXPECT_EQ(window.currentPage(), screen) << "the screen stays to show which photo failed";
+}
+
+TEST_F(LearnTest, ClosingWhileLearningShowsNoResultAndNoError)
+{
+    QFileInfoList photos;
+    for (int i = 0; i < 3; ++i)
+        photos << QFileInfo(shoot(30 + i, QStringLiteral("r%1.jpg").arg(i)));
+    CScriptedDialogs script({{QMessageBox::Ok, {}}});
+    CMainWindow window(1.0);
+    window.show();
+    auto* screen = new CLearnScr(photos, QFileInfo(m_out.filePath(QStringLiteral("y.fnp"))));
+    window.pushPage(screen);
+    ASSERT_TRUE(screen->isWorking()) << "three photos take longer than this";
+    window.close();
+    EXPECT_TRUE(window.isClosing());
+    EXPECT_FALSE(screen->isWorking()) << "the close waited for the engine";
+    QCoreApplication::processEvents();
+    EXPECT_EQ(window.currentPage(), screen) << "no result page";
+    ASSERT_EQ(CDialogScript::shown().size(), 1);
+    EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Please confirm"));
+}
+
+TEST_F(LearnTest, PropertiesPageFirstFillReloadAndDescription)
+{
+    QFileInfoList photos;
+    for (int i = 0; i < 3; ++i)
+        photos << QFileInfo(shoot(40 + i, QStringLiteral("f%1.jpg").arg(i)));
+    const QString first = m_out.filePath(QStringLiteral("first.fnp"));
+    ASSERT_EQ(CFingerprint::createFingerprint(photos, QFileInfo(first), nullptr), qutils::CQuorvexAPI::Success);
+    // A second file without a lens model and with a different NMSE text.
+    qutils::CQuorvexAPI::EStatus status = qutils::CQuorvexAPI::Invalid;
+    auto record = CFingerprint::load(QFileInfo(first), &status);
+    ASSERT_TRUE(record);
+    record->setProperty(CFingerprint::LensInfo, QString());
+    record->setProperty(CFingerprint::Manufacturer, QString());
+    const double nmse = record->property(CFingerprint::NMSE).toDouble();
+    const QString second = m_out.filePath(QStringLiteral("second.fnp"));
+    ASSERT_TRUE(record->save(QFileInfo(second), record->fingerprint()));
+
+    CFingerprintInfo info;
+    ASSERT_TRUE(info.setFingerprintFile(second));
+    EXPECT_EQ(info.findChildren<QLabel*>(QStringLiteral("fingerprintData")).size(), 10);
+    EXPECT_EQ(info.findChild<QLabel*>(QStringLiteral("lbTitle"))->text(), QStringLiteral("Fingerprint properties"));
+    EXPECT_EQ(info.valueText(CFingerprint::LensInfo), QStringLiteral("unknown"));
+    EXPECT_EQ(info.valueText(CFingerprint::Manufacturer), QStringLiteral("unknown"));
+    EXPECT_EQ(info.valueText(CFingerprint::NMSE), QString::number(nmse, 'f', 3));
+    EXPECT_EQ(info.valueText(CFingerprint::Description), QString()) << "never \"unknown\"";
+    EXPECT_EQ(CSettings::lastRecognizer().absoluteFilePath(), QFileInfo(second).absoluteFilePath());
+    const QList<QLabel*> names = info.findChildren<QLabel*>(QStringLiteral("fingerprintDescription"));
+    ASSERT_EQ(names.size(), 10);
+    EXPECT_EQ(names.first()->text(), CFingerprint::displayText(CFingerprint::NMSE) + QStringLiteral(":  "));
+
+    // Filled again: plain texts, so the missing lens is now empty.
+    ASSERT_TRUE(info.setFingerprintFile(second));
+    EXPECT_EQ(info.valueText(CFingerprint::LensInfo), QString());
+    EXPECT_EQ(info.valueText(CFingerprint::NMSE), QVariant(nmse).toString());
+
+    // A file that cannot be loaded says so and keeps what was shown.
+    {
+        CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        EXPECT_FALSE(info.setFingerprintFile(m_out.filePath(QStringLiteral("missing.fnp"))));
+        ASSERT_EQ(CDialogScript::shown().size(), 1);
+        EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Fingerprint cannot be loaded!"));
+    }
+    EXPECT_EQ(info.valueText(CFingerprint::Path), QDir::toNativeSeparators(second));
+
+    // The description editor writes the new text into the file.
+    {
+        CScriptedDialogs script({{QDialog::Accepted, QStringLiteral("Case 17, camera B")}});
+        info.findChild<QPushButton*>(QStringLiteral("editFingerprint"))->click();
+        ASSERT_EQ(CDialogScript::shown().size(), 1);
+        EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Fingerprint description"));
+    }
+    EXPECT_EQ(info.valueText(CFingerprint::Description), QStringLiteral("Case 17, camera B"));
+    auto reread = CFingerprint::load(QFileInfo(second), &status);
+    ASSERT_TRUE(reread);
+    EXPECT_EQ(reread->property(CFingerprint::Description).toString(), QStringLiteral("Case 17, camera B"));
+    // A cancelled edit changes nothing.
+    {
+        CScriptedDialogs script({{QDialog::Rejected, {}}});
+        info.findChild<QPushButton*>(QStringLiteral("editFingerprint"))->click();
+    }
+    EXPECT_EQ(info.valueText(CFingerprint::Description), QStringLiteral("Case 17, camera B"));
+}
+
+// A real run on simulated photos, pictured mid-run and on the result page;
+// QUORVEX_SCREENSHOT_DIR keeps the pictures.
+TEST_F(LearnTest, ScreensOfARealRun)
+{
+    const QString folder = qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR")
+                               ? qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")
+                               : m_out.path();
+    QFileInfoList photos;
+    for (int i = 0; i < 16; ++i)
+        photos << QFileInfo(shoot(60 + i, QStringLiteral("IMG_%1.jpg").arg(2001 + i)));
+
+    CMainWindow window(1.0);
+    window.setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                             quorvex::styleConstantsResourcePath(), 1.0));
+    window.resize(1280, 760);
+    window.show();
+    auto* screen = new CLearnScr(photos, QFileInfo(m_out.filePath(QStringLiteral("camera.fnp"))));
+    window.pushPage(screen);
+    // Mid-run: some photos learned, one in progress, the rest waiting.
+    ASSERT_TRUE(testutils::waitFor([&] { return screen->statistics()->points().size() >= 6; }, 120000));
+    const QImage running = window.grab().toImage();
+    EXPECT_TRUE(running.save(QDir(folder).filePath(QStringLiteral("learn-running.png"))));
+    ASSERT_TRUE(testutils::waitFor([&] { return qobject_cast<CLearnInfo*>(window.currentPage()) != nullptr; }, 120000));
+    QCoreApplication::processEvents();
+    const QImage result = window.grab().toImage();
+    EXPECT_TRUE(result.save(QDir(folder).filePath(QStringLiteral("learn-result.png"))));
+    EXPECT_NE(running, result);
+    EXPECT_EQ(screen->statistics()->points().size(), 16);
+}
