@@ -272,10 +272,16 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
     const lumicrest_error_code code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &fp,
                                                              &diagnostics, L"", true, &warnings, &forwardProgress);
     t_progress = nullptr;
+    const EStatus status = CQuorvexAPI::fromEngineCode(code);
+    // The engine's own account names the photo and the measured values; the
+    // user sees the status text, the log keeps the detail.
+    if (status != CQuorvexAPI::Success && diagnostics)
+        QX_WARNING << "Fingerprint creation failed: " << QString::fromWCharArray(diagnostics);
+    if (warnings && *warnings)
+        QX_INFO << "Fingerprint creation warnings: " << QString::fromWCharArray(warnings);
     freeText(diagnostics);
     freeText(warnings);
 
-    const EStatus status = CQuorvexAPI::fromEngineCode(code);
     if (status != CQuorvexAPI::Success)
     {
         release_fingerprint(&fp);

@@ -1,5 +1,6 @@
 #include "mainwindow.h"
 
+#include "choosepathanalyze.h"
 #include "choosepathlearn.h"
 #include "helpdlg.h"
 #include "intropagedlg.h"
@@ -44,6 +45,7 @@ CMainWindow::CMainWindow(double scale, QWidget* parent) : QMainWindow(parent), m
     m_pages->addWidget(m_intro);
     connect(m_intro, &CIntroPageDlg::helpRequested, this, &CMainWindow::onShowHelp);
     connect(m_intro, &CIntroPageDlg::learnRequested, this, &CMainWindow::onShowLearn);
+    connect(m_intro, &CIntroPageDlg::analyzeRequested, this, &CMainWindow::onShowAnalyze);
     connect(m_fullScreenButton, &QPushButton::clicked, this, &CMainWindow::onBtnFullScreen);
     updateFullScreenIcon();
 }
@@ -99,6 +101,13 @@ QWidget* CMainWindow::currentPage() const
 void CMainWindow::onShowLearn()
 {
     auto* page = new CChoosePathLearn(m_pages);
+    connect(page, &CChooseImagePathDlg::homeRequested, this, &CMainWindow::showIntroPage);
+    pushPage(page);
+}
+
+void CMainWindow::onShowAnalyze()
+{
+    auto* page = new CChoosePathAnalyze(m_pages);
     connect(page, &CChooseImagePathDlg::homeRequested, this, &CMainWindow::showIntroPage);
     pushPage(page);
 }

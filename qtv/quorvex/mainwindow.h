@@ -36,6 +36,7 @@ public slots:
     void onBtnFullScreen();
     void onShowHelp();
     void onShowLearn();
+    void onShowAnalyze();
 
 protected:
     void closeEvent(QCloseEvent* event) override;

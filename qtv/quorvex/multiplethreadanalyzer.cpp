@@ -33,9 +33,7 @@ CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files,
     : QObject(parent), m_files(files), m_fingerprint(std::move(fingerprint)),
       m_skipDifferentCamera(skipDifferentCamera)
 {
-    int n = threadCount > 0 ? threadCount : QThread::idealThreadCount();
-    if (n < 1)
-        n = 1;
+    const int n = threadCount > 0 ? threadCount : poolSize(QThread::idealThreadCount());
     for (int i = 0; i < n; ++i)
     {
         auto* thread = new CAnalyzerThread(this);
@@ -50,6 +48,11 @@ CMultipleThreadAnalyzer::~CMultipleThreadAnalyzer()
     m_cancelled = true;
     for (CAnalyzerThread* thread : qAsConst(m_threads))
         thread->wait();
+}
+
+int CMultipleThreadAnalyzer::poolSize(int idealThreadCount)
+{
+    return idealThreadCount < 1 ? 1 : idealThreadCount;
 }
 
 void CMultipleThreadAnalyzer::start()

@@ -44,6 +44,8 @@ public:
     QMap<QString, SAnalysisResult> results() const;
     bool isCancelled() const { return m_cancelled.load(); }
     int threadCount() const { return m_threads.size(); }
+    // The pool for what QThread::idealThreadCount() reports: -1 (unknown) gives one thread.
+    static int poolSize(int idealThreadCount);
 
 public slots:
     void start();

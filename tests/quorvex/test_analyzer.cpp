@@ -128,6 +128,12 @@ TEST(Analyzer, EmptyListAndCancelBeforeStartStillFinish)
     // Nothing more arrives later.
     QCoreApplication::processEvents();
     EXPECT_EQ(sig.finished, 1);
+
+    // An unknown number of cores gives one worker; the default pool follows the machine.
+    EXPECT_EQ(CMultipleThreadAnalyzer::poolSize(-1), 1);
+    EXPECT_EQ(CMultipleThreadAnalyzer::poolSize(6), 6);
+    CMultipleThreadAnalyzer machine(photos(1), fp, false);
+    EXPECT_EQ(machine.threadCount(), CMultipleThreadAnalyzer::poolSize(QThread::idealThreadCount()));
 }
 
 TEST(Analyzer, CancelLetsRunningPhotosFinishAndStartsNoOther)

@@ -1,0 +1,101 @@
+#pragma once
+
+#include "fingerprint.h"
+#include "workingpage.h"
+
+#include <QElapsedTimer>
+#include <QFileInfoList>
+#include <QWidget>
+
+#include <memory>
+
+class CGalleryWidget;
+class CMultipleThreadAnalyzer;
+class QComboBox;
+class QLabel;
+namespace qcontrols
+{
+class CNavigationButton;
+}
+
+// One analysis: the questioned photos in the gallery, the analyzer's pool
+// matching them, each finished photo sorted into its probability class, a
+// counter per class, progress with the time remaining, a filter by class and
+// the report at the end (on request, or at once when a report path is given).
+class CAnalyzeDlg : public QWidget, public CWorkingPage
+{
+    Q_OBJECT
+
+public:
+    // Filter entries of the combo, in order; the index is the report's filter type.
+    enum EFilter
+    {
+        FilterAll = 0,
+        FilterVeryHigh,
+        FilterHigh,
+        FilterMedium,
+        FilterLow,
+        FilterNotFound,
+        FilterNotProcessed,
+    };
+
+    // fingerprint: the record to match against; null loads the one named by
+    // "lastRecognizer".
+    CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, bool skipDifferentCamera,
+                QWidget* parent = nullptr, std::shared_ptr<CFingerprint> fingerprint = nullptr);
+    ~CAnalyzeDlg() override;
+
+    bool isWorking() const override { return !m_finished; }
+    void cancelWork() override;
+
+    bool isFinished() const { return m_finished; }
+    CGalleryWidget* gallery() const { return m_gallery; }
+    CMultipleThreadAnalyzer* analyzer() const { return m_analyzer; }
+    QComboBox* filterCombo() const { return m_filter; }
+    // Very high, high, medium, low, not found.
+    QVector<int> counters() const;
+    // The summary shown when the analysis ends.
+    QString summary() const { return m_summary; }
+
+    // The start of the analyzer after construction, in milliseconds (tests shorten it).
+    static void setStartDelay(int milliseconds);
+
+    // The progress line's remaining time for this much elapsed after this many of total.
+    static qint64 remainingMilliseconds(qint64 elapsedMs, int processed, int total);
+
+public slots:
+    void onSaveReport();
+    void filter(int index);
+    void onSingleAnalyzeStarted(int index);
+    void onSingleAnalyzeFinished(int index);
+    void finish();
+    void updateFilter();
+
+private:
+    void onCancelClicked();
+    bool selectionIsEmpty(int index) const;
+    void generateReport(const QString& path, const QFileInfoList& photos);
+
+    QFileInfoList m_files;
+    qcontrols::CNavigationButton* m_saveReport = nullptr;
+    qcontrols::CNavigationButton* m_cancel = nullptr;
+    qcontrols::CNavigationButton* m_home = nullptr;
+    QString m_folderPath;
+    CGalleryWidget* m_gallery = nullptr;
+    QLabel* m_progressLabel = nullptr;
+    QLabel* m_titleLabel = nullptr;
+    QLabel* m_pathLabel = nullptr;
+    QComboBox* m_filter = nullptr;
+    int m_veryHigh = 0;
+    int m_high = 0;
+    int m_medium = 0;
+    int m_low = 0;
+    int m_notFound = 0;
+    CMultipleThreadAnalyzer* m_analyzer = nullptr;
+    std::shared_ptr<CFingerprint> m_fingerprint;
+    QElapsedTimer m_timer;
+    QString m_reportPath;
+    bool m_skipDifferentCamera = false;
+    bool m_finished = false;
+    QString m_summary;
+};
