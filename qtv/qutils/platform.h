@@ -29,5 +29,13 @@ bool isTerminal(int stream);
 void catchInterrupts();
 int interruptCount();
 
+// Processor time (user + system, in seconds) a running process has used so
+// far; a negative value when it cannot be read.
+double processCpuSeconds(qint64 pid);
+
+// The folder of the loaded library or program that holds this address, with
+// a trailing separator; empty when it cannot be told.
+QString moduleDirectory(const void* address);
+
 } // namespace platform
 } // namespace qutils

@@ -2,9 +2,13 @@
 
 #include <QSysInfo>
 
+#include <QFile>
+#include <QFileInfo>
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -164,6 +168,34 @@ void catchInterrupts()
 int interruptCount()
 {
     return static_cast<int>(g_interrupts);
+}
+
+double processCpuSeconds(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return -1.0;
+    const QByteArray line = stat.readAll();
+    // The command name is in parentheses and may hold spaces: count fields after it.
+    const int close = line.lastIndexOf(')');
+    if (close < 0)
+        return -1.0;
+    const QList<QByteArray> fields = line.mid(close + 2).split(' ');
+    // After the name: state is field 3 of the whole line, utime 14 and stime 15.
+    if (fields.size() < 13)
+        return -1.0;
+    const long ticks = sysconf(_SC_CLK_TCK);
+    if (ticks <= 0)
+        return -1.0;
+    return (fields.at(11).toDouble() + fields.at(12).toDouble()) / static_cast<double>(ticks);
+}
+
+QString moduleDirectory(const void* address)
+{
+    Dl_info info{};
+    if (dladdr(address, &info) == 0 || !info.dli_fname || !*info.dli_fname)
+        return QString();
+    return QFileInfo(QFile::decodeName(info.dli_fname)).absolutePath() + QLatin1Char('/');
 }
 
 } // namespace platform
