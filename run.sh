@@ -12,9 +12,9 @@ build_dir="${QUORVEX_BUILD_DIR:-$here/build}"
 # Every Debian package the project needs, listed once.
 packages=(
     cmake ninja-build g++ pkg-config
-    qtbase5-dev qtbase5-dev-tools libqt5svg5-dev
+    qtbase5-dev qtbase5-dev-tools libqt5svg5-dev qt5-image-formats-plugins
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
-    libgtest-dev libgmock-dev
+    libgtest-dev libgmock-dev poppler-utils
 )
 
 missing_packages() {
@@ -54,8 +54,8 @@ case "${1:-run}" in
         build
         # A sample case from simulated cameras: learn one, analyse a mixed folder,
         # show every photo's class next to the truth.
-        "$build_dir/tools/cli/quorvex-cli" demo
-        echo "The command-line tool is $build_dir/tools/cli/quorvex-cli ('--help' explains it)."
+        "$build_dir/bin/quorvex-cli" demo
+        echo "The command-line tool is $build_dir/bin/quorvex-cli ('--help' explains it)."
         ;;
     build)
         build

@@ -2,6 +2,7 @@
 
 #include "gallerywidget.h"
 #include "galleryfiltermodel.h"
+#include "generatortask.h"
 #include "imagemodel.h"
 #include "mainwindow.h"
 #include "multiplethreadanalyzer.h"
@@ -11,7 +12,10 @@
 #include "qcontrols/filechooser.h"
 #include "qcontrols/messageboxfactory.h"
 #include "qcontrols/navigationbutton.h"
+#include "qdialogs/progressdlg.h"
 #include "qutils/debugutils.h"
+#include "qutils/exception.h"
+#include "qutils/taskrunner.h"
 
 #include <QComboBox>
 #include <QDir>
@@ -19,6 +23,7 @@
 #include <QLabel>
 #include <QResizeEvent>
 #include <QTimer>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include <atomic>
@@ -360,10 +365,10 @@ void CAnalyzeDlg::onSaveReport()
     const CGalleryFilterModel* shown = m_gallery->filterModel();
     for (int row = 0; row < shown->rowCount(); ++row)
     {
-        const QModelIndex index = shown->index(row, 0);
-        if (CGalleryFilterModel::stateValue(index.data(CImageModel::ItemStateRole)) == CImageModel::Waiting)
+        const QModelIndex shownRow = shown->index(row, 0);
+        if (CGalleryFilterModel::stateValue(shownRow.data(CImageModel::ItemStateRole)) == CImageModel::Waiting)
             continue;
-        const int source = shown->mapToSource(index).row();
+        const int source = shown->mapToSource(shownRow).row();
         if (source >= 0 && source < m_files.size())
             photos.append(m_files.at(source));
     }
@@ -372,11 +377,56 @@ void CAnalyzeDlg::onSaveReport()
 
 void CAnalyzeDlg::generateReport(const QString& path, const QFileInfoList& photos)
 {
-    Q_UNUSED(photos)
-    // The report generator is not part of this build yet; say so rather than
-    // pretend a file was written.
-    qcontrols::CMessageBoxFactory::error(
-        this, tr("Error"),
-        tr("The report cannot be created: PDF reports are not available in this version.\n%1 was not written.")
-            .arg(QDir::toNativeSeparators(path)));
+    SReportInput input;
+    input.photos = photos;
+    input.filterType = m_filter->currentIndex();
+    input.fingerprintPath = CSettings::lastRecognizer().absoluteFilePath();
+    if (m_fingerprint)
+        input.fingerprintProperties = m_fingerprint->properties();
+    input.photosFolder = CSettings::lastAnalyzePath().absolutePath();
+    input.reportPath = path;
+    input.results = m_analyzer->results();
+
+    auto task = qutils::makeTask<CGeneratorTask>(input);
+    const auto dialog = qdialogs::CProgressWidget::createDialog(this, tr("Creating PDF report..."), tr("Processing"), task);
+    dialog->exec();
+    dialog->hide();
+
+    QString error;
+    std::exception_ptr thrown;
+    const qdialogs::CProgressWidget* progress = qdialogs::CProgressWidget::fromDialog(dialog.get());
+    if (!progress || !progress->runner() || !progress->runner()->isFinished(thrown))
+        error = tr("The report cannot be created!");
+    else if (thrown)
+    {
+        try
+        {
+            std::rethrow_exception(thrown);
+        }
+        catch (const qutils::CException& e)
+        {
+            error = e.message();
+        }
+        catch (const std::exception& e)
+        {
+            error = QString::fromLocal8Bit(e.what());
+        }
+    }
+    if (!error.isEmpty())
+    {
+        QX_WARNING << "Report " << path << " not created: " << error;
+        qcontrols::CMessageBoxFactory::error(this, tr("Error"), error);
+        return;
+    }
+    const double scale = CMainWindow::currentScale();
+    const QString folder = QFileInfo(path).absolutePath();
+    const QString text =
+        QStringLiteral("<html></head><body style=\"line-height: %1px\">").arg(qRound(40 * scale)) +
+        tr("Report file was successfully created.<br />") +
+        tr("Click to %1view folder%2 with the report.")
+            .arg(QStringLiteral("<a href=\"%1\" style=\"color: #ddd;\">")
+                     .arg(QUrl::fromLocalFile(folder).toString(QUrl::FullyEncoded).toHtmlEscaped()),
+                 QStringLiteral("</a>")) +
+        QStringLiteral("</body></html>");
+    qcontrols::CMessageBoxFactory::information(this, tr("Finished"), text);
 }

@@ -85,9 +85,6 @@ int runAnalyze(const SCommandLine& commandLine)
     }
     if (csvFile)
         csvFile->writeLine(csvHeader());
-    if (!commandLine.reportFile.isEmpty())
-        CConsole::note(QStringLiteral("PDF reports come with a later version; no report is written to %1")
-                           .arg(commandLine.reportFile));
 
     qutils::platform::catchInterrupts();
     CAnalyzeJob job(inputs.photos, fingerprint, commandLine.skipDifferentCamera, commandLine.threads);
@@ -150,6 +147,15 @@ int runAnalyze(const SCommandLine& commandLine)
             CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), error));
             exitCode = ExitFailure;
         }
+    }
+    if (!commandLine.reportFile.isEmpty() && exitCode == ExitDone)
+    {
+        // The folder of the first path given, or of the first photo.
+        QString folder = commandLine.paths.isEmpty() ? QString() : commandLine.paths.first();
+        if (!QFileInfo(folder).isDir() && !inputs.photos.isEmpty())
+            folder = inputs.photos.first().absolutePath();
+        exitCode = writeReport(outcomes, commandLine.fingerprintFile, fingerprint->properties(), folder,
+                               commandLine.reportFile);
     }
     if (job.interrupted())
     {

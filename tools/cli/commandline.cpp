@@ -290,7 +290,7 @@ QString helpText()
         "                             path (absolute), matched, probability, correlation, pce,\n"
         "                             status (lower-case key), class\n"
         "  --csv FILE                 write the same columns as CSV with a header line\n"
-        "  --report FILE.pdf          accepted; PDF reports come with a later version\n"
+        "  --report FILE.pdf          also write a PDF report of every photo\n"
         "Classes: very high (probability >= 0.999), high (>= 0.995), medium (>= 0.99), low\n"
         "(any other match), not found (no match, or the photo failed: see its status),\n"
         "not processed (interrupted before the photo was analyzed).\n"

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "commandline.h"
+#include "fingerprint.h"
+#include "resultformat.h"
 
 #include <QFileInfoList>
 
@@ -16,6 +18,11 @@ int runDemo(const SCommandLine& commandLine);
 // Learns from the photos into target and prints the fingerprint's properties;
 // shared by 'learn' and 'demo'.
 int learnFingerprint(const QFileInfoList& photos, const QString& target);
+
+// Writes the PDF report of an analysis (every photo, in the order given);
+// shared by 'analyze --report' and 'demo'.
+int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprintPath,
+                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath);
 
 // The whole tool: parses the arguments and runs the command.
 int runCli(const QStringList& arguments);

@@ -348,8 +348,13 @@ int runDemo(const SCommandLine& commandLine)
                 .arg(questioned.size()));
     else
         CConsole::out(QStringLiteral("%1 of %2 photos classified WRONG.").arg(wrong).arg(questioned.size()));
+    const QString reportFile = dir.filePath(QStringLiteral("report.pdf"));
+    CConsole::out(QString());
+    const int reported = writeReport(outcomes, fingerprintFile, fingerprint->properties(), questionedFolder, reportFile);
     CConsole::out(QStringLiteral("Files: reference photos in %1, questioned photos in %2, fingerprint %3")
                       .arg(referenceFolder, questionedFolder, fingerprintFile));
+    if (reported != ExitDone)
+        return reported;
     CConsole::note(QStringLiteral("demo finished in %1 s").arg(total.elapsed() / 1000.0, 0, 'f', 1));
     return wrong == 0 ? ExitDone : ExitFailure;
 }

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "fingerprint.h"
+
+#include "qutils/quorvexapi.h"
+#include "qutils/tasks.h"
+
+#include <QFileInfoList>
+#include <QMap>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+namespace qutils
+{
+class CTempFolder;
+}
+
+// What one report is made of.
+struct SReportInput
+{
+    QFileInfoList photos;       // in report order
+    int filterType = 0;         // 0 all … 6 not processed, as the analysis page's filter
+    QString fingerprintPath;
+    CFingerprint::Properties fingerprintProperties;
+    QString photosFolder;       // the analysed folder
+    QString reportPath;         // the PDF to write
+    QMap<QString, qutils::CQuorvexAPI::SAnalysisResult> results; // by absolute path
+};
+
+// Turns one analysis into a PDF report: a thumbnail of every photo in a
+// temporary folder, one XHTML document (fingerprint properties, summary, a
+// row per photo with its result and EXIF data), then the converter.
+class CGeneratorTask : public qutils::CTask
+{
+    Q_OBJECT
+
+public:
+    explicit CGeneratorTask(const SReportInput& input);
+    ~CGeneratorTask() override;
+
+    bool run() override;
+
+    // The pieces, public so their texts can be checked one by one.
+    static QString thumbnailName(const QFileInfo& photo);
+    static QString filterText(int filterType);
+    static QString footerText();
+    // The document for these photos with these thumbnails (one per photo).
+    static QString buildDocument(const SReportInput& input, const QStringList& thumbnails);
+    // A photo's result cell and EXIF cell contents.
+    static QString resultText(const qutils::CQuorvexAPI::SAnalysisResult& result);
+    static QString exifText(const QString& photoPath);
+    // Writes a thumbnail that fits 300 × 300; false when it cannot be written.
+    static bool writeThumbnail(const QString& photoPath, const QString& thumbnailPath);
+
+private:
+    SReportInput m_input;
+    std::unique_ptr<qutils::CTempFolder> m_folder;
+    QStringList m_thumbnails;
+};

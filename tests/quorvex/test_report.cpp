@@ -1,0 +1,230 @@
+// The report document, piece by piece, and the report task around it with a
+// stand-in converter (the real converter has its own tests).
+#include "generatortask.h"
+
+#include "camsim/camera.h"
+#include "qutils/exception.h"
+#include "qutils/htmltopdftask.h"
+#include "qutils/tasks.h"
+
+#include "logcapture.h"
+#include "testutils.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QLocale>
+#include <QTemporaryDir>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+using qutils::CQuorvexAPI;
+using Result = CQuorvexAPI::SAnalysisResult;
+
+namespace
+{
+
+class ReportTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        camsim::CameraConfig config;
+        config.width = 640;
+        config.height = 480;
+        config.unitSeed = 5;
+        const camsim::Camera camera(config);
+        camsim::ShotConfig shot;
+        shot.sceneSeed = 9;
+        shot.scene = camsim::SceneKind::Natural;
+        m_withExif = m_dir.filePath(QStringLiteral("camera/IMG 1.jpg"));
+        QDir().mkpath(QFileInfo(m_withExif).absolutePath());
+        camera.shoot(shot, m_withExif.toStdString());
+
+        QImage plain(QSize(64, 48), QImage::Format_RGB32);
+        plain.fill(Qt::darkCyan);
+        m_withoutExif = m_dir.filePath(QStringLiteral("plain.png"));
+        ASSERT_TRUE(plain.save(m_withoutExif));
+        m_neverProcessed = m_dir.filePath(QStringLiteral("other/IMG 1.jpg"));
+        QDir().mkpath(QFileInfo(m_neverProcessed).absolutePath());
+        ASSERT_TRUE(QFile::copy(m_withExif, m_neverProcessed));
+
+        m_input.photos = {QFileInfo(m_withExif), QFileInfo(m_withoutExif), QFileInfo(m_neverProcessed)};
+        m_input.filterType = 0;
+        m_input.fingerprintPath = m_dir.filePath(QStringLiteral("camera.fnp"));
+        m_created = QDateTime(QDate(2026, 11, 20), QTime(14, 30));
+        m_input.fingerprintProperties = {{CFingerprint::Width, 640},
+                                         {CFingerprint::Model, QStringLiteral("QX-1")},
+                                         {CFingerprint::CreationDate, m_created}};
+        m_input.photosFolder = m_dir.path();
+        m_input.reportPath = m_dir.filePath(QStringLiteral("report.pdf"));
+        m_input.results = {{QFileInfo(m_withExif).absoluteFilePath(), Result{true, 0.9995, 0.0123, CQuorvexAPI::Success, 900}},
+                           {QFileInfo(m_withoutExif).absoluteFilePath(), Result{false, 0.0, 0.001, CQuorvexAPI::Success, 2}}};
+    }
+    void TearDown() override { qutils::CHtmlToPdfTask::setConverterPath(QString()); }
+
+    QStringList thumbnails() const
+    {
+        QStringList list;
+        for (const QFileInfo& photo : m_input.photos)
+            list << m_dir.filePath(QStringLiteral("thumbs/") + CGeneratorTask::thumbnailName(photo));
+        return list;
+    }
+
+    QTemporaryDir m_dir;
+    QString m_withExif;
+    QString m_withoutExif;
+    QString m_neverProcessed;
+    QDateTime m_created;
+    SReportInput m_input;
+};
+
+} // namespace
+
+TEST_F(ReportTest, ThumbnailNamesComeFromTheFullPath)
+{
+    const QString a = CGeneratorTask::thumbnailName(QFileInfo(m_withExif));
+    const QString b = CGeneratorTask::thumbnailName(QFileInfo(m_neverProcessed));
+    EXPECT_NE(a, b) << "same name, different folders";
+    EXPECT_EQ(a, CGeneratorTask::thumbnailName(QFileInfo(m_withExif)));
+    EXPECT_EQ(a, QStringLiteral("%1.jpg").arg(qHash(QFileInfo(m_withExif).absoluteFilePath(), 0)));
+    EXPECT_TRUE(CGeneratorTask::thumbnailName(QFileInfo(m_withoutExif)).endsWith(QStringLiteral(".png")));
+
+    // Written to fit 300 × 300, in the photo's own format.
+    const QString thumbnail = m_dir.filePath(a);
+    ASSERT_TRUE(CGeneratorTask::writeThumbnail(m_withExif, thumbnail));
+    const QImage image(thumbnail);
+    EXPECT_EQ(image.size(), QSize(300, 225));
+    EXPECT_FALSE(CGeneratorTask::writeThumbnail(m_dir.filePath(QStringLiteral("missing.jpg")), thumbnail + QStringLiteral(".x.jpg")));
+}
+
+TEST_F(ReportTest, FilterTexts)
+{
+    const QStringList expected = {QStringLiteral("All photos"),
+                                  QStringLiteral("Fingerprint found with very high probability"),
+                                  QStringLiteral("Fingerprint found with high probability"),
+                                  QStringLiteral("Fingerprint found with medium probability"),
+                                  QStringLiteral("Fingerprint found with low probability"),
+                                  QStringLiteral("Fingerprint not found"),
+                                  QStringLiteral("Non-processed photos")};
+    for (int type = 0; type < expected.size(); ++type)
+        EXPECT_EQ(CGeneratorTask::filterText(type), expected.at(type)) << type;
+    testutils::CLogCapture log;
+    EXPECT_EQ(CGeneratorTask::filterText(7), QString());
+    EXPECT_TRUE(log.hasRecord(QStringLiteral("ERROR"), QStringLiteral("quorvex/generatortask.cpp")));
+}
+
+TEST_F(ReportTest, DocumentPieces)
+{
+    const QString html = CGeneratorTask::buildDocument(m_input, thumbnails());
+
+    EXPECT_TRUE(html.startsWith(QStringLiteral("\n\t<!DOCTYPE html PUBLIC \"-//W3C//DTD XHTML 1.0 Transitional//EN\" "
+                                               "\"http://www.w3.org/TR/xhtml1/DTD/xhtml1-transitional.dtd\">")));
+    EXPECT_TRUE(html.contains(QStringLiteral("content=\"text/html; charset=utf-8\"")));
+    EXPECT_TRUE(html.contains(QStringLiteral("tr { page-break-inside: avoid; }")));
+    EXPECT_TRUE(html.contains(QStringLiteral("<title>Quorvex Report</title></head><body><h1>Quorvex Report</h1><p>Generated by version ")));
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>Fingerprint path </h3></td><td>%1</td></tr>")
+                                  .arg(QDir::toNativeSeparators(m_input.fingerprintPath))));
+    // Properties in key order, the date in the short format.
+    const int width = html.indexOf(QStringLiteral("<h3>%1 </h3></td><td>640</td>").arg(CFingerprint::displayText(CFingerprint::Width)));
+    const int model = html.indexOf(QStringLiteral("<h3>%1 </h3></td><td>QX-1</td>").arg(CFingerprint::displayText(CFingerprint::Model)));
+    const int date = html.indexOf(QStringLiteral("<td>%1</td>").arg(QLocale::system().toString(m_created, QLocale::ShortFormat)));
+    EXPECT_GT(width, 0);
+    EXPECT_GT(model, width);
+    EXPECT_GT(date, model);
+
+    // The summary comes from the results map.
+    const auto summaryRow = [](const QString& label, const QString& value) {
+        return QStringLiteral("<tr><td width = \"200px\"><h3>%1</h3></td><td>%2</td></tr>").arg(label, value);
+    };
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Photos path"), QDir::toNativeSeparators(m_dir.path()))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Photos analyzed"), QStringLiteral("2"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints found with very high probability"), QStringLiteral("1"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints found with low probability"), QStringLiteral("0"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints not found"), QStringLiteral("1"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Report filter"), QStringLiteral("All photos"))));
+    EXPECT_TRUE(html.contains(QStringLiteral("<thead><tr><th width = \"200px\">Photo</th><th>Result</th><th>EXIF</th></tr></thead><tbody>")));
+
+    // One row per photo: the thumbnail as an encoded file URL, path, result, EXIF.
+    const QString firstThumbnail = QFileInfo(thumbnails().at(0)).absoluteFilePath();
+    const QString url = QString::fromLatin1(QUrl::toPercentEncoding(firstThumbnail, "/"));
+    EXPECT_TRUE(html.contains(QStringLiteral("<tr><td align = \"center\"><img src = \"file://%1\" style=\"max-width: 200px; max-height: 200px;\" /></td><td><h3>%2</h3><br>")
+                                  .arg(url, QDir::toNativeSeparators(m_withExif))));
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3><b>Match: very high probability</b></h3><br>Probability: 0.9995 <br>Correlation: 0.0123</td><td><p>")));
+    EXPECT_TRUE(html.contains(QStringLiteral("Manufacturer: <span class = \"h2\">Veltrano</span><br/>Model: <span class = \"h2\">QX-1</span><br/>")));
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>No match</h3></td><td><p><h3>No EXIF data in file</h3></p></td></tr>")));
+    // Never processed: the text of status 0.
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3>").arg(QDir::toNativeSeparators(m_neverProcessed)) + QStringLiteral("<br><h3>%1</h3></td>").arg(CQuorvexAPI::statusText(CQuorvexAPI::Invalid))));
+    EXPECT_TRUE(html.endsWith(QStringLiteral("</p></td></tr></tbody></table></div></body></html>")));
+    EXPECT_EQ(html.count(QStringLiteral("<tr><td align = \"center\">")), 3);
+
+    // The result texts by class.
+    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.995, 0.1, CQuorvexAPI::Success, 0}).startsWith(QStringLiteral("<h3><b>Match: high probability")));
+    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.99, 0.1, CQuorvexAPI::Success, 0}).startsWith(QStringLiteral("<h3><b>Match: medium probability")));
+    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.9899, 0.1, CQuorvexAPI::Success, 0}).startsWith(QStringLiteral("<h3><b>Match: low probability")));
+    EXPECT_EQ(CGeneratorTask::resultText(Result{false, 0.0, 0.0, CQuorvexAPI::BrokenImage, 0}),
+              QStringLiteral("<h3>%1</h3>").arg(CQuorvexAPI::statusText(CQuorvexAPI::BrokenImage)));
+
+    const QString footer = CGeneratorTask::footerText();
+    EXPECT_TRUE(footer.startsWith(QStringLiteral("Generated by Quorvex ")));
+    EXPECT_TRUE(footer.contains(QStringLiteral("\t\t\t") + QChar(0x00A9) + QStringLiteral(" VELTRANO Labs, https://")));
+}
+
+TEST_F(ReportTest, TaskWritesThumbnailsAndTheDocumentThenConverts)
+{
+    // A converter that keeps a copy of what it was given and "writes" the PDF.
+    const QString converter = m_dir.filePath(QStringLiteral("convert.sh"));
+    {
+        QFile file(converter);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("#!/bin/sh\n"
+                   "dir=$(dirname \"$0\")\n"
+                   "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$dir/args.txt\"\n"
+                   "eval input=\\${$#}\n"
+                   "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$dir/seen.html\"\n"
+                   "ls \"$(dirname \"$(printf '%s' \"$input\" | sed 's|^file://||')\")\" > \"$dir/folder.txt\"\n"
+                   "echo 50%\necho 100%\nprintf 'pdf' > \"$dir/report.pdf\"\n");
+        file.close();
+        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    qutils::CHtmlToPdfTask::setConverterPath(converter);
+    m_input.photos.append(QFileInfo(m_withExif)); // listed twice: one thumbnail
+    auto task = qutils::makeTask<CGeneratorTask>(m_input);
+    QList<qint64> positions;
+    qint64 maximum = 0;
+    QObject::connect(task.get(), &qutils::CTask::progressPos, [&](qint64 p) { positions << p; });
+    QObject::connect(task.get(), &qutils::CTask::progressRange, [&](qint64, qint64 max) { maximum = qMax(maximum, max); });
+    ASSERT_TRUE(task->run());
+    EXPECT_EQ(maximum, 4 + 100);
+    EXPECT_EQ(positions, (QList<qint64>{0, 1, 2, 3, 4 + 50, 4 + 100}));
+    EXPECT_TRUE(QFileInfo::exists(m_input.reportPath));
+    const QString seen = testutils::readText(m_dir.filePath(QStringLiteral("seen.html")));
+    EXPECT_TRUE(seen.startsWith(QStringLiteral("\n\t<!DOCTYPE html")));
+    EXPECT_TRUE(seen.contains(QStringLiteral("Manufacturer: <span class = \"h2\">Veltrano</span>"))) << "written as UTF-8 text";
+    const QStringList folder = testutils::readText(m_dir.filePath(QStringLiteral("folder.txt"))).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    EXPECT_EQ(folder.size(), 4) << folder.join(QLatin1Char(' ')).toStdString() << ": three thumbnails and the document";
+    const QStringList args = testutils::readText(m_dir.filePath(QStringLiteral("args.txt"))).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_GE(args.size(), 2);
+    EXPECT_EQ(args.at(0), QStringLiteral("--footer-text-left"));
+    EXPECT_TRUE(args.at(1).startsWith(QStringLiteral("Generated by Quorvex ")));
+
+    // Cancelled during the thumbnails: no document, no PDF.
+    QFile::remove(m_input.reportPath);
+    QFile::remove(m_dir.filePath(QStringLiteral("seen.html")));
+    auto cancelled = qutils::makeTask<CGeneratorTask>(m_input);
+    cancelled->cancel();
+    try
+    {
+        cancelled->run();
+        ADD_FAILURE() << "a cancelled report was written";
+    }
+    catch (const qutils::CException& e)
+    {
+        EXPECT_EQ(e.message(), QStringLiteral("Cancelled by user"));
+        EXPECT_EQ(e.code(), 1223);
+    }
+    EXPECT_FALSE(QFileInfo::exists(m_input.reportPath));
+    EXPECT_FALSE(QFileInfo::exists(m_dir.filePath(QStringLiteral("seen.html"))));
+}

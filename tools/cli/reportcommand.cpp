@@ -1,0 +1,57 @@
+#include "commands.h"
+
+#include "console.h"
+#include "generatortask.h"
+
+#include "qutils/exception.h"
+#include "qutils/tasks.h"
+
+#include <QDir>
+
+namespace cli
+{
+
+int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprintPath,
+                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath)
+{
+    SReportInput input;
+    input.filterType = 0;
+    input.fingerprintPath = QFileInfo(fingerprintPath).absoluteFilePath();
+    input.fingerprintProperties = properties;
+    input.photosFolder = photosFolder;
+    input.reportPath = QFileInfo(reportPath).absoluteFilePath();
+    for (const SPhotoOutcome& outcome : outcomes)
+    {
+        input.photos.append(QFileInfo(outcome.absolutePath));
+        // Photos never reached stay out of the results, as in the program's report.
+        if (outcome.processed)
+            input.results.insert(outcome.absolutePath, outcome.result);
+    }
+
+    auto task = qutils::makeTask<CGeneratorTask>(input);
+    qint64 maximum = 1;
+    int lastTenth = -1;
+    QObject::connect(task.get(), &qutils::CTask::progressRange, [&](qint64, qint64 max) { maximum = qMax<qint64>(max, 1); });
+    QObject::connect(task.get(), &qutils::CTask::progressPos, [&](qint64 pos) {
+        const int tenth = static_cast<int>(qBound<qint64>(0, pos, maximum) * 10 / maximum);
+        if (tenth > lastTenth)
+        {
+            lastTenth = tenth;
+            CConsole::note(QStringLiteral("report %1 %").arg(tenth * 10));
+        }
+    });
+    CConsole::note(QStringLiteral("writing the PDF report of %1 photos to %2").arg(input.photos.size()).arg(reportPath));
+    try
+    {
+        task->run();
+    }
+    catch (const qutils::CException& e)
+    {
+        CConsole::error(QStringLiteral("cannot write the report %1: %2").arg(reportPath, e.message()));
+        return ExitFailure;
+    }
+    CConsole::out(QStringLiteral("Report: %1").arg(QDir::toNativeSeparators(input.reportPath)));
+    return ExitDone;
+}
+
+} // namespace cli
