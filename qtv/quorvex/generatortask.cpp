@@ -194,7 +194,7 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
         else
             ++counts[3];
     }
-    const auto row = [](const QString& label, const QString& value) {
+    const auto row = [](const QString& label, const QString& value) -> QString {
         return QStringLiteral("<tr><td width = \"200px\"><h3>") + label + QStringLiteral("</h3></td><td>") + value +
                QStringLiteral("</td></tr>");
     };
@@ -297,6 +297,10 @@ bool CGeneratorTask::run()
 
     auto conversion = qutils::makeTask<qutils::CHtmlToPdfTask>(htmlPath, m_input.reportPath);
     conversion->setFooterLeft(footerText());
-    runSubTaskWithOffset(conversion, count);
+    // The converter reports percentages: they fill the last 100 steps, after the photos.
+    connect(conversion.get(), &qutils::CTask::progressPos, this,
+            [this, count](qint64 percent) { setProgressPos(count + qBound<qint64>(0, percent, 100)); },
+            Qt::DirectConnection);
+    runSubTaskNoProgress(conversion);
     return true;
 }

@@ -136,7 +136,7 @@ TEST_F(ReportTest, DocumentPieces)
     EXPECT_GT(date, model);
 
     // The summary comes from the results map.
-    const auto summaryRow = [](const QString& label, const QString& value) {
+    const auto summaryRow = [](const QString& label, const QString& value) -> QString {
         return QStringLiteral("<tr><td width = \"200px\"><h3>%1</h3></td><td>%2</td></tr>").arg(label, value);
     };
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Photos path"), QDir::toNativeSeparators(m_dir.path()))));
