@@ -18,6 +18,7 @@
 #include "qcontrols/navigationbutton.h"
 #include "qcontrols/stylesheetmanager.h"
 #include "qutils/appsettings.h"
+#include "qutils/htmltopdftask.h"
 #include "testutils.h"
 
 #include <QCheckBox>
@@ -436,4 +437,71 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
     QCoreApplication::processEvents();
     EXPECT_EQ(dialog->gallery()->model()->rowCount(), 5);
     EXPECT_TRUE(window.grab().save(QDir(folder).filePath(QStringLiteral("analyze-finished.png"))));
+}
+
+// The automatic report after a cancelled run still covers the whole list; a
+// report asked for later covers the filtered photos. A stand-in converter
+// records the document it gets.
+TEST_F(AnalyzeTest, ReportsAutomaticAfterCancelAndOnRequest)
+{
+    const QString converter = m_out.filePath(QStringLiteral("convert.sh"));
+    {
+        QFile file(converter);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("#!/bin/sh\n"
+                   "eval input=\\${$#}\n"
+                   "eval output=\\${$(($# - 1))}\n"
+                   "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$(dirname \"$0\")/seen.html\"\n"
+                   "printf 'pdf' > \"$(printf '%s' \"$output\" | sed 's|^file://||')\"\n"
+                   "echo 100%\n");
+        file.close();
+        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+    qutils::CHtmlToPdfTask::setConverterPath(converter);
+    auto stub = std::make_shared<CStubFingerprint>();
+    QSemaphore gate;
+    stub->gate = &gate;
+    QStringList names;
+    for (int i = 0; i < 6; ++i)
+        names << QStringLiteral("p%1.jpg").arg(i);
+    const QFileInfoList files = namedFiles(names);
+    stub->answers.insert(QStringLiteral("p0.jpg"), Result{true, 0.9999, 0.05, CQuorvexAPI::Success, 900});
+
+    const QString automatic = m_out.filePath(QStringLiteral("auto.pdf"));
+    {
+        CScriptedDialogs script({{QMessageBox::Yes, {}}, {QMessageBox::Ok, {}}});
+        CAnalyzeDlg dialog(files, automatic, false, nullptr, stub);
+        ASSERT_TRUE(testutils::waitFor([&] {
+            return dialog.gallery()->imageModel()->index(0).data(CImageModel::ItemStateRole).value<CImageModel::State>() ==
+                   CImageModel::Processing;
+        }));
+        button<QPushButton>(&dialog, "btnNavigateCancel")->click();
+        gate.release(6);
+        ASSERT_TRUE(testutils::waitFor([&] { return dialog.isFinished(); }));
+        ASSERT_TRUE(testutils::waitFor([&] { return CDialogScript::shown().size() == 2; }));
+        EXPECT_EQ(CDialogScript::shown().at(1).title, QStringLiteral("Finished")) << CDialogScript::shown().at(1).text.toStdString();
+        EXPECT_TRUE(CDialogScript::shown().at(1).text.contains(QStringLiteral("Report file was successfully created.<br />")));
+        EXPECT_TRUE(QFileInfo::exists(automatic));
+    }
+    const QString seen = testutils::readText(m_out.filePath(QStringLiteral("seen.html")));
+    EXPECT_EQ(seen.count(QStringLiteral("<tr><td align = \"center\">")), 6) << "every photo, processed or not";
+
+    // On request, with the very-high filter: only that photo.
+    gate.release(100);
+    CScriptedDialogs script({{QMessageBox::Ok, {}},
+                             {QDialog::Accepted, m_out.filePath(QStringLiteral("asked.pdf"))},
+                             {QMessageBox::Ok, {}}});
+    CAnalyzeDlg dialog(files, QString(), false, nullptr, stub);
+    ASSERT_TRUE(testutils::waitFor([&] { return dialog.isFinished(); }));
+    dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterVeryHigh);
+    button<QPushButton>(&dialog, "btnNavigateSaveReport")->click();
+    ASSERT_EQ(CDialogScript::shown().size(), 3);
+    EXPECT_EQ(CDialogScript::shown().at(1).title, QStringLiteral("Choose destination for report"));
+    EXPECT_TRUE(CDialogScript::shown().at(1).text.endsWith(QStringLiteral("|(*.pdf);;All Files (*)")));
+    EXPECT_EQ(CDialogScript::shown().at(2).title, QStringLiteral("Finished"));
+    const QString asked = testutils::readText(m_out.filePath(QStringLiteral("seen.html")));
+    EXPECT_EQ(asked.count(QStringLiteral("<tr><td align = \"center\">")), 1);
+    EXPECT_TRUE(asked.contains(QStringLiteral("Fingerprint found with very high probability")));
+    EXPECT_EQ(CSettings::lastReport().absoluteFilePath(), QFileInfo(m_out.filePath(QStringLiteral("asked.pdf"))).absoluteFilePath());
+    qutils::CHtmlToPdfTask::setConverterPath(QString());
 }
