@@ -15,6 +15,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5svg5-dev
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
     libgtest-dev libgmock-dev
+    poppler-utils fonts-dejavu-core
 )
 
 missing_packages() {
