@@ -14,7 +14,8 @@ packages=(
     cmake ninja-build g++ pkg-config
     qtbase5-dev qtbase5-dev-tools libqt5svg5-dev qt5-image-formats-plugins
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
-    libgtest-dev libgmock-dev poppler-utils
+    libgtest-dev libgmock-dev
+    poppler-utils fonts-dejavu-core
 )
 
 missing_packages() {
