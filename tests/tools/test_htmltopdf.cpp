@@ -4,10 +4,12 @@
 // command-line, input and output errors with their exit codes; progress
 // lines; interruption.
 #include "options.h"
+#include "reportdocument.h"
 
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QTextBlock>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
@@ -487,6 +489,65 @@ TEST_F(HtmlToPdfTest, TableRowsAreNeverSplitAcrossPages)
         EXPECT_LT(left, needed + 6) << "row " << i + 1 << " would have fitted on page "
                                     << pageOfRow.at(i) + 1;
     }
+}
+
+// A table's header row never ends a page alone. Filler text of many lengths
+// moves the table down until its header falls at the foot of a page.
+TEST_F(HtmlToPdfTest, HeaderRowsStayWithTheirFirstRow)
+{
+    for (int filler = 30; filler < 60; filler += 2)
+    {
+        QString lines;
+        for (int i = 0; i < filler; ++i)
+            lines += QStringLiteral("<p>Filler line %1</p>").arg(i);
+        const QString html = path(QStringLiteral("header%1.html").arg(filler));
+        writeText(html, xhtmlPage(QStringLiteral("Header"), ReportStyle,
+                                  lines + QStringLiteral("<table><thead><tr><th>Photo column</th><th>Result column</th></tr>"
+                                                         "</thead><tbody><tr><td>First row</td><td><img src=\"%1\" "
+                                                         "width=\"150\" height=\"150\" /></td></tr></tbody></table>")
+                                                .arg(fileUrl(s_thumbnail))));
+        const QString pdf = path(QStringLiteral("header%1.pdf").arg(filler));
+        ASSERT_EQ(convert({QStringLiteral("-o"), pdf, html}).exitCode, 0);
+        for (const QString& page : pageTexts(pdf))
+            EXPECT_EQ(page.contains(QStringLiteral("Photo column")), page.contains(QStringLiteral("First row")))
+                << filler << " filler lines";
+    }
+}
+
+TEST(HtmlToPdfDocument, ImageLimitsAndStatedFontSizesAreHonoured)
+{
+    using htmltopdf::CReportDocument;
+    QTemporaryDir dir;
+    QImage wide(QSize(600, 400), QImage::Format_RGB32);
+    wide.fill(Qt::gray);
+    const QString picture = dir.filePath(QStringLiteral("wide picture.png"));
+    ASSERT_TRUE(wide.save(picture));
+    const QUrl base = QUrl::fromLocalFile(dir.path() + QLatin1Char('/'));
+    const QString url = QUrl::fromLocalFile(picture).toString(QUrl::FullyEncoded);
+    // Kept inside 200 × 200 with its shape; an image with its own size or without limits is left alone.
+    EXPECT_EQ(CReportDocument::applyImageLimits(
+                  QStringLiteral("<p><img src = \"%1\" style=\"max-width: 200px; max-height: 200px;\" /></p>").arg(url), base),
+              QStringLiteral("<p><img width=\"200\" height=\"133\" src = \"%1\" style=\"max-width: 200px; max-height: 200px;\" /></p>").arg(url));
+    EXPECT_EQ(CReportDocument::applyImageLimits(QStringLiteral("<img src='wide picture.png' style='max-height: 100px'>"), base),
+              QStringLiteral("<img width=\"150\" height=\"100\" src='wide picture.png' style='max-height: 100px'>"));
+    const QString sized = QStringLiteral("<img width=\"50\" src=\"%1\" style=\"max-width: 20px\">").arg(url);
+    EXPECT_EQ(CReportDocument::applyImageLimits(sized, base), sized);
+    const QString plain = QStringLiteral("<img src=\"%1\">").arg(url);
+    EXPECT_EQ(CReportDocument::applyImageLimits(plain, base), plain);
+
+    // A heading whose size the style sheet states is drawn at that size.
+    QImage device(QSize(10, 10), QImage::Format_RGB32);
+    CReportDocument document(&device);
+    document.setSource(QStringLiteral("<html><head><style>h3 { font-size: 12px; } h2 { font-size: 14px; }</style></head>"
+                                      "<body><h3>Small heading</h3><h2>Larger</h2><h1>Default</h1></body></html>"),
+                       dir.path());
+    QMap<QString, QFont> fonts;
+    for (QTextBlock block = document.begin(); block.isValid(); block = block.next())
+        if (!block.text().isEmpty())
+            fonts.insert(block.text(), block.begin().fragment().charFormat().font());
+    EXPECT_EQ(fonts.value(QStringLiteral("Small heading")).pixelSize(), 12);
+    EXPECT_EQ(fonts.value(QStringLiteral("Larger")).pixelSize(), 14);
+    EXPECT_GT(fonts.value(QStringLiteral("Default")).pointSizeF(), 14.0) << "an unstated size keeps its step";
 }
 
 TEST_F(HtmlToPdfTest, LongParagraphsAndTallRowsFlowOverPagesWithoutRepeatedText)

@@ -190,6 +190,10 @@ void CPagePlanner::collectTable(QTextTable* table)
         if (rowBottom(last) > rowTop[r])
             m_keep.append({rowTop[r], rowBottom(last), rowBottom(last)});
     }
+    // A header row never ends a page: it stays with the first row under it.
+    const int headerRows = tableFormat.headerRowCount();
+    if (headerRows > 0 && headerRows < rows)
+        m_keep.append({rowTop[0], rowBottom(headerRows), rowBottom(headerRows)});
 }
 
 QVector<SPageSlice> CPagePlanner::plan(qreal pageHeight) const

@@ -5,8 +5,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QFontDatabase>
+#include <QImageReader>
+#include <QRegularExpression>
 #include <QSet>
+#include <QTextBlock>
 #include <QTextCodec>
+#include <QTextCursor>
 #include <QTextFormat>
 #include <QUrl>
 
@@ -110,11 +114,85 @@ bool CReportDocument::readHtmlFile(const QString& path, QString* html, QString* 
     return true;
 }
 
+void CReportDocument::honourExplicitFontSizes()
+{
+    // Headings carry a size step that Qt lets win over a size the style sheet
+    // states in pixels or points; a browser lets the style sheet win.
+    QTextCursor cursor(this);
+    for (QTextBlock block = begin(); block.isValid(); block = block.next())
+    {
+        for (QTextBlock::iterator it = block.begin(); !it.atEnd(); ++it)
+        {
+            const QTextFragment fragment = it.fragment();
+            QTextCharFormat format = fragment.charFormat();
+            if (!format.hasProperty(QTextFormat::FontSizeAdjustment) ||
+                !(format.hasProperty(QTextFormat::FontPixelSize) || format.hasProperty(QTextFormat::FontPointSize)))
+                continue;
+            format.clearProperty(QTextFormat::FontSizeAdjustment);
+            cursor.setPosition(fragment.position());
+            cursor.setPosition(fragment.position() + fragment.length(), QTextCursor::KeepAnchor);
+            cursor.setCharFormat(format);
+        }
+    }
+}
+
+QString CReportDocument::applyImageLimits(const QString& html, const QUrl& base)
+{
+    // Qt's rich text ignores max-width and max-height; an image that states
+    // them gets the width and height attributes that keep it inside them.
+    static const QRegularExpression imageTag(QStringLiteral("<img\\b[^>]*>"), QRegularExpression::CaseInsensitiveOption);
+    static const QRegularExpression sizeAttribute(QStringLiteral("\\b(width|height)\\s*="),
+                                                  QRegularExpression::CaseInsensitiveOption);
+    static const QRegularExpression source(QStringLiteral("\\bsrc\\s*=\\s*(\"([^\"]*)\"|'([^']*)')"),
+                                           QRegularExpression::CaseInsensitiveOption);
+    const auto limit = [](const QString& tag, const char* property) {
+        const QRegularExpression pattern(QStringLiteral("%1\\s*:\\s*([0-9.]+)\\s*px").arg(QLatin1String(property)),
+                                         QRegularExpression::CaseInsensitiveOption);
+        const QRegularExpressionMatch match = pattern.match(tag);
+        return match.hasMatch() ? match.captured(1).toDouble() : 0.0;
+    };
+    QString result;
+    int from = 0;
+    QRegularExpressionMatchIterator tags = imageTag.globalMatch(html);
+    while (tags.hasNext())
+    {
+        const QRegularExpressionMatch tag = tags.next();
+        result += html.midRef(from, tag.capturedStart() - from);
+        from = tag.capturedEnd();
+        QString text = tag.captured();
+        const double maxWidth = limit(text, "max-width");
+        const double maxHeight = limit(text, "max-height");
+        const QRegularExpressionMatch src = source.match(text);
+        if ((maxWidth > 0 || maxHeight > 0) && !sizeAttribute.match(text).hasMatch() && src.hasMatch())
+        {
+            const QString value = src.captured(2).isEmpty() ? src.captured(3) : src.captured(2);
+            const QUrl url = base.resolved(QUrl(value));
+            const QSize natural = QImageReader(url.isLocalFile() ? url.toLocalFile() : value).size();
+            if (natural.isValid() && !natural.isEmpty())
+            {
+                double scale = 1.0;
+                if (maxWidth > 0)
+                    scale = qMin(scale, maxWidth / natural.width());
+                if (maxHeight > 0)
+                    scale = qMin(scale, maxHeight / natural.height());
+                const QString size = QStringLiteral(" width=\"%1\" height=\"%2\"")
+                                         .arg(qMax(1, qRound(natural.width() * scale)))
+                                         .arg(qMax(1, qRound(natural.height() * scale)));
+                text.insert(4, size);
+            }
+        }
+        result += text;
+    }
+    result += html.midRef(from);
+    return result;
+}
+
 void CReportDocument::setSource(const QString& html, const QString& baseFolder)
 {
     m_missingResources.clear();
     setBaseUrl(QUrl::fromLocalFile(QDir(baseFolder).absolutePath() + QLatin1Char('/')));
-    setHtml(html);
+    setHtml(applyImageLimits(html, baseUrl()));
+    honourExplicitFontSizes();
     substituteMissingFonts();
 }
 

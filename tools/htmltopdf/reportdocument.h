@@ -21,6 +21,11 @@ public:
 
     // Relative links resolve against baseFolder.
     void setSource(const QString& html, const QString& baseFolder);
+    // The page with width and height attributes added to every image that
+    // states a max-width or max-height in its style.
+    static QString applyImageLimits(const QString& html, const QUrl& base);
+    // Lets a font size stated by the style sheet win over a heading's size step.
+    void honourExplicitFontSizes();
     // Lays the document out as one long sheet of the given width.
     void layOut(qreal width);
 
