@@ -65,6 +65,7 @@ case "${1:-run}" in
         build
         "$build_dir/bench/bench_engine" --sizes 10,24 --out "$here/bench/results.json"
         "$build_dir/bench/bench_gallery" --count 10000
+        "$build_dir/bin/bench_report" --count 500
         ;;
     test)
         build

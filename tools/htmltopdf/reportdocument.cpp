@@ -119,6 +119,8 @@ void CReportDocument::honourExplicitFontSizes()
     // Headings carry a size step that Qt lets win over a size the style sheet
     // states in pixels or points; a browser lets the style sheet win.
     QTextCursor cursor(this);
+    // One edit: the document is laid out again once, not after every fragment.
+    cursor.beginEditBlock();
     for (QTextBlock block = begin(); block.isValid(); block = block.next())
     {
         for (QTextBlock::iterator it = block.begin(); !it.atEnd(); ++it)
@@ -134,6 +136,7 @@ void CReportDocument::honourExplicitFontSizes()
             cursor.setCharFormat(format);
         }
     }
+    cursor.endEditBlock();
 }
 
 QString CReportDocument::applyImageLimits(const QString& html, const QUrl& base)
