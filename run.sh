@@ -3,6 +3,7 @@
 #   ./run.sh         install what is missing, build, run the demonstration case
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
+#   ./run.sh check   the whole suite under ASan+UBSan, the threaded tests under TSan
 #   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
 set -euo pipefail
 
@@ -50,6 +51,10 @@ build() {
     cmake --build "$build_dir" -j "$(nproc)"
 }
 
+# The tests whose subject is threads: the analyzer pool, tasks and their runner,
+# the thumbnail thread, logging from many threads, the integration client.
+tsan_tests="test_quorvex_analyzer test_qutils_tasks test_quorvex_imagemodel test_qutils_logging test_quorvex_integration"
+
 case "${1:-run}" in
     run)
         build
@@ -72,8 +77,19 @@ case "${1:-run}" in
         cd "$build_dir"
         QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)"
         ;;
+    check)
+        # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer,
+        # then the threaded parts under ThreadSanitizer; each in a build of its own.
+        ensure_packages
+        cmake -S "$here" -B "$build_dir-asan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE=ON
+        cmake --build "$build_dir-asan" -j "$(nproc)"
+        (cd "$build_dir-asan" && QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)")
+        cmake -S "$here" -B "$build_dir-tsan" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_TSAN=ON
+        cmake --build "$build_dir-tsan" -j "$(nproc)" --target $tsan_tests
+        (cd "$build_dir-tsan" && QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)" -R "^($(echo $tsan_tests | tr ' ' '|'))\$")
+        ;;
     *)
-        echo "usage: $0 [run|build|test|bench]" >&2
+        echo "usage: $0 [run|build|test|bench|check]" >&2
         exit 2
         ;;
 esac

@@ -8,8 +8,14 @@ function(quorvex_target_defaults target)
                                                      QT_NO_URL_CAST_FROM_STRING QT_USE_QSTRINGBUILDER)
     endif()
     if(QUORVEX_SANITIZE)
-        target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer)
+        # Undefined behaviour is an error, not a line in the output: the test fails.
+        target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-sanitize-recover=undefined
+                                                 -fno-omit-frame-pointer)
         target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+    endif()
+    if(QUORVEX_TSAN)
+        target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
+        target_link_options(${target} PRIVATE -fsanitize=thread)
     endif()
 endfunction()
 
@@ -33,7 +39,12 @@ function(quorvex_add_test)
     endif()
     set(_env "QT_QPA_PLATFORM=offscreen;QUORVEX_TEST_DATA_DIR=${PROJECT_SOURCE_DIR}/tests/data")
     if(QUORVEX_SANITIZE)
-        list(APPEND _env "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp")
+        list(APPEND _env "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp"
+                         "ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1"
+                         "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
+    endif()
+    if(QUORVEX_TSAN)
+        list(APPEND _env "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=${PROJECT_SOURCE_DIR}/tests/support/tsan.supp")
     endif()
     set_tests_properties(${T_NAME} PROPERTIES
         ENVIRONMENT "${_env}"

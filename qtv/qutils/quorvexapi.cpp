@@ -173,8 +173,25 @@ CQuorvexAPI::~CQuorvexAPI()
     delete m_ioThread;
 }
 
+namespace
+{
+// The protocol has no quoting: such a path cannot be sent as it is.
+bool sendable(const QString& path)
+{
+    return !path.contains(QLatin1Char(';')) && !path.contains(QLatin1Char('\n')) && !path.contains(QLatin1Char('\r'));
+}
+} // namespace
+
 CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, const QString& photoPath)
 {
+    if (!sendable(fingerprintPath) || !sendable(photoPath))
+    {
+        QX_WARNING << "Not sent: a path with ';' or a line break cannot travel in a request ("
+                   << (sendable(fingerprintPath) ? photoPath : fingerprintPath) << ")";
+        SAnalysisResult refused;
+        refused.status = sendable(fingerprintPath) ? BrokenImage : CannotOpenFingerprint;
+        return refused;
+    }
     const QStringList answer = request(QStringLiteral("match;") + fingerprintPath + QLatin1Char(';') +
                                        photoPath + QLatin1Char('\n'));
     SAnalysisResult result;
@@ -192,6 +209,11 @@ CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, 
 
 CQuorvexAPI::EStatus CQuorvexAPI::fingerprintStatus(const QString& fingerprintPath)
 {
+    if (!sendable(fingerprintPath))
+    {
+        QX_WARNING << "Not sent: a path with ';' or a line break cannot travel in a request (" << fingerprintPath << ")";
+        return CannotOpenFingerprint;
+    }
     const QStringList answer =
         request(QStringLiteral("fingerprintStatus;") + fingerprintPath + QLatin1Char('\n'));
     return answer.isEmpty() ? Fatal : statusFromKey(answer.first());

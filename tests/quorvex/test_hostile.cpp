@@ -1,0 +1,346 @@
+// Files and requests as a suspect's material might shape them: absurd sizes,
+// expanding data, nothing at all, files that vanish, folders that loop, a
+// request line of ten megabytes, paths the protocol cannot carry. None may
+// crash, hang or take the machine's memory; each gets a clear answer.
+#include "fingerprint.h"
+#include "imagemodel.h"
+#include "integrationserver.h"
+#include "multiplethreadanalyzer.h"
+#include "photolisting.h"
+
+#include "camsim/camera.h"
+#include "qutils/quorvexapi.h"
+#include "testutils.h"
+
+#include <QDataStream>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QImage>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <tiffio.h>
+#include <unistd.h>
+#include <zlib.h>
+
+using qutils::CQuorvexAPI;
+
+namespace
+{
+
+// Peak resident memory of this process so far, in MiB.
+double peakMiB()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss / 1024.0;
+}
+
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeAll(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+}
+
+// A TIFF whose header promises width × height grey pixels in one deflate
+// strip that holds only the given number of zero bytes.
+void writeDeflateTiff(const QString& path, uint32_t width, uint32_t height, size_t zeroBytes)
+{
+    TIFF* tiff = TIFFOpen(QFile::encodeName(path).constData(), "w");
+    ASSERT_TRUE(tiff);
+    TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tiff, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(tiff, TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, height);
+    const std::vector<Bytef> zeros(zeroBytes, 0);
+    uLongf packedSize = compressBound(static_cast<uLong>(zeros.size()));
+    std::vector<Bytef> packed(packedSize);
+    ASSERT_EQ(compress2(packed.data(), &packedSize, zeros.data(), static_cast<uLong>(zeros.size()), 9), Z_OK);
+    ASSERT_GE(TIFFWriteRawStrip(tiff, 0, packed.data(), static_cast<tmsize_t>(packedSize)), 0);
+    TIFFClose(tiff);
+}
+
+class HostileInputTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = new QTemporaryDir;
+        camsim::CameraConfig config;
+        config.width = 1024;
+        config.height = 768;
+        config.unitSeed = 21;
+        const camsim::Camera camera(config);
+        QFileInfoList references;
+        for (int i = 0; i < 4; ++i)
+        {
+            camsim::ShotConfig shot;
+            shot.sceneSeed = static_cast<uint64_t>(700 + i);
+            shot.scene = i % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
+            const QString path = s_dir->filePath(QStringLiteral("ref%1.jpg").arg(i));
+            camera.shoot(shot, path.toStdString());
+            references << QFileInfo(path);
+        }
+        s_photo = references.first().absoluteFilePath();
+        s_fingerprint = s_dir->filePath(QStringLiteral("camera.fnp"));
+        ASSERT_EQ(CFingerprint::createFingerprint(references, QFileInfo(s_fingerprint), nullptr), CQuorvexAPI::Success);
+    }
+    static void TearDownTestSuite()
+    {
+        delete s_dir;
+        s_dir = nullptr;
+    }
+
+    static std::shared_ptr<CFingerprint> fingerprint()
+    {
+        CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+        return CFingerprint::load(QFileInfo(s_fingerprint), &status);
+    }
+
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+
+    static QTemporaryDir* s_dir;
+    static QString s_photo;
+    static QString s_fingerprint;
+    QTemporaryDir m_dir;
+};
+
+QTemporaryDir* HostileInputTest::s_dir = nullptr;
+QString HostileInputTest::s_photo;
+QString HostileInputTest::s_fingerprint;
+
+} // namespace
+
+TEST_F(HostileInputTest, AbsurdSizesAreRefusedBeforeAnythingIsAllocated)
+{
+    // A real JPEG whose frame header claims 65,535 × 65,535 pixels (51 GB as floats).
+    QByteArray jpeg = readAll(s_photo);
+    const int sof = jpeg.indexOf(QByteArray("\xFF\xC0", 2));
+    ASSERT_GT(sof, 0);
+    for (int i = 5; i <= 8; ++i)
+        jpeg[sof + i] = char(0xFF);
+    const QString huge = path(QStringLiteral("huge.jpg"));
+    writeAll(huge, jpeg);
+    // A "zip bomb": 30,000 × 30,000 pixels promised by a few hundred bytes.
+    const QString bomb = path(QStringLiteral("bomb.tif"));
+    writeDeflateTiff(bomb, 30000, 30000, 1 << 20);
+    // Under the pixel limit but its data runs out long before the pixels do.
+    const QString short_ = path(QStringLiteral("short.tif"));
+    writeDeflateTiff(short_, 9000, 9000, 1 << 16);
+    ASSERT_LT(QFileInfo(bomb).size(), 10000);
+
+    const double before = peakMiB();
+    const auto fp = fingerprint();
+    ASSERT_TRUE(fp);
+    // Matching: none of them can be this camera's photo. The two absurd ones
+    // are refused as unreadable; the 9,000-pixel one is larger than the
+    // fingerprint, so it is answered "no match" from its header alone.
+    for (const QString& photo : {huge, bomb, short_})
+        EXPECT_FALSE(fp->match(QFileInfo(photo), false).matched) << photo.toStdString();
+    EXPECT_EQ(fp->match(QFileInfo(huge), false).status, CQuorvexAPI::BrokenImage) << "beyond what JPEG allows";
+    EXPECT_EQ(fp->match(QFileInfo(bomb), false).status, CQuorvexAPI::LargeResolution);
+    // Learning reads every photo in full: the same refusals, named by status.
+    const QFileInfoList withHuge = {QFileInfo(s_photo), QFileInfo(huge), QFileInfo(s_photo)};
+    EXPECT_EQ(CFingerprint::createFingerprint(withHuge, QFileInfo(path(QStringLiteral("x.fnp"))), nullptr),
+              CQuorvexAPI::BrokenImage);
+    const QFileInfoList withBomb = {QFileInfo(bomb), QFileInfo(bomb), QFileInfo(bomb)};
+    EXPECT_EQ(CFingerprint::createFingerprint(withBomb, QFileInfo(path(QStringLiteral("y.fnp"))), nullptr),
+              CQuorvexAPI::LargeResolution);
+    // Three of the short one are decoded until their data runs out.
+    const QFileInfoList shortOnes = {QFileInfo(short_), QFileInfo(short_), QFileInfo(short_)};
+    EXPECT_EQ(CFingerprint::createFingerprint(shortOnes, QFileInfo(path(QStringLiteral("w.fnp"))), nullptr),
+              CQuorvexAPI::BrokenImage);
+    // Thumbnails and the preview never decode them at their claimed size.
+    EXPECT_TRUE(CImageModel::CPixmapThread::loadThumbnail(huge, QSize(150, 110)).width() <= 150);
+    EXPECT_TRUE(CImageModel::CPixmapThread::loadThumbnail(bomb, QSize(150, 110)).width() <= 150);
+    // The 9,000 × 9,000 photo is the one a decoder may legitimately start on
+    // (81 MP of grey); nothing near the gigabytes the others claim was taken.
+    EXPECT_LT(peakMiB() - before, 1500.0) << "peak grew from " << before << " MiB";
+}
+
+TEST_F(HostileInputTest, EmptyAndVanishingPhotosGetAStatusAndTheRestGoOn)
+{
+    const QString empty = path(QStringLiteral("empty.jpg"));
+    writeAll(empty, QByteArray());
+    const QString vanishing = path(QStringLiteral("vanishing.jpg"));
+    ASSERT_TRUE(QFile::copy(s_photo, vanishing));
+    const QString good = path(QStringLiteral("good.jpg"));
+    ASSERT_TRUE(QFile::copy(s_photo, good));
+
+    // Listed while it was there, gone when its turn comes.
+    const QFileInfoList listed = listPhotos(QDir(m_dir.path()), false);
+    ASSERT_EQ(listed.size(), 3);
+    ASSERT_TRUE(QFile::remove(vanishing));
+    CMultipleThreadAnalyzer analyzer(listed, fingerprint(), false, nullptr, 2);
+    bool finished = false;
+    QObject::connect(&analyzer, &CMultipleThreadAnalyzer::finished, [&] { finished = true; });
+    analyzer.start();
+    ASSERT_TRUE(testutils::waitFor([&] { return finished; }, 120000));
+    EXPECT_EQ(analyzer.analyzedCount(), 3);
+    EXPECT_EQ(analyzer.result(QFileInfo(good).absoluteFilePath()).status, CQuorvexAPI::Success);
+    EXPECT_TRUE(analyzer.result(QFileInfo(good).absoluteFilePath()).matched);
+    for (const QString& bad : {empty, vanishing})
+    {
+        const CQuorvexAPI::SAnalysisResult result = analyzer.result(QFileInfo(bad).absoluteFilePath());
+        EXPECT_FALSE(result.matched) << bad.toStdString();
+        EXPECT_NE(result.status, CQuorvexAPI::Success) << bad.toStdString();
+        EXPECT_NE(result.status, CQuorvexAPI::Invalid) << "a real status: " << bad.toStdString();
+    }
+    // Learning with an empty photo names the failure instead of crashing.
+    EXPECT_NE(CFingerprint::createFingerprint({QFileInfo(good), QFileInfo(empty), QFileInfo(good)},
+                                              QFileInfo(path(QStringLiteral("z.fnp"))), nullptr),
+              CQuorvexAPI::Success);
+    EXPECT_TRUE(CImageModel::CPixmapThread::loadThumbnail(empty, QSize(100, 100)).isNull());
+}
+
+TEST_F(HostileInputTest, FoldersThatLoopOrCannotBeReadStillList)
+{
+    QDir root(m_dir.path());
+    ASSERT_TRUE(root.mkpath(QStringLiteral("a/b")));
+    ASSERT_TRUE(QFile::copy(s_photo, root.filePath(QStringLiteral("a/b/one.jpg"))));
+    ASSERT_TRUE(QFile::copy(s_photo, root.filePath(QStringLiteral("top.jpg"))));
+    // Links back up the tree, and one to itself.
+    ASSERT_TRUE(QFile::link(root.absolutePath(), root.filePath(QStringLiteral("a/b/up"))));
+    ASSERT_TRUE(QFile::link(root.filePath(QStringLiteral("a/self")), root.filePath(QStringLiteral("a/self"))));
+    ASSERT_TRUE(root.mkpath(QStringLiteral("locked")));
+    ASSERT_TRUE(QFile::copy(s_photo, root.filePath(QStringLiteral("locked/hidden.jpg"))));
+    QFile::setPermissions(root.filePath(QStringLiteral("locked")), QFileDevice::Permissions());
+
+    QElapsedTimer clock;
+    clock.start();
+    const QFileInfoList photos = listPhotos(root, true);
+    QFile::setPermissions(root.filePath(QStringLiteral("locked")),
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    QStringList names;
+    for (const QFileInfo& photo : photos)
+        names << QDir(root).relativeFilePath(photo.absoluteFilePath());
+    names.sort();
+    // Every real photo once; the links are not followed round and round.
+    QStringList expected = {QStringLiteral("a/b/one.jpg"), QStringLiteral("top.jpg")};
+    if (geteuid() == 0)
+        expected << QStringLiteral("locked/hidden.jpg"); // permissions do not bind the superuser
+    expected.sort();
+    EXPECT_EQ(names, expected);
+}
+
+TEST_F(HostileInputTest, FingerprintFileClaimingGigabytesIsRefused)
+{
+    // A genuine file whose byte array claims 4 GB that are not there.
+    const auto fp = fingerprint();
+    ASSERT_TRUE(fp);
+    QByteArray bytes = readAll(s_fingerprint);
+    const int engineSize = fp->fingerprint().size;
+    const int lengthAt = bytes.size() - engineSize - 4;
+    ASSERT_GT(lengthAt, 0);
+    {
+        QDataStream check(bytes.mid(lengthAt, 4));
+        quint32 length = 0;
+        check >> length;
+        ASSERT_EQ(length, static_cast<quint32>(engineSize)) << "the length field sits right before the bytes";
+    }
+    bytes[lengthAt] = char(0xFF);
+    bytes[lengthAt + 1] = char(0xFF);
+    bytes[lengthAt + 2] = char(0xFF);
+    bytes[lengthAt + 3] = char(0xF0);
+    const QString claim = path(QStringLiteral("claims4gb.fnp"));
+    writeAll(claim, bytes);
+
+    // Reading it takes no more memory than the file holds; the damage is
+    // the engine's to report when the fingerprint is used, and it does.
+    const double before = peakMiB();
+    CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+    const auto damaged = CFingerprint::load(QFileInfo(claim), &status);
+    EXPECT_LT(peakMiB() - before, 512.0);
+    if (damaged)
+    {
+        const CQuorvexAPI::SAnalysisResult result = damaged->match(QFileInfo(s_photo), false);
+        EXPECT_FALSE(result.matched);
+        EXPECT_TRUE(result.status == CQuorvexAPI::CannotOpenFingerprint ||
+                    result.status == CQuorvexAPI::FingerprintFileBroken)
+            << CQuorvexAPI::statusKey(result.status).toStdString();
+    }
+
+    // Cut short anywhere: never a match, always a status that says why.
+    const QByteArray whole = readAll(s_fingerprint);
+    for (const int cut : {0, 3, 8, 40, whole.size() / 2, whole.size() - 1})
+    {
+        const QString cutPath = path(QStringLiteral("cut%1.fnp").arg(cut));
+        writeAll(cutPath, whole.left(cut));
+        const auto partial = CFingerprint::load(QFileInfo(cutPath), &status);
+        if (!partial)
+        {
+            EXPECT_NE(status, CQuorvexAPI::Success) << cut;
+            continue;
+        }
+        const CQuorvexAPI::SAnalysisResult result = partial->match(QFileInfo(s_photo), false);
+        EXPECT_FALSE(result.matched) << cut;
+        EXPECT_TRUE(result.status == CQuorvexAPI::CannotOpenFingerprint ||
+                    result.status == CQuorvexAPI::FingerprintFileBroken)
+            << cut << ": " << CQuorvexAPI::statusKey(result.status).toStdString();
+    }
+}
+
+TEST_F(HostileInputTest, ProtocolLinesThatAreHugeOrCarryUnsendablePaths)
+{
+    CIntegrationServer server(true);
+    // Ten megabytes in one line: answered, not hung on.
+    const std::string huge = "match;" + std::string(5 * 1024 * 1024, 'a') + ';' + std::string(5 * 1024 * 1024, 'b');
+    QElapsedTimer clock;
+    clock.start();
+    const std::string answer = server.answerTo(huge);
+    EXPECT_EQ(answer, std::string(CQuorvexAPI::AnswerMarker) + ";0;0;0;cannotopenfingerprint");
+    EXPECT_EQ(server.answerTo("match" + std::string(10 * 1024 * 1024, ';')),
+              std::string(CQuorvexAPI::AnswerMarker) + ";0;0;0;cannotopenfingerprint");
+    EXPECT_TRUE(server.answerTo(std::string(10 * 1024 * 1024, 'x')).empty()) << "not a request";
+
+    // Paths with spaces and letters beyond ASCII travel as they are.
+    QDir().mkpath(path(QStringLiteral("Fall Nr. 17 – Größe")));
+    const QString spaced = path(QStringLiteral("Fall Nr. 17 – Größe/Bild 1 ü.jpg"));
+    ASSERT_TRUE(QFile::copy(s_photo, spaced));
+    const std::string fields = "match;" + s_fingerprint.toStdString() + ';' + spaced.toStdString();
+    const std::string spacedAnswer = server.answerTo(fields);
+    EXPECT_EQ(spacedAnswer.rfind(std::string(CQuorvexAPI::AnswerMarker) + ";1;", 0), 0u) << spacedAnswer;
+    EXPECT_NE(spacedAnswer.find(";success"), std::string::npos) << spacedAnswer;
+
+}
+
+// A ';' in a path would split it on the way: the client does not send such a
+// path, so the server can never match a file named by a piece of it, and the
+// caller gets the status of a file that cannot be opened.
+TEST_F(HostileInputTest, ClientRefusesPathsTheProtocolCannotCarry)
+{
+    const QString prefix = path(QStringLiteral("IMG"));
+    ASSERT_TRUE(QFile::copy(s_photo, prefix)); // the piece before the ';' exists
+    const QString split = prefix + QStringLiteral(";2.jpg");
+    ASSERT_TRUE(QFile::copy(s_photo, split));
+    qputenv("QUORVEX_PROGRAM", QByteArray(QUORVEX_PROGRAM_PATH));
+    qunsetenv("QUORVEX_LICENCE_INACTIVE");
+    qutils::CQuorvexAPI client;
+    ASSERT_EQ(client.state(), CQuorvexAPI::Success);
+    const CQuorvexAPI::SAnalysisResult refused = client.match(s_fingerprint, split);
+    EXPECT_FALSE(refused.matched);
+    EXPECT_EQ(refused.status, CQuorvexAPI::BrokenImage);
+    EXPECT_EQ(client.match(s_fingerprint + QStringLiteral(";x"), s_photo).status, CQuorvexAPI::CannotOpenFingerprint);
+    EXPECT_EQ(client.fingerprintStatus(s_fingerprint + QStringLiteral("\n")), CQuorvexAPI::CannotOpenFingerprint);
+    // The same client still answers ordinary requests, spaces and all.
+    QDir().mkpath(path(QStringLiteral("Fall Nr. 17 – Größe")));
+    const QString spaced = path(QStringLiteral("Fall Nr. 17 – Größe/Bild 1 ü.jpg"));
+    ASSERT_TRUE(QFile::copy(s_photo, spaced));
+    const CQuorvexAPI::SAnalysisResult good = client.match(s_fingerprint, spaced);
+    EXPECT_TRUE(good.matched);
+    EXPECT_EQ(good.status, CQuorvexAPI::Success);
+}
