@@ -8,6 +8,7 @@
 
 #include "qcontrols/stylesheetmanager.h"
 
+#include "qutils/platform.h"
 #include "qutils/appsettings.h"
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
@@ -124,6 +125,7 @@ int main(int argc, char** argv)
     // No system message boxes for critical errors: nobody may be there to close them.
     SetErrorMode(SEM_FAILCRITICALERRORS);
 #endif
+    qutils::platform::reportFileSizeLimitAsError();
     QStringList arguments;
     for (int i = 1; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);

@@ -29,6 +29,10 @@ bool isTerminal(int stream);
 void catchInterrupts();
 int interruptCount();
 
+// Makes a write past the process's file-size limit fail like one on a full
+// disk (and be reported) instead of ending the process.
+void reportFileSizeLimitAsError();
+
 // Processor time (user + system, in seconds) a running process has used so
 // far; a negative value when it cannot be read.
 double processCpuSeconds(qint64 pid);

@@ -170,6 +170,11 @@ int interruptCount()
     return static_cast<int>(g_interrupts);
 }
 
+void reportFileSizeLimitAsError()
+{
+    ::signal(SIGXFSZ, SIG_IGN);
+}
+
 double processCpuSeconds(qint64 pid)
 {
     QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));

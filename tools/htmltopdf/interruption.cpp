@@ -34,6 +34,9 @@ void installPosixHandlers()
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    // Past a file-size limit a write fails like one on a full disk and is
+    // reported (exit 2) instead of the process being killed.
+    ::signal(SIGXFSZ, SIG_IGN);
 }
 #endif
 
