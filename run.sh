@@ -3,6 +3,7 @@
 #   ./run.sh         install what is missing, build, run the demonstration case
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
+#   ./run.sh package the Debian package build/quorvex_*.deb
 #   ./run.sh check   the whole suite under ASan+UBSan, the threaded tests under TSan
 #   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
 set -euo pipefail
@@ -16,7 +17,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5svg5-dev qt5-image-formats-plugins
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
     libgtest-dev libgmock-dev
-    poppler-utils fonts-dejavu-core
+    poppler-utils fonts-dejavu-core help2man desktop-file-utils
 )
 
 missing_packages() {
@@ -77,6 +78,12 @@ case "${1:-run}" in
         cd "$build_dir"
         QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)"
         ;;
+    package)
+        # The Debian package (build/quorvex_<version>_<arch>.deb); install it with
+        # apt-get install ./build/quorvex_*.deb
+        build
+        (cd "$build_dir" && cpack -G DEB)
+        ;;
     check)
         # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer,
         # then the threaded parts under ThreadSanitizer; each in a build of its own.
@@ -89,7 +96,7 @@ case "${1:-run}" in
         (cd "$build_dir-tsan" && QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)" -R "^($(echo $tsan_tests | tr ' ' '|'))\$")
         ;;
     *)
-        echo "usage: $0 [run|build|test|bench|check]" >&2
+        echo "usage: $0 [run|build|test|bench|check|package]" >&2
         exit 2
         ;;
 esac

@@ -54,7 +54,15 @@ QString CHelpDlg::helpFolder()
 {
     if (!g_helpFolder.isEmpty())
         return g_helpFolder;
-    return QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("Help"));
+    // Beside the program in a build; under share/quorvex when installed.
+    const QDir programFolder(QCoreApplication::applicationDirPath());
+    const QString beside = programFolder.filePath(QStringLiteral("Help"));
+    if (QFileInfo::exists(QDir(beside).filePath(QStringLiteral("index.html"))))
+        return beside;
+    const QString installed = programFolder.filePath(QStringLiteral("../share/quorvex/Help"));
+    if (QFileInfo::exists(QDir(installed).filePath(QStringLiteral("index.html"))))
+        return QDir::cleanPath(installed);
+    return beside;
 }
 
 void CHelpDlg::setHelpFolder(const QString& folder)

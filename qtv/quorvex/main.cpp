@@ -1,4 +1,5 @@
 #include "appinfo.h"
+#include "helpdlg.h"
 #include "integrationserver.h"
 #include "licence.h"
 #include "mainwindow.h"
@@ -8,16 +9,20 @@
 
 #include "qcontrols/stylesheetmanager.h"
 
-#include "qutils/platform.h"
 #include "qutils/appsettings.h"
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
+#include "qutils/htmltopdftask.h"
+#include "qutils/platform.h"
 #include "qutils/quorvexapi.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QScreen>
 #include <QStringList>
+#include <QTextStream>
 
 #include <iostream>
 
@@ -79,6 +84,29 @@ int runIntegrationMode(int& argc, char** argv)
     return server.run(std::cin, std::cout);
 }
 
+int selfTest(const CMainWindow& window)
+{
+    QCoreApplication::processEvents();
+    QTextStream err(stderr);
+    bool ok = window.isVisible();
+    err << "window: " << (window.isVisible() ? "shown" : "not shown") << '\n';
+    const QString help = QDir(CHelpDlg::helpFolder()).filePath(QStringLiteral("index.html"));
+    const bool helpFound = QFileInfo::exists(help);
+    ok = ok && helpFound;
+    err << "help: " << QDir::toNativeSeparators(help) << (helpFound ? " (found)" : " (missing)") << '\n';
+    try
+    {
+        err << "report converter: " << QDir::toNativeSeparators(qutils::CHtmlToPdfTask::findConverter()) << " (found)\n";
+    }
+    catch (const qutils::CException& e)
+    {
+        err << "report converter: " << e.message() << '\n';
+        ok = false;
+    }
+    err.flush();
+    return ok ? 0 : 1;
+}
+
 int runWindowedMode(int& argc, char** argv)
 {
     QApplication app(argc, argv);
@@ -114,6 +142,22 @@ int runWindowedMode(int& argc, char** argv)
         window.showFullScreen();
     else
         window.show();
+    // An installation check: the window came up; are its help pages and the
+    // report converter where the program looks for them?
+    if (qEnvironmentVariableIsSet("QUORVEX_SELF_TEST"))
+        return selfTest(window);
+
+    // A fingerprint file given on the command line (a double-click on it in
+    // the file manager) opens on its properties.
+    const QStringList arguments = QCoreApplication::arguments().mid(1);
+    for (const QString& argument : arguments)
+    {
+        if (argument.endsWith(QStringLiteral(".fnp"), Qt::CaseInsensitive))
+        {
+            window.showFingerprintProperties(argument);
+            break;
+        }
+    }
     return app.exec();
 }
 

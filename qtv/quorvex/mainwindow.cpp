@@ -2,6 +2,7 @@
 
 #include "choosepathanalyze.h"
 #include "choosepathlearn.h"
+#include "fingerprintinfo.h"
 #include "helpdlg.h"
 #include "intropagedlg.h"
 #include "workingpage.h"
@@ -110,6 +111,28 @@ void CMainWindow::onShowAnalyze()
     auto* page = new CChoosePathAnalyze(m_pages);
     connect(page, &CChooseImagePathDlg::homeRequested, this, &CMainWindow::showIntroPage);
     pushPage(page);
+}
+
+void CMainWindow::showFingerprintProperties(const QString& path)
+{
+    auto* page = new QWidget(m_pages);
+    page->setObjectName(QStringLiteral("fingerprintPropertiesPage"));
+    auto* layout = new QVBoxLayout(page);
+    auto* top = new QHBoxLayout;
+    auto* home = new QPushButton(QIcon(QStringLiteral(":/Quorvex/home.png")), QString(), page);
+    home->setObjectName(QStringLiteral("btnNavigateHomeRight"));
+    home->setToolTip(tr("Home"));
+    top->addWidget(home);
+    top->addStretch();
+    layout->addLayout(top);
+    auto* info = new CFingerprintInfo(page);
+    layout->addWidget(info);
+    layout->addStretch();
+    connect(home, &QPushButton::clicked, this, &CMainWindow::showIntroPage);
+    pushPage(page);
+    // A file that cannot be loaded says so; the intro page stays below.
+    if (!info->setFingerprintFile(path))
+        showIntroPage();
 }
 
 void CMainWindow::onShowHelp()

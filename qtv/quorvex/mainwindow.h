@@ -37,6 +37,8 @@ public slots:
     void onShowHelp();
     void onShowLearn();
     void onShowAnalyze();
+    // A page with the properties of a fingerprint file and a way home.
+    void showFingerprintProperties(const QString& path);
 
 protected:
     void closeEvent(QCloseEvent* event) override;
