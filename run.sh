@@ -17,7 +17,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5svg5-dev qt5-image-formats-plugins
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
     libgtest-dev libgmock-dev
-    poppler-utils fonts-dejavu-core help2man desktop-file-utils
+    poppler-utils fonts-dejavu-core help2man desktop-file-utils dpkg-dev file
 )
 
 missing_packages() {
