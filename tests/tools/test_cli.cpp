@@ -230,7 +230,7 @@ protected:
         relabelled.exifModel = "QX-9";
         a.shoot(relabelled, root.filePath(QStringLiteral("extra/relabelled.jpg")).toStdString());
         writeBytes(root.filePath(QStringLiteral("extra/broken.jpg")),
-                   QByteArray("\xff\xd8\xff\xe0 not a photo", 18));
+                   QByteArray::fromRawData("\xff\xd8\xff\xe0 not a photo", 16));
         writeBytes(root.filePath(QStringLiteral("extra/notes.txt")), "notes");
 
         // A folder with a subfolder, for --recursive.
