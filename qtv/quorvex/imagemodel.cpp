@@ -5,7 +5,6 @@
 
 #include <QDir>
 #include <QImageReader>
-#include <QMutexLocker>
 #include <QPixmap>
 #include <QTransform>
 
@@ -23,7 +22,7 @@ QString fileKey(const QFileInfo& file)
 // destroyed on the GUI thread, which converts an entry when a view asks.
 struct SThumbnailCache
 {
-    QMutex mutex;
+    std::mutex mutex;
     QHash<QString, QImage> images;
     QQueue<QString> order; // insertion order, oldest first
 
@@ -34,7 +33,7 @@ struct SThumbnailCache
     }
 };
 
-QMutex g_hookMutex;
+std::mutex g_hookMutex;
 CImageModel::DecodeHook g_decodeHook;
 
 } // namespace
@@ -75,7 +74,7 @@ QVariant CImageModel::data(const QModelIndex& index, int role) const
     {
         SThumbnailCache& cache = SThumbnailCache::instance();
         {
-            QMutexLocker lock(&cache.mutex);
+            std::lock_guard<std::mutex> lock(cache.mutex);
             const auto it = cache.images.constFind(key);
             if (it != cache.images.constEnd())
                 return QPixmap::fromImage(it.value());
@@ -188,28 +187,28 @@ int CImageModel::thumbnailCacheLimit() const
 bool CImageModel::isThumbnailCached(const QFileInfo& file)
 {
     SThumbnailCache& cache = SThumbnailCache::instance();
-    QMutexLocker lock(&cache.mutex);
+    std::lock_guard<std::mutex> lock(cache.mutex);
     return cache.images.contains(fileKey(file));
 }
 
 int CImageModel::thumbnailCacheCount()
 {
     SThumbnailCache& cache = SThumbnailCache::instance();
-    QMutexLocker lock(&cache.mutex);
+    std::lock_guard<std::mutex> lock(cache.mutex);
     return cache.images.size();
 }
 
 void CImageModel::clearThumbnailCache()
 {
     SThumbnailCache& cache = SThumbnailCache::instance();
-    QMutexLocker lock(&cache.mutex);
+    std::lock_guard<std::mutex> lock(cache.mutex);
     cache.images.clear();
     cache.order.clear();
 }
 
 void CImageModel::setDecodeHook(const DecodeHook& hook)
 {
-    QMutexLocker lock(&g_hookMutex);
+    std::lock_guard<std::mutex> lock(g_hookMutex);
     g_decodeHook = hook;
 }
 
@@ -230,27 +229,27 @@ CImageModel::CPixmapThread::~CPixmapThread()
 
 void CImageModel::CPixmapThread::request(const QFileInfo& file)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_stopped)
         return;
     m_queue.enqueue(file);
-    m_wake.wakeAll();
+    m_wake.notify_all();
 }
 
 void CImageModel::CPixmapThread::setThumbnailSize(const QSize& size)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_box = size;
 }
 
 void CImageModel::CPixmapThread::stop()
 {
     {
-        QMutexLocker lock(&m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         if (m_stopped)
             return;
         m_stopped = true;
-        m_wake.wakeAll();
+        m_wake.notify_all();
     }
     wait();
 }
@@ -263,9 +262,9 @@ void CImageModel::CPixmapThread::run()
         QFileInfo file;
         QSize box;
         {
-            QMutexLocker lock(&m_mutex);
+            std::unique_lock<std::mutex> lock(m_mutex);
             while (m_queue.isEmpty() && !m_stopped)
-                m_wake.wait(&m_mutex);
+                m_wake.wait(lock);
             // Requests still queued are dropped.
             if (m_stopped)
                 return;
@@ -275,14 +274,14 @@ void CImageModel::CPixmapThread::run()
 
         const QString key = fileKey(file);
         {
-            QMutexLocker lock(&cache.mutex);
+            std::lock_guard<std::mutex> lock(cache.mutex);
             if (cache.images.contains(key))
                 continue;
         }
 
         DecodeHook hook;
         {
-            QMutexLocker lock(&g_hookMutex);
+            std::lock_guard<std::mutex> lock(g_hookMutex);
             hook = g_decodeHook;
         }
         if (hook)
@@ -290,7 +289,7 @@ void CImageModel::CPixmapThread::run()
 
         const QImage image = loadThumbnail(file.absoluteFilePath(), box);
         {
-            QMutexLocker lock(&cache.mutex);
+            std::lock_guard<std::mutex> lock(cache.mutex);
             // Another model's thread may have cached it meanwhile.
             if (!cache.images.contains(key))
             {

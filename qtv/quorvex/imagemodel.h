@@ -5,16 +5,16 @@
 #include <QFileInfoList>
 #include <QHash>
 #include <QImage>
-#include <QMutex>
 #include <QQueue>
 #include <QSize>
 #include <QThread>
 #include <QVariant>
-#include <QWaitCondition>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 // One row per photo: its thumbnail, name, path, processing state, a rich-text
 // description and the per-photo result. Thumbnails are decoded on demand by
@@ -137,8 +137,8 @@ protected:
 private:
     // Guards the request queue, the stop flag and the box; the wake condition
     // shares it. Never held during a decode, so the GUI thread never waits on one.
-    QMutex m_mutex;
-    QWaitCondition m_wake;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
     QQueue<QFileInfo> m_queue;
     QSize m_box;
     bool m_stopped = false;

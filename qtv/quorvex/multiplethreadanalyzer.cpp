@@ -75,7 +75,7 @@ void CMultipleThreadAnalyzer::finishThread()
 
 int CMultipleThreadAnalyzer::takeNext(QFileInfo& photo)
 {
-    QMutexLocker lock(&m_indexMutex);
+    std::lock_guard<std::mutex> lock(m_indexMutex);
     const int index = m_nextIndex++;
     if (index >= m_files.size())
         return -1;
@@ -85,19 +85,19 @@ int CMultipleThreadAnalyzer::takeNext(QFileInfo& photo)
 
 void CMultipleThreadAnalyzer::store(const QFileInfo& photo, const SAnalysisResult& result)
 {
-    QMutexLocker lock(&m_resultsMutex);
+    std::lock_guard<std::mutex> lock(m_resultsMutex);
     m_results.insert(photo.absoluteFilePath(), result);
 }
 
 int CMultipleThreadAnalyzer::analyzedCount() const
 {
-    QMutexLocker lock(&m_resultsMutex);
+    std::lock_guard<std::mutex> lock(m_resultsMutex);
     return m_results.size();
 }
 
 CMultipleThreadAnalyzer::SAnalysisResult CMultipleThreadAnalyzer::result(const QString& absolutePath) const
 {
-    QMutexLocker lock(&m_resultsMutex);
+    std::lock_guard<std::mutex> lock(m_resultsMutex);
     return m_results.value(absolutePath);
 }
 
@@ -105,6 +105,6 @@ QMap<QString, CMultipleThreadAnalyzer::SAnalysisResult> CMultipleThreadAnalyzer:
 {
     if (m_finishedThreads != m_threads.size())
         QX_ERROR << "Cannot be called while analyze still running.";
-    QMutexLocker lock(&m_resultsMutex);
+    std::lock_guard<std::mutex> lock(m_resultsMutex);
     return m_results;
 }

@@ -4,12 +4,12 @@
 
 #include <QFileInfoList>
 #include <QMap>
-#include <QMutex>
 #include <QObject>
 #include <QThread>
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 // Matches every photo of a list against one fingerprint on a fixed pool of
 // threads that take photos in list order from a shared index. Owns the
@@ -69,8 +69,8 @@ private:
     QMap<QString, SAnalysisResult> m_results;
     std::shared_ptr<const CFingerprint> m_fingerprint;
     bool m_skipDifferentCamera;
-    mutable QMutex m_resultsMutex;
+    mutable std::mutex m_resultsMutex;
     int m_finishedThreads = 0;
     int m_nextIndex = 0;
-    QMutex m_indexMutex;
+    std::mutex m_indexMutex;
 };

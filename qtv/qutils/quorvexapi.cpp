@@ -147,7 +147,7 @@ CQuorvexAPI::CQuorvexAPI(QObject* parent) : QObject(parent)
 CQuorvexAPI::~CQuorvexAPI()
 {
     {
-        QMutexLocker lock(&m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         runOnIoThread(
             [this]
             {
@@ -255,7 +255,7 @@ int CQuorvexAPI::lineTimeout()
 
 QStringList CQuorvexAPI::request(const QString& line)
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     QStringList answer;
     runOnIoThread(
         [this, &line, &answer]

@@ -3,12 +3,12 @@
 #include "lumicrest.h"
 
 #include <QMetaType>
-#include <QMutex>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
+#include <mutex>
 
 class QProcess;
 class QThread;
@@ -105,7 +105,7 @@ private:
     void runOnIoThread(const std::function<void()>& work);
 
     QProcess* m_process = nullptr;
-    QMutex m_mutex;
+    std::mutex m_mutex;
     EStatus m_state = Invalid;
     QThread* m_ioThread = nullptr;
     QObject* m_ioContext = nullptr;

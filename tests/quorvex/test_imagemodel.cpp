@@ -130,16 +130,16 @@ TEST_F(ImageModelTest, PlaceholdersFirstThenThumbnailsCellByCell)
     QFileInfoList files;
     for (int i = 0; i < 3; ++i)
         files << QFileInfo(savePicture(QStringLiteral("p%1.png").arg(i), QSize(100, 50)));
-    model.setFiles(files);
-
-    // Held until the placeholders are seen: the model checker has already
-    // asked for every row, and a fast thread would otherwise answer first.
-    // Outlives the model's thread, which may still be inside the hook.
+    // Decodes are held until the placeholders are seen: the model checker
+    // asks for every row as soon as the files are set, and a fast thread
+    // would otherwise answer first. The gate outlives the model's thread.
     static QSemaphore gate;
     CImageModel::setDecodeHook([this](const QString&) {
         gate.acquire();
         ++m_decodes;
     });
+    model.setFiles(files);
+
     QSignalSpy spy(&model, &QAbstractItemModel::dataChanged);
     for (int row = 0; row < 3; ++row)
     {
