@@ -4,6 +4,8 @@
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
 #   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
+#   ./run.sh fuzz [S] build the fuzz targets with clang (build-fuzz) and run each for S seconds
+#                    (default 60); findings become regression inputs in tests/fuzz/corpus/
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -16,6 +18,7 @@ packages=(
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
     libgtest-dev libgmock-dev
     poppler-utils fonts-dejavu-core
+    clang libclang-rt-14-dev
 )
 
 missing_packages() {
@@ -50,6 +53,61 @@ build() {
     cmake --build "$build_dir" -j "$(nproc)"
 }
 
+# Every fuzz target (tests/fuzz/fuzz_<name>.cpp), in the order they are run.
+fuzz_targets=(photo fingerprint_bytes fnp exif protocol stylesheet converter_args)
+
+# Runs every fuzz target for the given seconds over a working copy of its
+# corpus (new inputs stay in the copy). A crash, leak, timeout or
+# out-of-memory input is copied into the target's corpus as
+# regression-<what>-<hash>, so the replay tests keep it; then the next target
+# runs. Exits 1 when anything was found.
+fuzz() {
+    local seconds="${1:-60}"
+    local fuzz_dir="$here/build-fuzz"
+    local corpus_root="$here/tests/fuzz/corpus"
+    ensure_packages
+    if [ ! -f "$fuzz_dir/CMakeCache.txt" ]; then
+        CC=clang CXX=clang++ cmake -S "$here" -B "$fuzz_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+            -DQUORVEX_FUZZ=ON
+    fi
+    local t
+    local programs=()
+    for t in "${fuzz_targets[@]}"; do programs+=("fuzz_$t"); done
+    cmake --build "$fuzz_dir" -j "$(nproc)" --target "${programs[@]}"
+
+    local found=0
+    for t in "${fuzz_targets[@]}"; do
+        # Absolute paths throughout: some targets change their working folder.
+        local work="$fuzz_dir/fuzz-work/$t"
+        rm -rf "$work"
+        mkdir -p "$work/corpus" "$work/artifacts"
+        cp "$corpus_root/$t"/* "$work/corpus/"
+        echo "=== fuzz_$t for $seconds s"
+        (
+            cd "$work"
+            QT_QPA_PLATFORM=offscreen \
+            LSAN_OPTIONS="suppressions=$here/tests/support/lsan.supp" \
+            "$fuzz_dir/tests/fuzz/fuzz_$t" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+                -print_final_stats=1 -artifact_prefix="$work/artifacts/" "$work/corpus" \
+                </dev/null >"$work/fuzz.log" 2>&1
+        ) || true
+        grep -E "^(#[0-9]+ +DONE|Done [0-9]+ runs|stat::number_of_executed_units|==[0-9]+==ERROR|SUMMARY)" \
+            "$work/fuzz.log" || true
+        local artifact
+        for artifact in "$work/artifacts"/*; do
+            [ -f "$artifact" ] || continue
+            local name what hash
+            name=$(basename "$artifact")
+            what=${name%%-*}
+            hash=$(sha1sum "$artifact" | cut -c1-10)
+            cp "$artifact" "$corpus_root/$t/regression-$what-$hash"
+            echo "fuzz_$t found a $what: tests/fuzz/corpus/$t/regression-$what-$hash (log: $work/fuzz.log)"
+            found=1
+        done
+    done
+    return "$found"
+}
+
 case "${1:-run}" in
     run)
         build
@@ -72,8 +130,11 @@ case "${1:-run}" in
         cd "$build_dir"
         QT_QPA_PLATFORM=offscreen ctest --output-on-failure -j "$(nproc)"
         ;;
+    fuzz)
+        fuzz "${2:-60}"
+        ;;
     *)
-        echo "usage: $0 [run|build|test|bench]" >&2
+        echo "usage: $0 [run|build|test|bench|fuzz [seconds]]" >&2
         exit 2
         ;;
 esac
