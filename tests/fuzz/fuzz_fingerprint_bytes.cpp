@@ -5,6 +5,7 @@
 
 #include "fuzztempfile.h"
 
+#include "constants.h"
 #include "fingerprint.h"
 #include "lumicrest.h"
 #include "status.h"
@@ -34,6 +35,10 @@ void parse(const uint8_t* data, size_t size)
         const lumicrest::FingerprintData fp = lumicrest::parseFingerprint(data, size);
         if (fp.width <= 0 || fp.height <= 0 || fp.k.width() != fp.width || fp.k.height() != fp.height)
             broken("parsed fingerprint has an inconsistent size");
+        // Nothing the options cannot give: matching relies on it.
+        for (float sigma : {fp.sigmaRef, fp.sigmaMatch})
+            if (!(sigma >= lumicrest::constants::MinSigma0 && sigma <= lumicrest::constants::MaxSigma0))
+                broken("parsed fingerprint has a noise level outside the options' range");
         // A parsed fingerprint writes the same bytes again (the format is exact).
         const std::vector<unsigned char> again = lumicrest::serializeFingerprint(fp);
         if (again.size() != size)
