@@ -24,6 +24,12 @@ CException lineError(const QString& pattern, int line)
     return CException(pattern.arg(line), CException::Unidentified);
 }
 
+CException expansionError(qint64 maxLength)
+{
+    return CException(QStringLiteral("Constants expand beyond %1 characters").arg(maxLength),
+                      CException::Unidentified);
+}
+
 } // namespace
 
 void CStyleSheetsParser::readConstants(const QString& filePath)
@@ -98,6 +104,12 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
     Constants resolved;
     Constants pending;
     QStringList work;
+    // Every value counts against one budget, so neither one long value nor
+    // many medium ones can grow without end.
+    qint64 total = 0;
+    for (const QString& value : m_constants)
+        total += value.size();
+    const qint64 limit = total + MaxResolutionGrowth;
     for (auto it = m_constants.cbegin(); it != m_constants.cend(); ++it)
     {
         if (containsAnyConstant(it.value(), names))
@@ -119,7 +131,16 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
         const QString value = resolved.value(name);
         for (auto it = pending.begin(); it != pending.end();)
         {
-            it.value() = replaceConstant(it.value(), name, value);
+            const qint64 before = it.value().size();
+            try
+            {
+                it.value() = replaceConstant(it.value(), name, value, limit - (total - before));
+            }
+            catch (const CException&)
+            {
+                throw expansionError(limit); // the budget, not what was left of it
+            }
+            total += it.value().size() - before;
             if (containsAnyConstant(it.value(), names))
             {
                 ++it;
@@ -141,9 +162,10 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
 QString CStyleSheetsParser::apply(const QString& styleSheet) const
 {
     const Constants resolved = resolvedConstants();
+    const qint64 limit = styleSheet.size() + MaxApplyGrowth;
     QString result = styleSheet;
     for (auto it = resolved.cbegin(); it != resolved.cend(); ++it)
-        result = replaceConstant(result, it.key(), it.value());
+        result = replaceConstant(result, it.key(), it.value(), limit);
     return result;
 }
 
@@ -208,7 +230,8 @@ bool CStyleSheetsParser::containsAnyConstant(const QString& text, const QStringL
     return false;
 }
 
-QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& name, const QString& value)
+QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& name, const QString& value,
+                                            qint64 maxLength)
 {
     if (name.isEmpty())
     {
@@ -221,8 +244,14 @@ QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& 
     int from = 0;
     // Every search runs on the unchanged input, so inserted values are never
     // searched again.
+    // The length is known before anything is appended, so an over-long
+    // result is refused before it takes memory.
+    qint64 length = text.size();
     for (int match = findConstant(text, name, from); match >= 0; match = findConstant(text, name, from))
     {
+        length += value.size() - name.size();
+        if (maxLength >= 0 && length > maxLength)
+            throw expansionError(maxLength);
         result += QStringRef(&text, from, match - from);
         result += value;
         from = match + name.size();
