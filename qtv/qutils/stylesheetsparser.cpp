@@ -4,6 +4,7 @@
 #include "exception.h"
 
 #include <QFile>
+#include <QSet>
 #include <QRegularExpression>
 
 namespace qutils
@@ -22,6 +23,29 @@ void insertNew(CStyleSheetsParser::Constants& constants, const QString& name, co
 CException lineError(const QString& pattern, int line)
 {
     return CException(pattern.arg(line), CException::Unidentified);
+}
+
+// True when a whole token of text is one of names. One pass over the text,
+// whatever the number of names: resolution asks this of every pending value
+// after every step.
+bool containsAnyName(const QString& text, const QSet<QString>& names)
+{
+    const int size = text.size();
+    int pos = 0;
+    while (pos < size)
+    {
+        if (CStyleSheetsParser::isSeparator(text.at(pos)))
+        {
+            ++pos;
+            continue;
+        }
+        const int start = pos;
+        while (pos < size && !CStyleSheetsParser::isSeparator(text.at(pos)))
+            ++pos;
+        if (names.contains(text.mid(start, pos - start)))
+            return true;
+    }
+    return false;
 }
 
 CException expansionError(qint64 maxLength)
@@ -100,7 +124,8 @@ void CStyleSheetsParser::setConstant(const QString& name, const QString& value)
 
 CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
 {
-    const QStringList names = m_constants.keys();
+    const QStringList keys = m_constants.keys();
+    const QSet<QString> names(keys.cbegin(), keys.cend());
     Constants resolved;
     Constants pending;
     QStringList work;
@@ -112,7 +137,7 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
     const qint64 limit = total + MaxResolutionGrowth;
     for (auto it = m_constants.cbegin(); it != m_constants.cend(); ++it)
     {
-        if (containsAnyConstant(it.value(), names))
+        if (containsAnyName(it.value(), names))
         {
             pending.insert(it.key(), it.value());
         }
@@ -141,7 +166,7 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
                 throw expansionError(limit); // the budget, not what was left of it
             }
             total += it.value().size() - before;
-            if (containsAnyConstant(it.value(), names))
+            if (containsAnyName(it.value(), names))
             {
                 ++it;
                 continue;
@@ -163,9 +188,28 @@ QString CStyleSheetsParser::apply(const QString& styleSheet) const
 {
     const Constants resolved = resolvedConstants();
     const qint64 limit = styleSheet.size() + MaxApplyGrowth;
-    QString result = styleSheet;
-    for (auto it = resolved.cbegin(); it != resolved.cend(); ++it)
-        result = replaceConstant(result, it.key(), it.value(), limit);
+    // One pass, token by token: resolved values hold no names, so this equals
+    // replacing the constants one after another, at a cost independent of
+    // their number.
+    QString result;
+    result.reserve(styleSheet.size());
+    const int size = styleSheet.size();
+    int pos = 0;
+    while (pos < size)
+    {
+        const int start = pos;
+        const bool separators = isSeparator(styleSheet.at(pos));
+        while (pos < size && isSeparator(styleSheet.at(pos)) == separators)
+            ++pos;
+        const QStringRef piece(&styleSheet, start, pos - start);
+        const auto found = separators ? resolved.cend() : resolved.constFind(piece.toString());
+        if (found == resolved.cend())
+            result += piece;
+        else
+            result += found.value();
+        if (result.size() > limit)
+            throw expansionError(limit);
+    }
     return result;
 }
 
@@ -222,12 +266,7 @@ int CStyleSheetsParser::findConstant(const QString& text, const QString& name, i
 
 bool CStyleSheetsParser::containsAnyConstant(const QString& text, const QStringList& names)
 {
-    for (const QString& name : names)
-    {
-        if (findConstant(text, name) >= 0)
-            return true;
-    }
-    return false;
+    return containsAnyName(text, QSet<QString>(names.cbegin(), names.cend()));
 }
 
 QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& name, const QString& value,

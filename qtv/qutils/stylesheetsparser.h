@@ -64,8 +64,8 @@ public:
     // constants' own length, apply() beyond the style sheet's. Constants that
     // refer to each other can otherwise name values that double at every step
     // ("B = A A", "C = B B", ...) and exhaust memory from a few lines.
-    static constexpr qint64 MaxResolutionGrowth = 1 << 20;
-    static constexpr qint64 MaxApplyGrowth = 1 << 22;
+    static constexpr qint64 MaxResolutionGrowth = 1 << 16;
+    static constexpr qint64 MaxApplyGrowth = 1 << 18;
 
 private:
     Constants m_constants;
