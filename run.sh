@@ -7,6 +7,8 @@
 #   ./run.sh check   the whole suite under ASan+UBSan
 #   ./run.sh tsan    the threaded tests under TSan, as a report
 #   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
+#   ./run.sh fuzz [S] build the fuzz targets with clang (build-fuzz) and run each for S seconds
+#                    (default 60); findings become regression inputs in tests/fuzz/corpus/
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -19,6 +21,7 @@ packages=(
     libexiv2-dev libfftw3-dev libjpeg-dev libtiff-dev libpng-dev zlib1g-dev
     libgtest-dev libgmock-dev
     poppler-utils fonts-dejavu-core help2man desktop-file-utils dpkg-dev file
+    clang libclang-rt-14-dev
 )
 
 missing_packages() {
@@ -56,6 +59,61 @@ build() {
 # The tests whose subject is threads: the analyzer pool, tasks and their runner,
 # the thumbnail thread, logging from many threads, the integration client.
 tsan_tests="test_quorvex_analyzer test_qutils_tasks test_quorvex_imagemodel test_qutils_logging test_quorvex_integration"
+
+# Every fuzz target (tests/fuzz/fuzz_<name>.cpp), in the order they are run.
+fuzz_targets=(photo fingerprint_bytes fnp exif protocol stylesheet converter_args)
+
+# Runs every fuzz target for the given seconds over a working copy of its
+# corpus (new inputs stay in the copy). A crash, leak, timeout or
+# out-of-memory input is copied into the target's corpus as
+# regression-<what>-<hash>, so the replay tests keep it; then the next target
+# runs. Exits 1 when anything was found.
+fuzz() {
+    local seconds="${1:-60}"
+    local fuzz_dir="$here/build-fuzz"
+    local corpus_root="$here/tests/fuzz/corpus"
+    ensure_packages
+    if [ ! -f "$fuzz_dir/CMakeCache.txt" ]; then
+        CC=clang CXX=clang++ cmake -S "$here" -B "$fuzz_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+            -DQUORVEX_FUZZ=ON
+    fi
+    local t
+    local programs=()
+    for t in "${fuzz_targets[@]}"; do programs+=("fuzz_$t"); done
+    cmake --build "$fuzz_dir" -j "$(nproc)" --target "${programs[@]}"
+
+    local found=0
+    for t in "${fuzz_targets[@]}"; do
+        # Absolute paths throughout: some targets change their working folder.
+        local work="$fuzz_dir/fuzz-work/$t"
+        rm -rf "$work"
+        mkdir -p "$work/corpus" "$work/artifacts"
+        cp "$corpus_root/$t"/* "$work/corpus/"
+        echo "=== fuzz_$t for $seconds s"
+        (
+            cd "$work"
+            QT_QPA_PLATFORM=offscreen \
+            LSAN_OPTIONS="suppressions=$here/tests/support/lsan.supp" \
+            "$fuzz_dir/tests/fuzz/fuzz_$t" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 \
+                -print_final_stats=1 -artifact_prefix="$work/artifacts/" "$work/corpus" \
+                </dev/null >"$work/fuzz.log" 2>&1
+        ) || true
+        grep -E "^(#[0-9]+ +DONE|Done [0-9]+ runs|stat::number_of_executed_units|==[0-9]+==ERROR|SUMMARY)" \
+            "$work/fuzz.log" || true
+        local artifact
+        for artifact in "$work/artifacts"/*; do
+            [ -f "$artifact" ] || continue
+            local name what hash
+            name=$(basename "$artifact")
+            what=${name%%-*}
+            hash=$(sha1sum "$artifact" | cut -c1-10)
+            cp "$artifact" "$corpus_root/$t/regression-$what-$hash"
+            echo "fuzz_$t found a $what: tests/fuzz/corpus/$t/regression-$what-$hash (log: $work/fuzz.log)"
+            found=1
+        done
+    done
+    return "$found"
+}
 
 case "${1:-run}" in
     run)
@@ -111,8 +169,11 @@ case "${1:-run}" in
             echo "$t: $(grep -c 'WARNING: ThreadSanitizer' "$log") reports, $(tail -1 "$log") ($log)"
         done
         ;;
+    fuzz)
+        fuzz "${2:-60}"
+        ;;
     *)
-        echo "usage: $0 [run|build|test|bench|check|tsan|package]" >&2
+        echo "usage: $0 [run|build|test|bench|check|tsan|package|fuzz [seconds]]" >&2
         exit 2
         ;;
 esac

@@ -11,6 +11,9 @@ namespace constants
 
 // Noise residual.
 constexpr float DefaultSigma0 = 3.0f;    // wavelet noise level on the 0..255 scale
+// The noise levels the options accept, and so all a fingerprint can hold.
+constexpr double MinSigma0 = 0.1;
+constexpr double MaxSigma0 = 50.0;
 constexpr float GreyR = 0.299f, GreyG = 0.587f, GreyB = 0.114f;
 
 // Intensity weights: a pixel's weight fades to zero above the clipping knee,

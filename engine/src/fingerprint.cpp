@@ -1,5 +1,6 @@
 #include "fingerprint.h"
 
+#include "constants.h"
 #include "lumicrest.h"
 #include "status.h"
 
@@ -267,7 +268,12 @@ FingerprintData parseFingerprint(const unsigned char* bytes, size_t size)
     fp.sigmaMatch = r.f32();
     fp.created = r.i64();
     const float scale = r.f32();
-    if (!(fp.sigmaRef > 0.0f) || !(fp.sigmaMatch > 0.0f) || !std::isfinite(scale) || scale <= 0.0f)
+    // Only noise levels the options allow: an infinite or absurd one would
+    // pass the checksum and then fail every match with a numeric error.
+    const auto sigmaOk = [](float sigma) {
+        return sigma >= constants::MinSigma0 && sigma <= constants::MaxSigma0;
+    };
+    if (!sigmaOk(fp.sigmaRef) || !sigmaOk(fp.sigmaMatch) || !std::isfinite(scale) || scale <= 0.0f)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint parameters out of range");
 
     const size_t pixels = static_cast<size_t>(width) * height;

@@ -56,9 +56,9 @@ LearnOptions parseLearnOptions(const std::string& text)
         const std::string key = trimmed(item.substr(0, equals));
         const std::string value = trimmed(item.substr(equals + 1));
         if (key == "sigma_ref")
-            options.sigmaRef = static_cast<float>(number(key, value, 0.1, 50.0));
+            options.sigmaRef = static_cast<float>(number(key, value, constants::MinSigma0, constants::MaxSigma0));
         else if (key == "sigma_match")
-            options.sigmaMatch = static_cast<float>(number(key, value, 0.1, 50.0));
+            options.sigmaMatch = static_cast<float>(number(key, value, constants::MinSigma0, constants::MaxSigma0));
         else if (key == "threads")
             options.threads = static_cast<int>(number(key, value, 0.0, 256.0));
         else

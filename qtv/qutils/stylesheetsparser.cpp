@@ -4,6 +4,7 @@
 #include "exception.h"
 
 #include <QFile>
+#include <QSet>
 #include <QRegularExpression>
 
 namespace qutils
@@ -22,6 +23,35 @@ void insertNew(CStyleSheetsParser::Constants& constants, const QString& name, co
 CException lineError(const QString& pattern, int line)
 {
     return CException(pattern.arg(line), CException::Unidentified);
+}
+
+// True when a whole token of text is one of names. One pass over the text,
+// whatever the number of names: resolution asks this of every pending value
+// after every step.
+bool containsAnyName(const QString& text, const QSet<QString>& names)
+{
+    const int size = text.size();
+    int pos = 0;
+    while (pos < size)
+    {
+        if (CStyleSheetsParser::isSeparator(text.at(pos)))
+        {
+            ++pos;
+            continue;
+        }
+        const int start = pos;
+        while (pos < size && !CStyleSheetsParser::isSeparator(text.at(pos)))
+            ++pos;
+        if (names.contains(text.mid(start, pos - start)))
+            return true;
+    }
+    return false;
+}
+
+CException expansionError(qint64 maxLength)
+{
+    return CException(QStringLiteral("Constants expand beyond %1 characters").arg(maxLength),
+                      CException::Unidentified);
 }
 
 } // namespace
@@ -94,13 +124,20 @@ void CStyleSheetsParser::setConstant(const QString& name, const QString& value)
 
 CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
 {
-    const QStringList names = m_constants.keys();
+    const QStringList keys = m_constants.keys();
+    const QSet<QString> names(keys.cbegin(), keys.cend());
     Constants resolved;
     Constants pending;
     QStringList work;
+    // Every value counts against one budget, so neither one long value nor
+    // many medium ones can grow without end.
+    qint64 total = 0;
+    for (const QString& value : m_constants)
+        total += value.size();
+    const qint64 limit = total + MaxResolutionGrowth;
     for (auto it = m_constants.cbegin(); it != m_constants.cend(); ++it)
     {
-        if (containsAnyConstant(it.value(), names))
+        if (containsAnyName(it.value(), names))
         {
             pending.insert(it.key(), it.value());
         }
@@ -119,8 +156,17 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
         const QString value = resolved.value(name);
         for (auto it = pending.begin(); it != pending.end();)
         {
-            it.value() = replaceConstant(it.value(), name, value);
-            if (containsAnyConstant(it.value(), names))
+            const qint64 before = it.value().size();
+            try
+            {
+                it.value() = replaceConstant(it.value(), name, value, limit - (total - before));
+            }
+            catch (const CException&)
+            {
+                throw expansionError(limit); // the budget, not what was left of it
+            }
+            total += it.value().size() - before;
+            if (containsAnyName(it.value(), names))
             {
                 ++it;
                 continue;
@@ -141,9 +187,29 @@ CStyleSheetsParser::Constants CStyleSheetsParser::resolvedConstants() const
 QString CStyleSheetsParser::apply(const QString& styleSheet) const
 {
     const Constants resolved = resolvedConstants();
-    QString result = styleSheet;
-    for (auto it = resolved.cbegin(); it != resolved.cend(); ++it)
-        result = replaceConstant(result, it.key(), it.value());
+    const qint64 limit = styleSheet.size() + MaxApplyGrowth;
+    // One pass, token by token: resolved values hold no names, so this equals
+    // replacing the constants one after another, at a cost independent of
+    // their number.
+    QString result;
+    result.reserve(styleSheet.size());
+    const int size = styleSheet.size();
+    int pos = 0;
+    while (pos < size)
+    {
+        const int start = pos;
+        const bool separators = isSeparator(styleSheet.at(pos));
+        while (pos < size && isSeparator(styleSheet.at(pos)) == separators)
+            ++pos;
+        const QStringRef piece(&styleSheet, start, pos - start);
+        const auto found = separators ? resolved.cend() : resolved.constFind(piece.toString());
+        if (found == resolved.cend())
+            result += piece;
+        else
+            result += found.value();
+        if (result.size() > limit)
+            throw expansionError(limit);
+    }
     return result;
 }
 
@@ -200,15 +266,11 @@ int CStyleSheetsParser::findConstant(const QString& text, const QString& name, i
 
 bool CStyleSheetsParser::containsAnyConstant(const QString& text, const QStringList& names)
 {
-    for (const QString& name : names)
-    {
-        if (findConstant(text, name) >= 0)
-            return true;
-    }
-    return false;
+    return containsAnyName(text, QSet<QString>(names.cbegin(), names.cend()));
 }
 
-QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& name, const QString& value)
+QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& name, const QString& value,
+                                            qint64 maxLength)
 {
     if (name.isEmpty())
     {
@@ -221,8 +283,14 @@ QString CStyleSheetsParser::replaceConstant(const QString& text, const QString& 
     int from = 0;
     // Every search runs on the unchanged input, so inserted values are never
     // searched again.
+    // The length is known before anything is appended, so an over-long
+    // result is refused before it takes memory.
+    qint64 length = text.size();
     for (int match = findConstant(text, name, from); match >= 0; match = findConstant(text, name, from))
     {
+        length += value.size() - name.size();
+        if (maxLength >= 0 && length > maxLength)
+            throw expansionError(maxLength);
         result += QStringRef(&text, from, match - from);
         result += value;
         from = match + name.size();

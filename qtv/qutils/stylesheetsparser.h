@@ -32,7 +32,8 @@ public:
     const Constants& constants() const { return m_constants; }
 
     // The constants with every reference to another constant replaced;
-    // throws "Constants circular dependence" when that cannot be done.
+    // throws "Constants circular dependence" when that cannot be done, and
+    // "Constants expand beyond N characters" past MaxResolutionGrowth.
     Constants resolvedConstants() const;
 
     // Resolves the constants and substitutes them into the style sheet, in
@@ -54,7 +55,17 @@ public:
 
     // Puts value in place of every whole-token occurrence of name. Inserted
     // values are not searched again, so a value may contain its own name.
-    static QString replaceConstant(const QString& text, const QString& name, const QString& value);
+    // With maxLength >= 0, a result longer than that throws "Constants expand
+    // beyond N characters" instead of being built.
+    static QString replaceConstant(const QString& text, const QString& name, const QString& value,
+                                   qint64 maxLength = -1);
+
+    // How far substitution may grow texts, in characters: resolution beyond the
+    // constants' own length, apply() beyond the style sheet's. Constants that
+    // refer to each other can otherwise name values that double at every step
+    // ("B = A A", "C = B B", ...) and exhaust memory from a few lines.
+    static constexpr qint64 MaxResolutionGrowth = 1 << 16;
+    static constexpr qint64 MaxApplyGrowth = 1 << 18;
 
 private:
     Constants m_constants;

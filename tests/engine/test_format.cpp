@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <random>
 
 using namespace lumicrest;
@@ -149,6 +150,30 @@ TEST(FingerprintBytes, EveryDamageIsRefused)
     EXPECT_EQ(parseCode(future), LUMICREST_FINGERPRINT_CANNOT_READ);
     future[4] = 1;
     EXPECT_EQ(parseCode(future), LUMICREST_FINGERPRINT_CANNOT_READ) << "checksum now belongs to version 2";
+}
+
+TEST(FingerprintBytes, NoiseLevelsTheOptionsCannotGiveAreRefused)
+{
+    // Such bytes pass the checksum but would fail every match with a numeric error.
+    for (float sigma : {std::numeric_limits<float>::infinity(), 3e38f, 1e-30f, 0.05f, 0.0f, -3.0f,
+                        std::numeric_limits<float>::quiet_NaN()})
+    {
+        FingerprintData fp = sampleFingerprint(8, 8, 4);
+        fp.sigmaMatch = sigma;
+        EXPECT_EQ(parseCode(serializeFingerprint(fp)), LUMICREST_FINGERPRINT_CANNOT_READ) << "sigma_match " << sigma;
+        fp = sampleFingerprint(8, 8, 4);
+        fp.sigmaRef = sigma;
+        EXPECT_EQ(parseCode(serializeFingerprint(fp)), LUMICREST_FINGERPRINT_CANNOT_READ) << "sigma_ref " << sigma;
+    }
+    // The ends of the options' range are fingerprints the engine can make.
+    for (const char* option : {"sigma_ref=0.1;sigma_match=50", "sigma_ref=50;sigma_match=0.1"})
+    {
+        const LearnOptions options = parseLearnOptions(option);
+        FingerprintData fp = sampleFingerprint(8, 8, 5);
+        fp.sigmaRef = options.sigmaRef;
+        fp.sigmaMatch = options.sigmaMatch;
+        EXPECT_EQ(parseCode(serializeFingerprint(fp)), LUMICREST_OK) << option;
+    }
 }
 
 TEST(ProbabilityLadder, PassesThroughItsPointsAndIsMonotone)

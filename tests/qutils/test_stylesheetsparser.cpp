@@ -260,6 +260,62 @@ TEST(StyleSheetsParserResolve, CyclesThrow)
     }
 }
 
+TEST(StyleSheetsParserResolve, DoublingValuesStopAtTheBudget)
+{
+    // Sixty lines whose values double at every step would name 2^60 tokens.
+    QString text = QStringLiteral("C0 = x\n");
+    for (int i = 1; i < 60; ++i)
+        text += QStringLiteral("C%1 = C%2 C%2\n").arg(i).arg(i - 1);
+    CStyleSheetsParser parser;
+    parser.parseConstants(text);
+    const auto expectExpansionError = [](auto f) {
+        try
+        {
+            f();
+            ADD_FAILURE() << "no exception";
+        }
+        catch (const CException& e)
+        {
+            EXPECT_TRUE(e.message().startsWith(QStringLiteral("Constants expand beyond ")))
+                << e.message().toStdString();
+            EXPECT_EQ(e.code(), 1287);
+        }
+    };
+    qint64 own = 0;
+    for (const QString& value : parser.constants())
+        own += value.size();
+    expectError([&] { parser.resolvedConstants(); }, QStringLiteral("Constants expand beyond %1 characters")
+                                                         .arg(own + CStyleSheetsParser::MaxResolutionGrowth));
+    expectExpansionError([&] { parser.apply(QStringLiteral("x { color: C59; }")); });
+    // The first twelve steps stay inside the budget and resolve in full.
+    CStyleSheetsParser shorter;
+    shorter.parseConstants(text.section(QLatin1Char('\n'), 0, 11));
+    EXPECT_EQ(shorter.resolvedConstants().value(QStringLiteral("C11")).count(QLatin1Char('x')), 1 << 11);
+}
+
+TEST(StyleSheetsParserApply, SheetGrowthStopsAtTheBudget)
+{
+    // One allowed long value, named by many tokens of a sheet.
+    CStyleSheetsParser parser;
+    parser.addConstant(QStringLiteral("LONG"), QString(100000, QLatin1Char('a')));
+    QString sheet;
+    for (int i = 0; i < 100; ++i)
+        sheet += QStringLiteral("LONG ");
+    expectError([&] { parser.apply(sheet); }, QStringLiteral("Constants expand beyond %1 characters")
+                                                  .arg(sheet.size() + CStyleSheetsParser::MaxApplyGrowth));
+    // Below the budget the same value is substituted whole.
+    EXPECT_EQ(parser.apply(QStringLiteral("LONG;")).size(), 100001);
+}
+
+TEST(StyleSheetsParserReplace, LimitCountsTheWholeResult)
+{
+    const QString text = QStringLiteral("A A");
+    EXPECT_EQ(CStyleSheetsParser::replaceConstant(text, QStringLiteral("A"), QStringLiteral("bbb"), 7),
+              QStringLiteral("bbb bbb"));
+    expectError([&] { CStyleSheetsParser::replaceConstant(text, QStringLiteral("A"), QStringLiteral("bbb"), 6); },
+                QStringLiteral("Constants expand beyond 6 characters"));
+}
+
 TEST(StyleSheetsParserResolve, TokenInsideAnotherWordIsNoReference)
 {
     CStyleSheetsParser parser;
