@@ -3,7 +3,8 @@
 #   ./run.sh         install what is missing, build, run the demonstration case
 #   ./run.sh test    install what is missing, build, run every test
 #   ./run.sh build   install what is missing and build only
-#   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
+#   ./run.sh bench   build, then measure the engine (results in bench/results.json), the gallery,
+#                    the report and long runs (memory of the integration server and the analyzer)
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -66,6 +67,7 @@ case "${1:-run}" in
         "$build_dir/bench/bench_engine" --sizes 10,24 --out "$here/bench/results.json"
         "$build_dir/bench/bench_gallery" --count 10000
         "$build_dir/bin/bench_report" --count 500
+        "$build_dir/bin/bench_soak"
         ;;
     test)
         build
