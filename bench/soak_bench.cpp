@@ -9,7 +9,7 @@
 //                paths (hard links to 100 simulated photos); this process's
 //                resident memory every 100 finished photos.
 //
-//   bench_soak [--requests 10000] [--photos 2000] [--only integration|analyzer] [--cache DIR]
+//   bench_soak [--requests 10000] [--photos 2000] [--only integration|analyzer] [--size 800x600] [--cache DIR]
 //
 // Photos and the fingerprint are made once in the cache folder and reused.
 // The server is found as the client finds it: QUORVEX_PROGRAM, then beside
@@ -29,6 +29,7 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,8 +41,9 @@ using qutils::CQuorvexAPI;
 namespace
 {
 
-constexpr int Width = 800; // learning needs a short side of 512 or more; 4:3 above that
-constexpr int Height = 600;
+// Photo size: small, so a long run is quick; learning needs a short side of 512 or more.
+int Width = 800;
+int Height = 600;
 constexpr int References = 10;
 constexpr int SameQuestions = 6; // of the fingerprint's camera
 constexpr int OtherQuestions = 4; // of another unit of the same model
@@ -87,6 +89,21 @@ SMemory memoryOf(const QString& statusPath)
 SMemory ownMemory()
 {
     return memoryOf(QStringLiteral("/proc/self/status"));
+}
+
+// What the allocator has handed out and not got back, against what it holds
+// from the system: a growing first number is a leak, a growing second with a
+// flat first is memory the allocator keeps.
+struct SHeap
+{
+    double inUse = 0; // MiB
+    double held = 0;
+};
+
+SHeap heapOfThisProcess()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return {(info.uordblks + info.hblkhd) / 1048576.0, (info.arena + info.hblkhd) / 1048576.0};
 }
 
 // The client does not tell its server's process id: the server is our child
@@ -417,7 +434,8 @@ bool runAnalyzer(const SPhotoSet& set, const QDir& dir, int count)
     // Two workers are always inside a match, whose buffers come and go with it,
     // so one reading swings by the size of a match. The lowest reading of each
     // window is what stays between matches; a leak lifts it, so it is judged.
-    std::printf("%9s %12s %12s %12s %10s\n", "photos", "RSS MiB", "window min", "window max", "photos/s");
+    std::printf("%9s %12s %12s %12s %12s %12s %10s\n", "photos", "RSS MiB", "window min", "window max", "heap in use",
+                "heap held", "photos/s");
 
     std::vector<long> ops;
     std::vector<double> rss;
@@ -436,7 +454,9 @@ bool runAnalyzer(const SPhotoSet& set, const QDir& dir, int count)
             const int inWindow = finished % AnalyzerSampleEvery == 0 ? AnalyzerSampleEvery : finished % AnalyzerSampleEvery;
             ops.push_back(finished);
             rss.push_back(windowMin);
-            std::printf("%9d %12.1f %12.1f %12.1f %10.1f\n", finished, now.rss, windowMin, windowMax, inWindow / seconds);
+            const SHeap heap = heapOfThisProcess();
+            std::printf("%9d %12.1f %12.1f %12.1f %12.1f %12.1f %10.1f\n", finished, now.rss, windowMin, windowMax,
+                        heap.inUse, heap.held, inWindow / seconds);
             std::fflush(stdout);
             windowMin = 1e300;
             windowMax = 0;
@@ -493,6 +513,7 @@ int main(int argc, char** argv)
                        {QStringLiteral("photos"), QStringLiteral("photos for the analyzer"), QStringLiteral("n"),
                         QStringLiteral("2000")},
                        {QStringLiteral("only"), QStringLiteral("integration or analyzer"), QStringLiteral("part")},
+                       {QStringLiteral("size"), QStringLiteral("photo size"), QStringLiteral("WxH"), QStringLiteral("800x600")},
                        {QStringLiteral("cache"), QStringLiteral("photo folder"), QStringLiteral("folder")}});
     parser.process(app);
     const int requests = parser.value(QStringLiteral("requests")).toInt();
@@ -503,6 +524,15 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "--only takes integration or analyzer\n");
         return 2;
     }
+    const QStringList wh = parser.value(QStringLiteral("size")).split(QLatin1Char('x'));
+    Width = wh.value(0).toInt();
+    Height = wh.value(1).toInt();
+    if (std::min(Width, Height) < 512)
+    {
+        std::fprintf(stderr, "--size: both sides 512 or more (learning needs it)\n");
+        return 2;
+    }
+    const QString size = QStringLiteral("%1x%2").arg(Width).arg(Height);
     const QDir cache(parser.isSet(QStringLiteral("cache")) ? parser.value(QStringLiteral("cache"))
                                                            : QDir::temp().filePath(QStringLiteral("quorvex-bench-soak")));
 
@@ -513,7 +543,7 @@ int main(int argc, char** argv)
 
     QElapsedTimer timer;
     timer.start();
-    const SPhotoSet set = ensurePhotoSet(QDir(cache.filePath(QStringLiteral("set"))));
+    const SPhotoSet set = ensurePhotoSet(QDir(cache.filePath(QStringLiteral("set-") + size)));
     if (set.fingerprint.isEmpty())
         return 1;
     std::printf("photo set and fingerprint ready in %.1f s (%s)\n", timer.elapsed() / 1000.0,
@@ -533,6 +563,6 @@ int main(int argc, char** argv)
         }
     }
     if (only.isEmpty() || only == QLatin1String("analyzer"))
-        ok = runAnalyzer(set, QDir(cache.filePath(QStringLiteral("analyzer-%1").arg(photos))), photos) && ok;
+        ok = runAnalyzer(set, QDir(cache.filePath(QStringLiteral("analyzer-%1-%2").arg(size).arg(photos))), photos) && ok;
     return ok ? 0 : 1;
 }
