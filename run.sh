@@ -6,9 +6,10 @@
 #   ./run.sh package the Debian package build/quorvex_*.deb
 #   ./run.sh check   the whole suite under ASan+UBSan
 #   ./run.sh tsan    the threaded tests under TSan, as a report
-#   ./run.sh bench   build, then measure the engine (results in bench/results.json) and the gallery
 #   ./run.sh fuzz [S] build the fuzz targets with clang (build-fuzz) and run each for S seconds
 #                    (default 60); findings become regression inputs in tests/fuzz/corpus/
+#   ./run.sh bench   build, then measure the engine (results in bench/results.json), the gallery,
+#                    the report and long runs (memory of the integration server and the analyzer)
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -131,6 +132,7 @@ case "${1:-run}" in
         "$build_dir/bench/bench_engine" --sizes 10,24 --out "$here/bench/results.json"
         "$build_dir/bench/bench_gallery" --count 10000
         "$build_dir/bin/bench_report" --count 500
+        "$build_dir/bin/bench_soak"
         ;;
     test)
         build

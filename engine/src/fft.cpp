@@ -19,7 +19,7 @@ namespace lumicrest
 
 void Spectrum::Free::operator()(std::complex<float>* p) const noexcept
 {
-    std::free(p);
+    releaseBlock(p, bytes);
 }
 
 void Spectrum::reset(int width, int height)
@@ -34,7 +34,7 @@ void Spectrum::reset(int width, int height)
         void* p = allocateBlock(bytes);
         if (!p)
             throw std::bad_alloc();
-        m_data.reset(static_cast<std::complex<float>*>(p));
+        m_data = std::unique_ptr<std::complex<float>[], Free>(static_cast<std::complex<float>*>(p), Free(bytes));
         m_capacity = count;
     }
     m_width = width;

@@ -24,7 +24,10 @@ public:
 private:
     struct Free
     {
+        Free() noexcept : bytes(0) {}
+        explicit Free(size_t allocated) noexcept : bytes(allocated) {}
         void operator()(std::complex<float>* p) const noexcept;
+        size_t bytes; // as allocated: large blocks are released by size
     };
     std::unique_ptr<std::complex<float>[], Free> m_data;
     size_t m_capacity = 0;

@@ -3,7 +3,6 @@
 #include "memory.h"
 
 #include <cstddef>
-#include <cstdlib>
 #include <memory>
 #include <new>
 
@@ -11,17 +10,20 @@ namespace lumicrest
 {
 
 // 64-byte aligned float storage, so vectorised loops start on a cache line.
+// The block is released with the size it was made with.
 struct AlignedFree
 {
-    void operator()(float* p) const noexcept { std::free(p); }
+    size_t bytes = 0;
+    void operator()(float* p) const noexcept { releaseBlock(p, bytes); }
 };
 
 inline std::unique_ptr<float[], AlignedFree> allocateFloats(size_t count)
 {
-    void* p = allocateBlock(count * sizeof(float));
+    const size_t bytes = count * sizeof(float);
+    void* p = allocateBlock(bytes);
     if (!p)
         throw std::bad_alloc();
-    return std::unique_ptr<float[], AlignedFree>(static_cast<float*>(p));
+    return std::unique_ptr<float[], AlignedFree>(static_cast<float*>(p), AlignedFree{bytes});
 }
 
 // One image plane of float32 samples, row-major, rows packed (stride == width).
