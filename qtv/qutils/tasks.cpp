@@ -2,6 +2,7 @@
 
 #include "debugutils.h"
 
+#include <QCoreApplication>
 #include <QMetaType>
 #include <QMutex>
 #include <QMutexLocker>
@@ -13,8 +14,10 @@ namespace qutils
 namespace
 {
 
-// The one thread every task object lives on. Created on first use and never
-// stopped here: tasks may be created and released until the process ends.
+// The one thread every task object lives on. Created on first use and stopped
+// when the application object goes: a task released just before the end is
+// deleted on it (its destructor may still be removing files), and that must be
+// over before the process tears down what the destructor uses.
 class CThreadForAllTasks : public QThread
 {
 public:
@@ -22,10 +25,24 @@ public:
 
 private:
     CThreadForAllTasks() { setObjectName(QStringLiteral("QuorvexTasks")); }
+    static void stopAtApplicationEnd();
 };
 
 std::atomic<CThreadForAllTasks*> g_threadForAllTasks{nullptr};
 QBasicMutex g_threadForAllTasksMutex;
+
+void CThreadForAllTasks::stopAtApplicationEnd()
+{
+    // No lock while waiting: a destructor running on the thread may create a task.
+    CThreadForAllTasks* thread = g_threadForAllTasks.exchange(nullptr, std::memory_order_acq_rel);
+    if (!thread)
+        return;
+    // A thread that ends delivers the deferred deletions still posted to it,
+    // so every task released before this point is destroyed by the wait.
+    thread->quit();
+    thread->wait();
+    delete thread;
+}
 
 CThreadForAllTasks* CThreadForAllTasks::instance()
 {
@@ -42,6 +59,9 @@ CThreadForAllTasks* CThreadForAllTasks::instance()
         thread = new CThreadForAllTasks();
         thread->start(QThread::InheritPriority);
         g_threadForAllTasks.store(thread, std::memory_order_release);
+        // Without an application object nothing calls it and the thread lives
+        // until the process ends.
+        qAddPostRoutine(&CThreadForAllTasks::stopAtApplicationEnd);
     }
     return thread;
 }
