@@ -2,9 +2,12 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
+#include <vector>
 
 #if defined(__unix__)
 #include <sys/mman.h>
+#include <unistd.h>
 #endif
 
 namespace lumicrest
@@ -39,9 +42,20 @@ void releaseAligned(void* block)
 }
 
 #if defined(__unix__)
-void* mapHugeAligned(size_t bytes)
+// Whole pages; whole huge pages from 2 MiB on.
+size_t mappedLength(size_t bytes)
 {
-    const size_t length = roundedUp(bytes, HugePage);
+    static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return bytes >= HugePage ? roundedUp(bytes, HugePage) : roundedUp(bytes, page);
+}
+
+void* mapBlock(size_t length)
+{
+    if (length < HugePage)
+    {
+        void* p = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return p == MAP_FAILED ? nullptr : p;
+    }
     // One huge page more than needed, then the unaligned ends given back.
     const size_t reserved = length + HugePage;
     void* p = mmap(nullptr, reserved, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -59,6 +73,70 @@ void* mapHugeAligned(size_t bytes)
 #endif
     return reinterpret_cast<void*>(aligned);
 }
+
+struct FreeBlock
+{
+    void* block;
+    size_t length;
+};
+
+struct Pool
+{
+    std::mutex mutex;
+    std::vector<FreeBlock> blocks; // oldest first
+    size_t bytes = 0;
+};
+
+// Never destroyed: worker threads may still release blocks while static
+// objects are being destroyed.
+Pool& pool()
+{
+    static Pool* instance = new Pool;
+    return *instance;
+}
+
+void* takePooled(size_t length)
+{
+    Pool& p = pool();
+    std::lock_guard<std::mutex> lock(p.mutex);
+    // The most recently released first: its pages are the likeliest in cache.
+    for (size_t i = p.blocks.size(); i-- > 0;)
+    {
+        if (p.blocks[i].length == length)
+        {
+            void* block = p.blocks[i].block;
+            p.blocks.erase(p.blocks.begin() + static_cast<std::ptrdiff_t>(i));
+            p.bytes -= length;
+            return block;
+        }
+    }
+    return nullptr;
+}
+
+void giveToPool(void* block, size_t length) noexcept
+{
+    std::vector<FreeBlock> evicted;
+    try
+    {
+        Pool& p = pool();
+        std::lock_guard<std::mutex> lock(p.mutex);
+        p.blocks.push_back({block, length});
+        p.bytes += length;
+        size_t drop = 0;
+        while (p.bytes > PoolBytes)
+            p.bytes -= p.blocks[drop++].length;
+        evicted.assign(p.blocks.begin(), p.blocks.begin() + static_cast<std::ptrdiff_t>(drop));
+        p.blocks.erase(p.blocks.begin(), p.blocks.begin() + static_cast<std::ptrdiff_t>(drop));
+    }
+    catch (...)
+    {
+        // No room to note it: give it back now.
+        munmap(block, length);
+        return;
+    }
+    for (const FreeBlock& f : evicted)
+        munmap(f.block, f.length);
+}
 #endif
 
 } // namespace
@@ -66,8 +144,16 @@ void* mapHugeAligned(size_t bytes)
 void* allocateBlock(size_t bytes)
 {
 #if defined(__unix__)
-    if (bytes >= HugePage)
-        return mapHugeAligned(bytes);
+    if (bytes >= LargeBlock)
+    {
+        const size_t length = mappedLength(bytes);
+        if (length <= PoolLargest)
+        {
+            if (void* block = takePooled(length))
+                return block;
+        }
+        return mapBlock(length);
+    }
 #endif
     return allocateAligned(bytes == 0 ? 1 : bytes);
 }
@@ -77,13 +163,28 @@ void releaseBlock(void* block, size_t bytes) noexcept
     if (!block)
         return;
 #if defined(__unix__)
-    if (bytes >= HugePage)
+    if (bytes >= LargeBlock)
     {
-        munmap(block, roundedUp(bytes, HugePage));
+        const size_t length = mappedLength(bytes);
+        if (length <= PoolLargest)
+            giveToPool(block, length);
+        else
+            munmap(block, length);
         return;
     }
 #endif
     releaseAligned(block);
+}
+
+size_t pooledBytes()
+{
+#if defined(__unix__)
+    Pool& p = pool();
+    std::lock_guard<std::mutex> lock(p.mutex);
+    return p.bytes;
+#else
+    return 0;
+#endif
 }
 
 } // namespace lumicrest

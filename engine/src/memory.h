@@ -8,15 +8,25 @@ namespace lumicrest
 // Storage for planes and spectra, 64-byte aligned, released with releaseBlock
 // and the size it was made with.
 //
-// Never through aligned_alloc: glibc 2.36 often could not reuse an aligned
-// block after its release (it asks for more than the block to find an aligned
-// start), so a long run of matches on photos of a few megapixels or less grew
-// by a plane every match or two. Blocks below 2 MiB come from plain malloc,
-// aligned by hand; blocks of 2 MiB and more are mapped from the system,
-// aligned to 2 MiB and, where the system offers it, backed by huge pages: a
-// 10-megapixel plane then costs 20 page faults instead of 10,000, and the
-// transforms miss the TLB far less. They are unmapped on release.
+// Large blocks (LargeBlock bytes and more) are mapped from the system and kept
+// out of the C allocator. There, glibc 2.36 often could not reuse aligned
+// blocks once freed, and small allocations that outlive a match, made among
+// its large ones, fragmented the heap further: a long run of matches on small
+// photos grew by up to a plane every match. Released large blocks of up to
+// PoolLargest bytes wait in a pool of at most PoolBytes for the next request
+// of the same size, as same-size photos make them, so the pages are not
+// faulted in again for every match; beyond that they are unmapped. Blocks of
+// 2 MiB and more are aligned to 2 MiB and, where the system offers it, backed
+// by huge pages: a 10-megapixel plane then costs 20 page faults instead of
+// 10,000, and the transforms miss the TLB far less.
+constexpr size_t LargeBlock = size_t(256) << 10;
+constexpr size_t PoolLargest = size_t(32) << 20;
+constexpr size_t PoolBytes = size_t(64) << 20;
+
 void* allocateBlock(size_t bytes);
 void releaseBlock(void* block, size_t bytes) noexcept;
+
+// Bytes of released blocks waiting in the pool; for tests and benchmarks.
+size_t pooledBytes();
 
 } // namespace lumicrest

@@ -22,7 +22,7 @@ void CMultipleThreadAnalyzer::CAnalyzerThread::run()
         const SAnalysisResult result = m_analyzer->m_fingerprint
                                            ? m_analyzer->m_fingerprint->match(photo, m_analyzer->m_skipDifferentCamera)
                                            : SAnalysisResult{false, 0.0, 0.0, qutils::CQuorvexAPI::CannotOpenFingerprint};
-        m_analyzer->store(photo, result);
+        m_analyzer->store(index, result);
         emit m_analyzer->imageFinished(index);
     }
 }
@@ -30,9 +30,28 @@ void CMultipleThreadAnalyzer::CAnalyzerThread::run()
 CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files,
                                                  std::shared_ptr<const CFingerprint> fingerprint,
                                                  bool skipDifferentCamera, QObject* parent, int threadCount)
-    : QObject(parent), m_files(files), m_fingerprint(std::move(fingerprint)),
-      m_skipDifferentCamera(skipDifferentCamera)
+    : QObject(parent), m_fingerprint(std::move(fingerprint)), m_skipDifferentCamera(skipDifferentCamera)
 {
+    m_slotOfIndex.reserve(files.size());
+    m_slots.reserve(files.size());
+    m_slotOfPath.reserve(files.size());
+    for (const QFileInfo& file : files)
+    {
+        const QString path = file.absoluteFilePath();
+        const auto found = m_slotOfPath.constFind(path);
+        int slot = 0;
+        if (found == m_slotOfPath.constEnd())
+        {
+            slot = m_slots.size();
+            m_slotOfPath.insert(path, slot);
+            m_slots.append(SSlot{path, SAnalysisResult(), false});
+        }
+        else
+        {
+            slot = found.value();
+        }
+        m_slotOfIndex.append(slot);
+    }
     const int n = threadCount > 0 ? threadCount : poolSize(QThread::idealThreadCount());
     for (int i = 0; i < n; ++i)
     {
@@ -77,28 +96,39 @@ int CMultipleThreadAnalyzer::takeNext(QFileInfo& photo)
 {
     std::lock_guard<std::mutex> lock(m_indexMutex);
     const int index = m_nextIndex++;
-    if (index >= m_files.size())
+    if (index >= m_slotOfIndex.size())
         return -1;
-    photo = m_files.at(index);
+    // A photo of its own from the shared path text: whatever the match caches
+    // in it goes with it, not into a list that lives on.
+    photo = QFileInfo(m_slots.at(m_slotOfIndex.at(index)).path);
     return index;
 }
 
-void CMultipleThreadAnalyzer::store(const QFileInfo& photo, const SAnalysisResult& result)
+void CMultipleThreadAnalyzer::store(int index, const SAnalysisResult& result)
 {
     std::lock_guard<std::mutex> lock(m_resultsMutex);
-    m_results.insert(photo.absoluteFilePath(), result);
+    SSlot& slot = m_slots[m_slotOfIndex.at(index)];
+    slot.result = result;
+    if (!slot.done)
+    {
+        slot.done = true;
+        ++m_analyzedCount;
+    }
 }
 
 int CMultipleThreadAnalyzer::analyzedCount() const
 {
     std::lock_guard<std::mutex> lock(m_resultsMutex);
-    return m_results.size();
+    return m_analyzedCount;
 }
 
 CMultipleThreadAnalyzer::SAnalysisResult CMultipleThreadAnalyzer::result(const QString& absolutePath) const
 {
     std::lock_guard<std::mutex> lock(m_resultsMutex);
-    return m_results.value(absolutePath);
+    const auto found = m_slotOfPath.constFind(absolutePath);
+    if (found == m_slotOfPath.constEnd() || !m_slots.at(found.value()).done)
+        return SAnalysisResult();
+    return m_slots.at(found.value()).result;
 }
 
 QMap<QString, CMultipleThreadAnalyzer::SAnalysisResult> CMultipleThreadAnalyzer::results() const
@@ -106,5 +136,9 @@ QMap<QString, CMultipleThreadAnalyzer::SAnalysisResult> CMultipleThreadAnalyzer:
     if (m_finishedThreads != m_threads.size())
         QX_ERROR << "Cannot be called while analyze still running.";
     std::lock_guard<std::mutex> lock(m_resultsMutex);
-    return m_results;
+    QMap<QString, SAnalysisResult> results;
+    for (const SSlot& slot : m_slots)
+        if (slot.done)
+            results.insert(slot.path, slot.result);
+    return results;
 }

@@ -3,9 +3,11 @@
 #include "fingerprint.h"
 
 #include <QFileInfoList>
+#include <QHash>
 #include <QMap>
 #include <QObject>
 #include <QThread>
+#include <QVector>
 
 #include <atomic>
 #include <memory>
@@ -14,6 +16,12 @@
 // Matches every photo of a list against one fingerprint on a fixed pool of
 // threads that take photos in list order from a shared index. Owns the
 // results, keyed by absolute path.
+//
+// Their storage is laid out once by the constructor, so a worker allocates
+// nothing per photo that outlives the photo: small long-lived allocations made
+// on the workers, among each match's large temporary ones, kept the allocator
+// from reusing freed memory (the process grew by about 3 KiB per photo, over
+// ten times what the results take).
 class CMultipleThreadAnalyzer : public QObject
 {
     Q_OBJECT
@@ -61,12 +69,22 @@ private:
     friend class CAnalyzerThread;
     // The next photo to match, or -1 when there is none.
     int takeNext(QFileInfo& photo);
-    void store(const QFileInfo& photo, const SAnalysisResult& result);
+    void store(int index, const SAnalysisResult& result);
 
-    QFileInfoList m_files;
+    // Per distinct absolute path (a path listed twice has one entry).
+    struct SSlot
+    {
+        QString path;
+        SAnalysisResult result;
+        bool done = false;
+    };
+
     std::atomic<bool> m_cancelled{false};
     QList<CAnalyzerThread*> m_threads;
-    QMap<QString, SAnalysisResult> m_results;
+    QVector<int> m_slotOfIndex; // the slot of each listed photo
+    QVector<SSlot> m_slots;
+    QHash<QString, int> m_slotOfPath;
+    int m_analyzedCount = 0;
     std::shared_ptr<const CFingerprint> m_fingerprint;
     bool m_skipDifferentCamera;
     mutable std::mutex m_resultsMutex;

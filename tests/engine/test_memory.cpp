@@ -65,6 +65,45 @@ TEST(EngineMemory, PlanesAndSpectraKeepTheirStorageAcrossResets)
     spectrum = Spectrum();
 }
 
+#if defined(__unix__)
+TEST(EngineMemory, ReleasedLargeBlocksAreReusedForTheSameSize)
+{
+    const size_t plane = 800 * 600 * sizeof(float);
+    void* first = allocateBlock(plane);
+    const size_t pooled = pooledBytes();
+    releaseBlock(first, plane);
+    EXPECT_GT(pooledBytes(), pooled);
+    void* again = allocateBlock(plane);
+    EXPECT_EQ(again, first) << "the released block comes back, its pages already in place";
+    EXPECT_EQ(pooledBytes(), pooled);
+    static_cast<char*>(again)[plane - 1] = 1;
+    releaseBlock(again, plane);
+}
+
+TEST(EngineMemory, ThePoolIsBoundedAndKeepsNoHugeBlocks)
+{
+    // Distinct sizes, so none is taken again: more than the pool may keep.
+    std::vector<std::pair<void*, size_t>> blocks;
+    for (size_t i = 0; i < 40; ++i)
+    {
+        const size_t bytes = LargeBlock + i * (size_t(64) << 10) + (size_t(3) << 20);
+        blocks.emplace_back(allocateBlock(bytes), bytes);
+        ASSERT_NE(blocks.back().first, nullptr);
+    }
+    for (const auto& [block, bytes] : blocks)
+        releaseBlock(block, bytes);
+    EXPECT_LE(pooledBytes(), PoolBytes);
+    EXPECT_GT(pooledBytes(), PoolBytes / 2);
+
+    const size_t before = pooledBytes();
+    const size_t huge = PoolLargest + 1;
+    void* block = allocateBlock(huge);
+    ASSERT_NE(block, nullptr);
+    releaseBlock(block, huge);
+    EXPECT_EQ(pooledBytes(), before) << "blocks above PoolLargest are unmapped at once";
+}
+#endif
+
 #if defined(__GLIBC__)
 // What the C allocator holds from the system, by its own accounting.
 size_t heldByAllocator()

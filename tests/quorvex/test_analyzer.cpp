@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QMutex>
 #include <QSemaphore>
 #include <QTemporaryDir>
 
@@ -177,6 +178,34 @@ TEST(Analyzer, SamePathTwiceKeepsTheLaterResultAndLogsEarlyReads)
     EXPECT_EQ(sig.done.size(), 2);
     EXPECT_EQ(analyzer.analyzedCount(), 1);
     EXPECT_TRUE(analyzer.result(QStringLiteral("/cases/same.jpg")).matched);
+}
+
+TEST(Analyzer, ResultsAreKeyedByAbsolutePathWhateverTheSpelling)
+{
+    auto fp = std::make_shared<CScriptedFingerprint>();
+    QStringList seen;
+    QMutex seenMutex;
+    fp->answer = [&](const QFileInfo& photo) {
+        QMutexLocker lock(&seenMutex);
+        seen.append(photo.filePath());
+        return Result{true, 0.9995, 0.02, CQuorvexAPI::Success, 500.0};
+    };
+    const QString absolute = QDir::current().absoluteFilePath(QStringLiteral("relative.jpg"));
+    const QFileInfoList list = {QFileInfo(QStringLiteral("relative.jpg")), QFileInfo(absolute),
+                                QFileInfo(QStringLiteral("/cases/other.jpg"))};
+    CMultipleThreadAnalyzer analyzer(list, fp, true, nullptr, 2);
+    EXPECT_EQ(analyzer.analyzedCount(), 0);
+    EXPECT_EQ(analyzer.result(absolute).status, CQuorvexAPI::Invalid) << "nothing before its match";
+    SSignals sig(analyzer);
+    analyzer.start();
+    ASSERT_TRUE(testutils::waitFor([&] { return sig.finished == 1; }));
+    EXPECT_EQ(sig.done.size(), 3) << "every entry of the list is matched";
+    EXPECT_EQ(analyzer.analyzedCount(), 2);
+    const auto results = analyzer.results();
+    EXPECT_EQ(results.keys(), QStringList({QStringLiteral("/cases/other.jpg"), absolute}));
+    EXPECT_EQ(analyzer.result(absolute).pce, 500.0);
+    // The engine gets the absolute path.
+    EXPECT_EQ(seen.count(absolute), 2);
 }
 
 TEST(Analyzer, DestroyedWhileRunningJoinsItsThreads)
