@@ -44,7 +44,7 @@ function(quorvex_add_test)
                          "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
     endif()
     if(QUORVEX_TSAN)
-        list(APPEND _env "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=${PROJECT_SOURCE_DIR}/tests/support/tsan.supp")
+        list(APPEND _env "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:ignore_noninstrumented_modules=1:suppressions=${PROJECT_SOURCE_DIR}/tests/support/tsan.supp")
     endif()
     set_tests_properties(${T_NAME} PROPERTIES
         ENVIRONMENT "${_env}"

@@ -2,6 +2,7 @@
 
 #include "qutils/debugutils.h"
 #include "qutils/fileutils.h"
+#include "qutils/threadsync.h"
 
 #include <QDir>
 #include <QImageReader>
@@ -222,6 +223,11 @@ void CImageModel::onThumbnailReady(const QString& key)
     emit dataChanged(changed, changed, {ImageRole});
 }
 
+CImageModel::CPixmapThread::CPixmapThread()
+{
+    qutils::announceThreadEnd(this);
+}
+
 CImageModel::CPixmapThread::~CPixmapThread()
 {
     stop();
@@ -251,7 +257,7 @@ void CImageModel::CPixmapThread::stop()
         m_stopped = true;
         m_wake.notify_all();
     }
-    wait();
+    qutils::joinThread(this);
 }
 
 void CImageModel::CPixmapThread::run()

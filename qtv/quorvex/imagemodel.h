@@ -115,7 +115,7 @@ class CImageModel::CPixmapThread : public QThread
     Q_OBJECT
 
 public:
-    CPixmapThread() = default;
+    CPixmapThread();
     ~CPixmapThread() override;
 
     void request(const QFileInfo& file);

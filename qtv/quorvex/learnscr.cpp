@@ -11,6 +11,7 @@
 #include "qcontrols/messageboxfactory.h"
 #include "qutils/debugutils.h"
 #include "qutils/quorvexapi.h"
+#include "qutils/threadsync.h"
 
 #include <QHBoxLayout>
 #include <QLabel>
@@ -105,6 +106,7 @@ CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, Q
         QX_SELFCHECK(QStringLiteral("connect startTeaching"));
     // The thread has nothing more to do once the engine has returned.
     connect(m_worker, &CLearnWorker::finished, m_thread, &QThread::quit);
+    qutils::announceThreadEnd(m_thread);
     m_thread->start(QThread::InheritPriority);
     emit startTeaching();
 
@@ -118,7 +120,7 @@ CLearnScr::~CLearnScr()
     // Learning cannot be interrupted; the window's close guard waits for it,
     // so this wait is short or empty.
     m_thread->quit();
-    m_thread->wait();
+    qutils::joinThread(m_thread);
     delete m_worker;
 }
 

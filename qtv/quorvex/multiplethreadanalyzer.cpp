@@ -1,6 +1,7 @@
 #include "multiplethreadanalyzer.h"
 
 #include "qutils/debugutils.h"
+#include "qutils/threadsync.h"
 
 CMultipleThreadAnalyzer::CAnalyzerThread::CAnalyzerThread(CMultipleThreadAnalyzer* analyzer)
     : QThread(analyzer), m_analyzer(analyzer)
@@ -57,6 +58,7 @@ CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files,
     {
         auto* thread = new CAnalyzerThread(this);
         m_threads.append(thread);
+        qutils::announceThreadEnd(thread);
         if (!connect(thread, &QThread::finished, this, &CMultipleThreadAnalyzer::finishThread))
             QX_ERROR << "Cannot connect the end of analyzer thread " << i;
     }
@@ -66,7 +68,7 @@ CMultipleThreadAnalyzer::~CMultipleThreadAnalyzer()
 {
     m_cancelled = true;
     for (CAnalyzerThread* thread : qAsConst(m_threads))
-        thread->wait();
+        qutils::joinThread(thread);
 }
 
 int CMultipleThreadAnalyzer::poolSize(int idealThreadCount)

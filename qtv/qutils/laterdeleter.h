@@ -1,5 +1,7 @@
 #pragma once
 
+#include "threadsync.h"
+
 #include <QThread>
 
 namespace qutils
@@ -11,8 +13,11 @@ template <class T> struct CLaterDeleter
 {
     void operator()(T* object) const
     {
-        if (object)
-            object->deleteLater();
+        if (!object)
+            return;
+        // The deleting thread takes over in event() (CTask, CWorker).
+        handOff(static_cast<const QObject*>(object));
+        object->deleteLater();
     }
 };
 

@@ -108,7 +108,8 @@ private:
     std::mutex m_mutex;
     EStatus m_state = Invalid;
     QThread* m_ioThread = nullptr;
-    QObject* m_ioContext = nullptr;
+    class CIoContext;
+    CIoContext* m_ioContext = nullptr;
 };
 
 } // namespace qutils

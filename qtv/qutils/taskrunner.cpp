@@ -2,8 +2,9 @@
 
 #include "debugutils.h"
 #include "tasks.h"
+#include "threadsync.h"
 
-#include <QMutexLocker>
+#include <QEvent>
 #include <QThread>
 
 #include <atomic>
@@ -13,33 +14,40 @@ namespace qutils
 
 CWorker::CWorker(std::function<void()> function) : m_function(std::move(function)) {}
 
+bool CWorker::event(QEvent* event)
+{
+    if (event->type() == QEvent::DeferredDelete)
+        takeOver(static_cast<const QObject*>(this));
+    return QObject::event(event);
+}
+
 void CWorker::wait()
 {
-    // Give the resource back at once so every later wait passes too.
-    m_done.acquire();
-    m_done.release();
+    std::unique_lock<std::mutex> lock(m_doneMutex);
+    m_doneChanged.wait(lock, [this] { return m_done; });
 }
 
 bool CWorker::isFinished(std::exception_ptr& exception) const
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     exception = m_exception;
     return m_finished;
 }
 
 void CWorker::reset()
 {
-    QMutexLocker locker(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_finished = false;
     m_exception = nullptr;
-    m_done.tryAcquire(m_done.available());
+    std::lock_guard<std::mutex> doneLock(m_doneMutex);
+    m_done = false;
 }
 
 void CWorker::onWork()
 {
     {
         // Held for the whole run: a finished query waits until the work is over.
-        QMutexLocker locker(&m_mutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         try
         {
             m_function();
@@ -51,12 +59,19 @@ void CWorker::onWork()
         }
         m_finished = true;
     }
-    m_done.release();
+    {
+        std::lock_guard<std::mutex> lock(m_doneMutex);
+        m_done = true;
+    }
+    m_doneChanged.notify_all();
     emit finished();
 }
 
 namespace
 {
+
+// Marks the connection made below while the thread may be running.
+const char g_releaseConnected = 0;
 
 std::function<void()> workOfTask(CTask* task)
 {
@@ -76,6 +91,7 @@ CTaskRunner::CTaskRunner(std::function<void()> function, QObject* parent)
       m_function(std::move(function))
 {
     m_thread->setObjectName(QStringLiteral("QuorvexTaskRunner"));
+    announceThreadEnd(m_thread.get());
     m_worker.reset(new CWorker(m_function));
     if (!connect(m_thread.get(), &QThread::started, m_worker.get(), &CWorker::onWork))
         QX_SELFCHECK(QStringLiteral("connect runner thread started to worker"));
@@ -104,13 +120,16 @@ CTaskRunner::~CTaskRunner()
             m_thread.get(), &QThread::finished, worker,
             [worker, released]
             {
+                takeOver(&g_releaseConnected);
                 CLaterDeleter<CWorker>()(worker);
                 *released = true;
             },
             Qt::DirectConnection))
         QX_SELFCHECK(QStringLiteral("connect runner thread finished to worker release"));
+    // Qt's connection lists are guarded by its own mutex; the slot runs only after quit().
+    handOff(&g_releaseConnected);
     m_thread->quit();
-    m_thread->wait();
+    joinThread(m_thread.get());
     m_function = nullptr;
     // The thread never ran or had ended before: it is joined, nothing else can reach the worker.
     if (!*released)

@@ -1,8 +1,10 @@
 #include "tasks.h"
 
 #include "debugutils.h"
+#include "threadsync.h"
 
 #include <QCoreApplication>
+#include <QEvent>
 #include <QMetaType>
 #include <QMutex>
 #include <QMutexLocker>
@@ -40,7 +42,7 @@ void CThreadForAllTasks::stopAtApplicationEnd()
     // A thread that ends delivers the deferred deletions still posted to it,
     // so every task released before this point is destroyed by the wait.
     thread->quit();
-    thread->wait();
+    joinThread(thread);
     delete thread;
 }
 
@@ -57,6 +59,7 @@ CThreadForAllTasks* CThreadForAllTasks::instance()
         // Progress values cross threads in queued connections of observers.
         qRegisterMetaType<qint64>("qint64");
         thread = new CThreadForAllTasks();
+        announceThreadEnd(thread);
         thread->start(QThread::InheritPriority);
         g_threadForAllTasks.store(thread, std::memory_order_release);
         // Without an application object nothing calls it and the thread lives
@@ -74,6 +77,12 @@ CTask::CTask() : QObject(nullptr)
 }
 
 CTask::~CTask() = default;
+
+bool CTask::event(QEvent* event)
+{
+    takeOver(static_cast<const QObject*>(this));
+    return QObject::event(event);
+}
 
 void CTask::cancel()
 {

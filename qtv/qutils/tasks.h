@@ -58,6 +58,10 @@ public:
     virtual bool run() = 0;
 
 protected:
+    // Every event reaches a task on the tasks' thread: it first takes over
+    // what the thread that made or released the task did (see makeTask()).
+    bool event(QEvent* event) override;
+
     // Called by cancel() before cancelled() is emitted; stop external work here.
     virtual void onCancel();
     // Spare overridable no-op for derived tasks; the task code never calls it.
@@ -72,7 +76,10 @@ private:
 // Creates a task owned by a shared pointer that releases it with deleteLater().
 template <class T, class... Args> std::shared_ptr<T> makeTask(Args&&... args)
 {
-    return std::shared_ptr<T>(new T(std::forward<Args>(args)...), CLaterDeleter<CTask>());
+    T* task = new T(std::forward<Args>(args)...);
+    // Made here, used by queued calls on the tasks' thread (see CTask::event()).
+    handOff(static_cast<const QObject*>(task));
+    return std::shared_ptr<T>(task, CLaterDeleter<CTask>());
 }
 
 // Maps a child's progress into the interval [from, to] of the parent's range.

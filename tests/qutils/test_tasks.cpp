@@ -190,12 +190,12 @@ TEST(TaskCancel, TasksLiveOnOneSharedThreadThatRunsQueuedCancel)
     EXPECT_EQ(a->thread(), b->thread());
     EXPECT_NE(a->thread(), QThread::currentThread());
     EXPECT_EQ(a->parent(), nullptr);
-    QThread* cancelThread = nullptr;
+    std::atomic<QThread*> cancelThread{nullptr};
     QObject::connect(a.get(), &CTask::cancelled, [&] { cancelThread = QThread::currentThread(); });
     QMetaObject::invokeMethod(a.get(), "cancel", Qt::QueuedConnection);
     ASSERT_TRUE(testutils::waitFor([&] { return a->isCancelled(); }));
     ASSERT_TRUE(testutils::waitFor([&] { return cancelThread != nullptr; }));
-    EXPECT_EQ(cancelThread, a->thread());
+    EXPECT_EQ(cancelThread.load(), a->thread());
 }
 
 TEST(TaskCancel, CancellingParentCancelsRunningSubTaskOnRunnerThread)
