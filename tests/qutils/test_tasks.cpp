@@ -3,6 +3,7 @@
 #include "qutils/genericwaiter.h"
 #include "qutils/taskrunner.h"
 #include "qutils/tasks.h"
+#include "qutils/threadsync.h"
 #include "logcapture.h"
 #include "testutils.h"
 
@@ -192,6 +193,8 @@ TEST(TaskCancel, TasksLiveOnOneSharedThreadThatRunsQueuedCancel)
     EXPECT_EQ(a->parent(), nullptr);
     std::atomic<QThread*> cancelThread{nullptr};
     QObject::connect(a.get(), &CTask::cancelled, [&] { cancelThread = QThread::currentThread(); });
+    // The connection was made after the task: hand it over with the queued call.
+    handOff(static_cast<const QObject*>(a.get()));
     QMetaObject::invokeMethod(a.get(), "cancel", Qt::QueuedConnection);
     ASSERT_TRUE(testutils::waitFor([&] { return a->isCancelled(); }));
     ASSERT_TRUE(testutils::waitFor([&] { return cancelThread != nullptr; }));
