@@ -1,5 +1,6 @@
 #include "fingerprintinfo.h"
 
+#include "mainwindow.h"
 #include "settings.h"
 
 #include "qcontrols/lineinputdialog.h"
@@ -48,6 +49,9 @@ CFingerprintInfo::CFingerprintInfo(QWidget* parent) : QWidget(parent)
         value->setTextInteractionFlags(Qt::TextSelectableByMouse);
         value->setTextFormat(Qt::PlainText);
         row->addWidget(nameLabel, 0, Qt::AlignTop);
+        // The gap is the layout's: padding on the name in the style sheet would make Qt frame
+        // the label on every side and set its text lower than the value's.
+        row->addSpacing(qRound(4 * CMainWindow::currentScale()));
         row->addWidget(value, 1, Qt::AlignTop);
         m_values.insert(id, value);
         if (id == CFingerprint::Description)

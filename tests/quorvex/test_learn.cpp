@@ -342,6 +342,34 @@ TEST_F(LearnTest, PropertiesPageFirstFillReloadAndDescription)
     ASSERT_EQ(names.size(), 10);
     EXPECT_EQ(names.first()->text(), CFingerprint::displayText(CFingerprint::NMSE) + QStringLiteral(":  "));
 
+    // Under the real style sheet each name and its value start on the same line: both are laid
+    // out from the row's top in the same font, so one-line texts get the same box.
+    for (const double scale : {1.0, 1.5})
+    {
+        SCOPED_TRACE(scale);
+        info.setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                               quorvex::styleConstantsResourcePath(), scale));
+        info.resize(1400, 600);
+        info.show();
+        QCoreApplication::processEvents();
+        const QList<QLabel*> values = info.findChildren<QLabel*>(QStringLiteral("fingerprintData"));
+        ASSERT_EQ(values.size(), names.size());
+        for (int i = 0; i < names.size(); ++i)
+        {
+            const QLabel* name = names.at(i);
+            const QLabel* value = values.at(i);
+            if (value->text().isEmpty())
+                continue;
+            SCOPED_TRACE(name->text().toStdString());
+            EXPECT_EQ(name->y(), value->y());
+            EXPECT_EQ(name->height(), value->height());
+            EXPECT_LT(name->geometry().right(), value->geometry().left()) << "a gap between them";
+        }
+        info.hide();
+    }
+    info.setStyleSheet(QString());
+    qcontrols::CStyleSheetManager::clear();
+
     // Filled again: plain texts, so the missing lens is now empty.
     ASSERT_TRUE(info.setFingerprintFile(second));
     EXPECT_EQ(info.valueText(CFingerprint::LensInfo), QString());
