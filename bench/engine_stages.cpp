@@ -19,7 +19,6 @@ using lumicrest::Stage;
 namespace
 {
 
-const char* const StageNames[] = {"decode", "wavelet", "zero-mean", "wiener", "fft", "correlation", "pce"};
 constexpr int StageCount = static_cast<int>(Stage::Count);
 
 double seconds(std::chrono::steady_clock::time_point since)

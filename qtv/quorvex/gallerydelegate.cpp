@@ -12,7 +12,6 @@
 
 namespace
 {
-constexpr int TileMargin = CGalleryDelegate::TileMargin;
 constexpr int NameHeight = 22;
 constexpr int FrameWidth = 3;
 } // namespace

@@ -672,7 +672,7 @@ bool EXIFInfo::read(const QString& path, Properties& properties)
 #else
         Exiv2::BasicIo::AutoPtr io(new Exiv2::FileIo(path.toUtf8().toStdString()));
 #endif
-        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(io);
+        auto image = Exiv2::ImageFactory::open(io);
         if (!image.get())
             return false;
         image->readMetadata();

@@ -560,7 +560,7 @@ std::vector<unsigned char> bmpBytes(int w, int h, const BmpOptions& o, const Sam
 
 void writeExif(const std::string& path, const std::function<void(Exiv2::ExifData&)>& fill)
 {
-    Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path);
+    auto image = Exiv2::ImageFactory::open(path);
     ASSERT_TRUE(image.get() != nullptr);
     image->readMetadata();
     Exiv2::ExifData exif = image->exifData();

@@ -68,7 +68,7 @@ protected:
 
     static void setOrientation(const QString& path, int exifOrientation)
     {
-        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(path.toStdString());
+        auto image = Exiv2::ImageFactory::open(path.toStdString());
         ASSERT_TRUE(image.get());
         image->readMetadata();
         Exiv2::ExifData exif = image->exifData();

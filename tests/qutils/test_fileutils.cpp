@@ -92,7 +92,7 @@ protected:
 
     static void writeTags(const QString& file, const Tags& tags)
     {
-        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(file.toStdString());
+        auto image = Exiv2::ImageFactory::open(file.toStdString());
         ASSERT_TRUE(image.get());
         image->readMetadata();
         Exiv2::ExifData exif = image->exifData();
