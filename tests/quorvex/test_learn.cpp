@@ -79,6 +79,13 @@ protected:
     QTemporaryDir m_out;
 };
 
+// The program's own style sheet, as it is applied at start-up.
+QString appStyleSheet(double scale)
+{
+    return qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                               quorvex::styleConstantsResourcePath(), scale);
+}
+
 QPushButton* nextButton(QWidget& page)
 {
     return page.findChild<QPushButton*>(QStringLiteral("btnNavigateNext"));
@@ -347,8 +354,7 @@ TEST_F(LearnTest, PropertiesPageFirstFillReloadAndDescription)
     for (const double scale : {1.0, 1.5})
     {
         SCOPED_TRACE(scale);
-        info.setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
-                                                               quorvex::styleConstantsResourcePath(), scale));
+        info.setStyleSheet(appStyleSheet(scale));
         info.resize(1400, 600);
         info.show();
         QCoreApplication::processEvents();
@@ -415,8 +421,7 @@ TEST_F(LearnTest, ScreensOfARealRun)
         photos << QFileInfo(shoot(60 + i, QStringLiteral("IMG_%1.jpg").arg(2001 + i)));
 
     CMainWindow window(1.0);
-    window.setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
-                                                             quorvex::styleConstantsResourcePath(), 1.0));
+    window.setStyleSheet(appStyleSheet(1.0));
     window.resize(1280, 760);
     window.show();
     auto* screen = new CLearnScr(photos, QFileInfo(m_out.filePath(QStringLiteral("camera.fnp"))));
