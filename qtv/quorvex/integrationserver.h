@@ -2,23 +2,35 @@
 
 #include "fingerprint.h"
 
-#include <QHash>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
+#include <cstddef>
 #include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 // The headless integration mode: reads request lines, writes answer lines
-// that begin with the answer marker. One request at a time; fingerprints used
-// by "match" are loaded once per path and kept for the life of the server.
+// that begin with the answer marker. One request at a time; the fingerprints
+// used by "match" are kept per file (the few most recent ones), and a path
+// whose fingerprint failed to load keeps failing for the life of the server.
 class CIntegrationServer
 {
 public:
     using EStatus = qutils::CQuorvexAPI::EStatus;
     using Loader = std::function<std::shared_ptr<CFingerprint>(const QFileInfo&, EStatus*)>;
+
+    // Bytes of a request line before its line feed (a CR before it not
+    // counted). Longer lines are read in pieces, never whole, and answered
+    // with "fatal"; a path is never near this long.
+    static constexpr std::size_t MaxLineLength = 64 * 1024;
+    // Loaded fingerprints kept at once; a file used again after this many
+    // others is read again.
+    static constexpr int CachedFingerprints = 8;
 
     // With licenceActive false the server only says so. The loader reads a
     // fingerprint file (tests give their own).
@@ -39,11 +51,15 @@ public:
 private:
     std::string matchAnswer(const QStringList& fields);
     std::string fingerprintStatusAnswer(const QStringList& fields);
+    std::string overlongAnswer(const std::string& start) const;
     std::shared_ptr<CFingerprint> cachedFingerprint(const QString& path);
 
     bool m_licenceActive;
     Loader m_loader;
-    // Keyed by the path exactly as received; a failed load stays as null, so
-    // the path keeps failing without a new attempt.
-    QHash<QString, std::shared_ptr<CFingerprint>> m_cache;
+    // Keyed by the canonical file path, so every spelling of one file (".",
+    // "..", doubled separators, links) shares one entry; most recent first.
+    std::vector<std::pair<QString, std::shared_ptr<CFingerprint>>> m_recent;
+    // Paths whose load failed, both as received and canonical: they keep
+    // failing without a new attempt, even after the file appears or is fixed.
+    QSet<QString> m_failed;
 };

@@ -305,14 +305,21 @@ TEST(IntegrationServer, MatchAnswersWithTheFingerprintsResult)
     EXPECT_EQ(fake.calls, QStringList{QStringLiteral("good.fnp")}) << "loaded once, then cached";
 }
 
-TEST(IntegrationServer, FailedLoadsStayCachedPerPathUntilRestart)
+TEST(IntegrationServer, FingerprintsAreCachedPerFileAndFailuresStayUntilRestart)
 {
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
+    ASSERT_TRUE(QDir(dir.path()).mkdir(QStringLiteral("sub")));
     const QString fnp = dir.filePath(QStringLiteral("a.fnp"));
-    const std::string request =
-        "match;" + fnp.toStdString() + ";" + dir.filePath(QStringLiteral("photo.jpg")).toStdString();
+    const auto match = [](const QString& fingerprint) { return "match;" + fingerprint.toStdString() + ";p.jpg"; };
     const std::string refused = "thisIsNotLibraryAnswer;0;0;0;cannotopenfingerprint";
+    // Spellings of one file: ".", "..", doubled separators, a link.
+    const auto spellings = [&dir](const QString& name)
+    {
+        QFile::link(dir.filePath(name), dir.filePath(QStringLiteral("link-") + name));
+        return QStringList{dir.path() + QStringLiteral("/./") + name, dir.path() + QStringLiteral("//") + name,
+                           dir.path() + QStringLiteral("/sub/../") + name, dir.filePath(QStringLiteral("link-") + name)};
+    };
 
     QStringList loads;
     const CIntegrationServer::Loader counting = [&loads](const QFileInfo& file, CQuorvexAPI::EStatus* status)
@@ -322,25 +329,43 @@ TEST(IntegrationServer, FailedLoadsStayCachedPerPathUntilRestart)
     };
 
     CIntegrationServer server(true, counting);
-    EXPECT_EQ(server.answerTo(request), refused);
+    EXPECT_EQ(server.answerTo(match(fnp)), refused);
+    EXPECT_EQ(server.answerTo(match(dir.path() + QStringLiteral("/sub/../a.fnp"))), refused);
     writeFingerprintFile(fnp, 2);
-    EXPECT_EQ(server.answerTo(request), refused);
-    EXPECT_EQ(loads.size(), 1) << "a failed path is not tried again";
+    EXPECT_EQ(server.answerTo(match(fnp)), refused);
+    for (const QString& spelling : spellings(QStringLiteral("a.fnp")))
+        EXPECT_EQ(server.answerTo(match(spelling)), refused) << spelling.toStdString();
+    EXPECT_EQ(loads.size(), 1) << "a file that failed is not tried again under any spelling";
 
-    // The same file under another spelling is another cache entry.
-    const QString otherSpelling = dir.path() + QStringLiteral("/./a.fnp");
-    server.answerTo("match;" + otherSpelling.toStdString() + ";photo.jpg");
-    EXPECT_EQ(loads.size(), 2);
+    // A usable file is loaded once for all its spellings.
+    const QString good = dir.filePath(QStringLiteral("b.fnp"));
+    writeFingerprintFile(good, 2);
+    server.answerTo(match(good));
+    for (const QString& spelling : spellings(QStringLiteral("b.fnp")))
+        server.answerTo(match(spelling));
+    EXPECT_EQ(loads, (QStringList{fnp, good}));
+
+    // Only the most recent ones stay loaded: the oldest is read again.
+    for (int i = 0; i < CIntegrationServer::CachedFingerprints; ++i)
+    {
+        writeFingerprintFile(dir.filePath(QStringLiteral("c%1.fnp").arg(i)), 2);
+        server.answerTo(match(dir.filePath(QStringLiteral("c%1.fnp").arg(i))));
+        server.answerTo(match(dir.filePath(QStringLiteral("c0.fnp"))));
+    }
+    EXPECT_EQ(loads.size(), 2 + CIntegrationServer::CachedFingerprints) << "c0 stayed as the most used";
+    server.answerTo(match(good));
+    EXPECT_EQ(loads.size(), 3 + CIntegrationServer::CachedFingerprints);
+    EXPECT_EQ(loads.back(), good);
 
     // fingerprintStatus always reads the file as it is now, without touching the cache.
     EXPECT_EQ(server.answerTo("fingerprintStatus;" + fnp.toStdString()), "thisIsNotLibraryAnswer;success");
-    EXPECT_EQ(server.answerTo(request), refused);
-    EXPECT_EQ(loads.size(), 3);
+    EXPECT_EQ(server.answerTo(match(fnp)), refused);
+    EXPECT_EQ(loads.size(), 4 + CIntegrationServer::CachedFingerprints);
 
     CIntegrationServer restarted(true, counting);
-    restarted.answerTo(request);
-    restarted.answerTo(request);
-    EXPECT_EQ(loads.size(), 4) << "a new server loads the file once";
+    restarted.answerTo(match(fnp));
+    restarted.answerTo(match(fnp));
+    EXPECT_EQ(loads.size(), 5 + CIntegrationServer::CachedFingerprints) << "a new server loads the file once";
 }
 
 TEST(IntegrationServer, FingerprintStatusReportsTheLoadResult)
@@ -378,6 +403,60 @@ TEST(IntegrationServer, PathsTravelAsUtf8AndCrLfLineEndsAreTolerated)
     EXPECT_EQ(fake.calls,
               (QStringList{QStringLiteral("/d\u00e1ta/k\u00fc.fnp"), QStringLiteral("good \u20ac.fnp")}));
     EXPECT_EQ(fake.fingerprint->m_photos, QStringList{QStringLiteral("/ph\u00f6to.jpg")});
+}
+
+// Lines the server must not take as they stand: paths it would misread, and
+// lines too long to read. Each is answered without a look at any file, and
+// the next request is answered as usual.
+TEST(IntegrationServer, PathsItWouldMisreadAndOverlongLinesAreRefused)
+{
+    using namespace std::string_literals;
+    const std::size_t max = CIntegrationServer::MaxLineLength;
+    const std::string matchGood = "match;good.fnp;";
+    const std::string matched = "thisIsNotLibraryAnswer;1;0.5;0.25;success\n";
+    const std::string noFingerprint = "thisIsNotLibraryAnswer;0;0;0;cannotopenfingerprint\n";
+    const std::string noPhoto = "thisIsNotLibraryAnswer;0;0;0;brokenimage\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"match;good.fnp\0/nonexistent;p.jpg"s, noFingerprint},
+        {"match;good.fnp;p.jpg\0/nonexistent"s, noPhoto},
+        {"match;good.fnp;p\x01.jpg", noPhoto},
+        {"match;good.fnp;p\t.jpg", noPhoto},
+        {"match;good.fnp;p\x7f.jpg", noPhoto},
+        {"match;good.fnp;p.jpg\r\r", noPhoto}, // only the line end's CR is dropped
+        {"match;good.fnp;p\xff.jpg", noPhoto},     // not UTF-8
+        {"match;good.fnp;\xc0\xaf.jpg", noPhoto}, // "/" spelled too long
+        {"match;good\x1b.fnp;p.jpg", noFingerprint},
+        {"fingerprintStatus;good.fnp\0x"s, "thisIsNotLibraryAnswer;cannotopenfingerprint\n"},
+        {"fingerprintStatus;\xed\xa0\x80.fnp", "thisIsNotLibraryAnswer;cannotopenfingerprint\n"},
+        // The longest line, with and without a CR, is a request like any other.
+        {matchGood + std::string(max - matchGood.size(), 'p'), matched},
+        {matchGood + std::string(max - matchGood.size(), 'p') + '\r', matched},
+        {matchGood + std::string(max + 1 - matchGood.size(), 'p'), "thisIsNotLibraryAnswer;0;0;0;fatal\n"},
+        {"fingerprintStatus;" + std::string(3 * max, 'f'), "thisIsNotLibraryAnswer;fatal\n"},
+        {"hello;" + std::string(3 * max, 'h'), ""},
+        {std::string(3 * max, 'm'), ""},
+        {matchGood + "p.jpg", matched},
+    };
+    std::string input;
+    std::string expected = Greeting;
+    for (const auto& c : cases)
+    {
+        input += c.first + '\n';
+        expected += c.second;
+    }
+    SFakeLoader fake;
+    fake.fingerprint = std::make_shared<CFakeFingerprint>(makeResult(true, 0.5, 0.25, CQuorvexAPI::Success));
+    CIntegrationServer server(true, fake.loader());
+    const std::string output = serve(server, input);
+    EXPECT_EQ(output, expected);
+    EXPECT_EQ(fake.calls, QStringList{QStringLiteral("good.fnp")});
+    ASSERT_EQ(fake.fingerprint->m_photos.size(), 3);
+    EXPECT_EQ(fake.fingerprint->m_photos.last(), QStringLiteral("p.jpg"));
+
+    // A quit ends the server however long its line; so does input ending mid-line.
+    EXPECT_EQ(serve(server, "quitQuorvex;" + std::string(2 * max, 'q') + "\nfingerprintStatus;x\n"), Greeting);
+    EXPECT_EQ(serve(server, "fingerprintStatus;" + std::string(2 * max, 'f')),
+              Greeting + "thisIsNotLibraryAnswer;fatal\n");
 }
 
 TEST(IntegrationServer, AFailingRequestIsAnsweredAndServingGoesOn)
