@@ -130,37 +130,9 @@ CQuorvexAPI::CQuorvexAPI(QObject* parent) : QObject(parent)
     announceThreadEnd(m_ioThread);
     m_ioThread->start();
 
-    const QString program = findProgram();
+    m_program = findProgram();
     QString failure;
-    runOnIoThread(
-        [this, &program, &failure]
-        {
-            m_process = new QProcess;
-            m_process->setProcessChannelMode(QProcess::MergedChannels);
-            if (program.isEmpty())
-            {
-                m_state = NotInstalled;
-                failure = QStringLiteral("The Quorvex program was not found");
-                return;
-            }
-            m_process->start(program, {QStringLiteral("/integration")}, QIODevice::ReadWrite);
-            if (!m_process->waitForStarted(lineTimeout()))
-            {
-                m_state = NotInstalled;
-                failure = QStringLiteral("%1 did not start: %2").arg(program, m_process->errorString());
-                return;
-            }
-            const QStringList greeting = readAnswer();
-            if (greeting.isEmpty())
-            {
-                m_state = Fatal;
-                failure = QStringLiteral("%1 did not greet").arg(program);
-                return;
-            }
-            m_state = statusFromKey(greeting.first());
-            if (m_state != Success)
-                failure = QStringLiteral("%1 greeted with \"%2\"").arg(program, greeting.first());
-        });
+    runOnIoThread([this, &failure] { failure = startServer(); });
     if (!failure.isEmpty())
         logWarning(failure);
 }
@@ -172,16 +144,12 @@ CQuorvexAPI::~CQuorvexAPI()
         runOnIoThread(
             [this]
             {
-                if (m_process->state() != QProcess::NotRunning)
+                if (m_process && m_process->state() != QProcess::NotRunning)
                 {
                     m_process->write("quitQuorvex\n");
                     m_process->waitForBytesWritten(lineTimeout());
                     if (!m_process->waitForFinished(lineTimeout()))
-                    {
-                        logWarning(QStringLiteral("The integration server did not end; it is killed"));
-                        m_process->kill();
-                        m_process->waitForFinished(lineTimeout());
-                    }
+                        killServer(QStringLiteral("The integration server did not end"));
                 }
                 delete m_process;
                 m_process = nullptr;
@@ -194,12 +162,79 @@ CQuorvexAPI::~CQuorvexAPI()
     delete m_ioThread;
 }
 
+QString CQuorvexAPI::startServer()
+{
+    // A fresh process object: nothing the previous server wrote can be read.
+    delete m_process;
+    m_process = new QProcess;
+    m_process->setProcessChannelMode(QProcess::MergedChannels);
+    if (m_program.isEmpty())
+    {
+        m_state = NotInstalled;
+        return QStringLiteral("The Quorvex program was not found");
+    }
+    m_process->start(m_program, {QStringLiteral("/integration")}, QIODevice::ReadWrite);
+    if (!m_process->waitForStarted(lineTimeout()))
+    {
+        m_state = NotInstalled;
+        return QStringLiteral("%1 did not start: %2").arg(m_program, m_process->errorString());
+    }
+    QStringList greeting;
+    if (!readAnswer(&greeting) || greeting.isEmpty())
+    {
+        m_state = Fatal;
+        // A greeting that comes late must not be read as the first answer.
+        m_process->kill();
+        m_process->waitForFinished(lineTimeout());
+        return QStringLiteral("%1 did not greet; it is killed").arg(m_program);
+    }
+    m_state = statusFromKey(greeting.first());
+    if (m_state != Success)
+        return QStringLiteral("%1 greeted with \"%2\"").arg(m_program, greeting.first());
+    return QString();
+}
+
+void CQuorvexAPI::killServer(const QString& why)
+{
+    if (m_process->state() != QProcess::NotRunning)
+    {
+        logWarning(why + QStringLiteral("; the integration server is killed"));
+        m_process->kill();
+        m_process->waitForFinished(lineTimeout());
+    }
+    else
+    {
+        logWarning(why + QStringLiteral("; the integration server has ended"));
+    }
+}
+
 namespace
 {
-// The protocol has no quoting: such a path cannot be sent as it is.
+// The protocol has no quoting, and the server refuses control characters
+// (a NUL would cut a path short on the way to a file): such a path cannot be
+// sent as it is. Nor can one that does not survive the trip to UTF-8.
 bool sendable(const QString& path)
 {
-    return !path.contains(QLatin1Char(';')) && !path.contains(QLatin1Char('\n')) && !path.contains(QLatin1Char('\r'));
+    if (path.contains(QLatin1Char(';')))
+        return false;
+    for (const QChar c : path)
+        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
+            return false;
+    return QString::fromUtf8(path.toUtf8()) == path;
+}
+
+bool isInteger(const QString& field)
+{
+    bool ok = false;
+    field.toInt(&ok, 10);
+    return ok;
+}
+
+bool isNumber(const QString& field)
+{
+    bool ok = false;
+    field.toDouble(&ok);
+    return ok;
 }
 } // namespace
 
@@ -207,14 +242,18 @@ CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, 
 {
     if (!sendable(fingerprintPath) || !sendable(photoPath))
     {
-        QX_WARNING << "Not sent: a path with ';' or a line break cannot travel in a request ("
+        QX_WARNING << "Not sent: a path with ';' or a control character cannot travel in a request ("
                    << (sendable(fingerprintPath) ? photoPath : fingerprintPath) << ")";
         SAnalysisResult refused;
         refused.status = sendable(fingerprintPath) ? BrokenImage : CannotOpenFingerprint;
         return refused;
     }
-    const QStringList answer = request(QStringLiteral("match;") + fingerprintPath + QLatin1Char(';') +
-                                       photoPath + QLatin1Char('\n'));
+    // A shorter or longer answer, or one whose numbers are not numbers, may
+    // belong to another request: it is not taken.
+    const QStringList answer = request(
+        QStringLiteral("match;") + fingerprintPath + QLatin1Char(';') + photoPath + QLatin1Char('\n'),
+        [](const QStringList& fields)
+        { return fields.size() == 4 && isInteger(fields[0]) && isNumber(fields[1]) && isNumber(fields[2]); });
     SAnalysisResult result;
     if (answer.isEmpty())
     {
@@ -232,11 +271,12 @@ CQuorvexAPI::EStatus CQuorvexAPI::fingerprintStatus(const QString& fingerprintPa
 {
     if (!sendable(fingerprintPath))
     {
-        QX_WARNING << "Not sent: a path with ';' or a line break cannot travel in a request (" << fingerprintPath << ")";
+        QX_WARNING << "Not sent: a path with ';' or a control character cannot travel in a request ("
+                   << fingerprintPath << ")";
         return CannotOpenFingerprint;
     }
-    const QStringList answer =
-        request(QStringLiteral("fingerprintStatus;") + fingerprintPath + QLatin1Char('\n'));
+    const QStringList answer = request(QStringLiteral("fingerprintStatus;") + fingerprintPath + QLatin1Char('\n'),
+                                       [](const QStringList& fields) { return fields.size() == 1; });
     return answer.isEmpty() ? Fatal : statusFromKey(answer.first());
 }
 
@@ -274,24 +314,70 @@ int CQuorvexAPI::lineTimeout()
     return g_lineTimeout.load();
 }
 
-QStringList CQuorvexAPI::request(const QString& line)
+QStringList CQuorvexAPI::request(const QString& line, const std::function<bool(const QStringList&)>& fits)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     QStringList answer;
     runOnIoThread(
-        [this, &line, &answer]
+        [this, &line, &fits, &answer]
         {
-            // A server that never started or has gone cannot answer.
-            if (m_process->state() != QProcess::Running)
-                return;
+            if (!m_process || m_process->state() != QProcess::Running)
+            {
+                // A server that never greeted well cannot answer; one that did
+                // and has gone since is replaced.
+                if (m_state != Success)
+                    return;
+                const QString failure = startServer();
+                if (!failure.isEmpty())
+                {
+                    logWarning(failure);
+                    return;
+                }
+            }
+            // An answer already waiting was not asked for (a server that
+            // answered twice): it would be taken for this one.
+            if (staleAnswerPending())
+            {
+                killServer(QStringLiteral("An answer came without a request"));
+                const QString failure = startServer();
+                if (!failure.isEmpty())
+                {
+                    logWarning(failure);
+                    return;
+                }
+            }
             m_process->write(line.toUtf8());
             m_process->waitForBytesWritten(lineTimeout());
-            answer = readAnswer();
+            QStringList fields;
+            if (!readAnswer(&fields))
+            {
+                killServer(QStringLiteral("No answer to a request"));
+                return;
+            }
+            if (!fits(fields))
+            {
+                killServer(QStringLiteral("An answer that does not fit the request (%1)")
+                               .arg(fields.join(QLatin1Char(';'))));
+                return;
+            }
+            answer = fields;
         });
     return answer;
 }
 
-QStringList CQuorvexAPI::readAnswer()
+bool CQuorvexAPI::staleAnswerPending()
+{
+    m_process->waitForReadyRead(0);
+    bool pending = false;
+    while (m_process->canReadLine())
+    {
+        const QString line = QString::fromUtf8(m_process->readLine()).trimmed();
+        pending = line.section(QLatin1Char(';'), 0, 0) == QLatin1String(AnswerMarker) || pending;
+    }
+    return pending;
+}
+
+bool CQuorvexAPI::readAnswer(QStringList* fields)
 {
     const QString marker = QString::fromLatin1(AnswerMarker);
     for (;;)
@@ -306,16 +392,16 @@ QStringList CQuorvexAPI::readAnswer()
             if (left <= 0 || !m_process->waitForReadyRead(static_cast<int>(left)))
                 break;
         }
+        // No whole line in time, or the server ended: a line cut short is no answer.
         if (!m_process->canReadLine())
-            return QStringList();
+            return false;
 
-        QStringList fields =
-            QString::fromUtf8(m_process->readLine()).trimmed().split(QLatin1Char(';'), Qt::KeepEmptyParts);
+        *fields = QString::fromUtf8(m_process->readLine()).trimmed().split(QLatin1Char(';'), Qt::KeepEmptyParts);
         // Anything else on the merged channel (log text, library messages) is not an answer.
-        if (fields.first() == marker)
+        if (fields->first() == marker)
         {
-            fields.removeFirst();
-            return fields;
+            fields->removeFirst();
+            return true;
         }
     }
 }

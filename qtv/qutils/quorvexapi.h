@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 
@@ -81,12 +82,16 @@ public:
 
     // Finds the program (QUORVEX_PROGRAM, beside this executable, the installer's
     // registry entries on Windows, then PATH), starts it with "/integration"
-    // and reads its greeting.
+    // and reads its greeting. A server that leaves a request without a fitting
+    // answer (no answer in time, an end mid-request, a malformed answer) is
+    // killed, so a late answer can never be taken for the next one; the next
+    // request starts a new server. When that one does not greet with
+    // "success", the state says so and calls give Fatal from then on.
     explicit CQuorvexAPI(QObject* parent = nullptr);
     // Stops the server: "quitQuorvex", then a kill if it does not end in time.
     ~CQuorvexAPI() override;
 
-    EStatus state() const { return m_state; }
+    EStatus state() const { return m_state.load(); }
     SAnalysisResult match(const QString& fingerprintPath, const QString& photoPath);
     EStatus fingerprintStatus(const QString& fingerprintPath);
 
@@ -98,15 +103,24 @@ public:
     static int lineTimeout();
 
 private:
-    QStringList request(const QString& line);
-    QStringList readAnswer();
+    // Sets the state from the greeting; returns the failure to log, if any.
+    QString startServer();
+    void killServer(const QString& why);
+    // The answer's fields when one came in time and fits the request;
+    // otherwise empty, and the server is gone.
+    QStringList request(const QString& line, const std::function<bool(const QStringList&)>& fits);
+    bool readAnswer(QStringList* fields);
+    // Reads the lines that wait unasked for; true when one is an answer.
+    bool staleAnswerPending();
     // The process lives on a thread of its own, so any thread may call the
     // client: every use of it runs there, and the caller waits.
     void runOnIoThread(const std::function<void()>& work);
 
     QProcess* m_process = nullptr;
     std::mutex m_mutex;
-    EStatus m_state = Invalid;
+    // Set on the I/O thread, read by any.
+    std::atomic<EStatus> m_state{Invalid};
+    QString m_program;
     QThread* m_ioThread = nullptr;
     class CIoContext;
     CIoContext* m_ioContext = nullptr;

@@ -779,6 +779,84 @@ TEST_F(ChildProcessTest, SilentServerIsFatalAfterTheTimeout)
     EXPECT_TRUE(log.text().contains(QStringLiteral("killed"))) << log.text().toStdString();
 }
 
+// Every way a server can leave a request without its own answer. The stand-in
+// answers a match of /ok.jpg with 1;0.5 and every other photo with a value
+// of its own, so an answer that slips to the next request shows there. The
+// request that went wrong is Fatal; the next one gets its own answer.
+TEST_F(ChildProcessTest, AnswersStayWithTheirRequestsWhateverTheServerDoes)
+{
+#ifndef Q_OS_UNIX
+    GTEST_SKIP() << "the stand-in server is a shell script";
+#endif
+    const QString program = script(QStringLiteral("unruly.sh"), R"(
+echo "thisIsNotLibraryAnswer;success"
+while IFS= read -r line; do
+    case "$line" in
+    quitQuorvex) exit 0 ;;
+    *"/ok.jpg") echo "thisIsNotLibraryAnswer;1;0.5;0.25;success" ;;
+    *"/late.jpg") sleep 3; echo "thisIsNotLibraryAnswer;1;0.999999;0.9;success" ;;
+    *"/cut.jpg") printf "thisIsNotLibraryAnswer;1;0.9"; sleep 3; echo ";0.9;success" ;;
+    *"/cut-and-end.jpg") printf "thisIsNotLibraryAnswer;1;0.9"; exit 0 ;;
+    *"/end.jpg") exit 0 ;;
+    *"/short.jpg") echo "thisIsNotLibraryAnswer;1;0.9;success" ;;
+    *"/long.jpg") echo "thisIsNotLibraryAnswer;1;0.9;0.9;success;0;0.9;0.9;success" ;;
+    *"/words.jpg") echo "thisIsNotLibraryAnswer;yes;high;some;success" ;;
+    *"/twice.jpg") printf "thisIsNotLibraryAnswer;1;0.75;0.9;success\nthisIsNotLibraryAnswer;1;0.75;0.9;success\n" ;;
+    "fingerprintStatus;"*) echo "thisIsNotLibraryAnswer;success;success" ;;
+    esac
+done
+)");
+    const CScopedEnv chosen("QUORVEX_PROGRAM", QFile::encodeName(program));
+    CQuorvexAPI::setLineTimeout(1000);
+    CQuorvexAPI client;
+    ASSERT_EQ(client.state(), CQuorvexAPI::Success);
+    const std::vector<std::pair<QString, CQuorvexAPI::EStatus>> cases = {
+        {QStringLiteral("/late.jpg"), CQuorvexAPI::Fatal},  {QStringLiteral("/cut.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/cut-and-end.jpg"), CQuorvexAPI::Fatal}, {QStringLiteral("/end.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/short.jpg"), CQuorvexAPI::Fatal}, {QStringLiteral("/long.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/words.jpg"), CQuorvexAPI::Fatal}, {QStringLiteral("/twice.jpg"), CQuorvexAPI::Success},
+    };
+    for (const auto& c : cases)
+    {
+        const CQuorvexAPI::SAnalysisResult result = client.match(QStringLiteral("/fp.fnp"), c.first);
+        EXPECT_EQ(result.status, c.second) << c.first.toStdString();
+        EXPECT_EQ(result.matched, c.second == CQuorvexAPI::Success) << c.first.toStdString();
+        const CQuorvexAPI::SAnalysisResult next = client.match(QStringLiteral("/fp.fnp"), QStringLiteral("/ok.jpg"));
+        EXPECT_EQ(next.probability, 0.5) << "after " << c.first.toStdString();
+        EXPECT_EQ(next.status, CQuorvexAPI::Success) << "after " << c.first.toStdString();
+    }
+    EXPECT_EQ(client.fingerprintStatus(QStringLiteral("/fp.fnp")), CQuorvexAPI::Fatal) << "two fields";
+    EXPECT_EQ(client.match(QStringLiteral("/fp.fnp"), QStringLiteral("/ok.jpg")).probability, 0.5);
+    EXPECT_EQ(client.state(), CQuorvexAPI::Success);
+
+    // A replacement that does not greet well ends the replacing for good.
+    const QString broken = script(QStringLiteral("broken.sh"), "echo thisIsNotLibraryAnswer;fatal\n");
+    ASSERT_TRUE(QFile::remove(program) && QFile::copy(broken, program));
+    EXPECT_EQ(client.match(QStringLiteral("/fp.fnp"), QStringLiteral("/end.jpg")).status, CQuorvexAPI::Fatal);
+    EXPECT_EQ(client.match(QStringLiteral("/fp.fnp"), QStringLiteral("/ok.jpg")).status, CQuorvexAPI::Fatal);
+    EXPECT_EQ(client.state(), CQuorvexAPI::Fatal);
+}
+
+// NUL and the other control characters would be misread on the way; the
+// client refuses such paths as it refuses ';', with the same statuses as the
+// server's own refusal.
+TEST_F(ChildProcessTest, ClientRefusesPathsTheServerWouldMisread)
+{
+    CQuorvexAPI client;
+    ASSERT_EQ(client.state(), CQuorvexAPI::Success);
+    const QString good = path(QStringLiteral("good.jpg"));
+    const QString fnp = path(QStringLiteral("a.fnp"));
+    for (const QString& bad :
+         {good + QChar(0) + QStringLiteral("/nonexistent"), good + QStringLiteral("\t"), good + QChar(0x7f),
+          good + QChar(0x1b), good + QStringLiteral(";x"), good + QStringLiteral("\r"),
+          good + QChar(QChar::highSurrogate(0x1F600))})
+    {
+        EXPECT_EQ(client.match(fnp, bad).status, CQuorvexAPI::BrokenImage) << bad.toStdString();
+        EXPECT_EQ(client.match(bad, good).status, CQuorvexAPI::CannotOpenFingerprint) << bad.toStdString();
+        EXPECT_EQ(client.fingerprintStatus(bad), CQuorvexAPI::CannotOpenFingerprint) << bad.toStdString();
+    }
+}
+
 TEST_F(ChildProcessTest, MissingProgramIsNotInstalled)
 {
     testutils::CLogCapture log;
