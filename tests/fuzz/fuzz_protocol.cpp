@@ -1,6 +1,6 @@
-// One request line of the integration protocol, answered by a fresh server
-// (a fresh one per line, so its fingerprint cache cannot grow over millions
-// of inputs). The server only reads files, but requests name arbitrary paths:
+// A stream of integration protocol requests, served by a fresh server per
+// input through the same loop as standard input (line reading, the length
+// cap, quitQuorvex). The server only reads files, but requests name arbitrary paths:
 // the working folder is a throwaway one (see CFuzzQtEnvironment) holding a
 // usable fingerprint "camera.fnp" and a photo "photo.jpg" of its camera, so
 // relative paths in the seeds reach the real load and match, and the log
@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 
 namespace
@@ -60,19 +61,26 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    // One line: run() splits the stream at line feeds before answerTo sees it.
-    std::string line(reinterpret_cast<const char*>(data), size);
-    line = line.substr(0, line.find('\n'));
-    if (namesSpecialFile(line))
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    if (namesSpecialFile(input))
         return 0;
 
+    std::istringstream in(input);
+    std::ostringstream out;
     CIntegrationServer server(true);
-    const std::string answer = server.answerTo(line);
-    if (answer.empty())
-        return 0;
-    if (answer.rfind("thisIsNotLibraryAnswer;", 0) != 0)
-        broken("an answer without the marker: " + answer);
-    if (answer.find('\n') != std::string::npos || answer.find('\r') != std::string::npos)
-        broken("an answer spanning lines: " + answer);
+    if (server.run(in, out) != 0)
+        broken("an exit code other than 0");
+    // Every line written is an answer (the greeting first), whole on its line.
+    std::istringstream answers(out.str());
+    std::string answer;
+    while (std::getline(answers, answer))
+    {
+        if (answer.rfind("thisIsNotLibraryAnswer;", 0) != 0)
+            broken("an answer without the marker: " + answer);
+        if (answer.find('\r') != std::string::npos)
+            broken("an answer with a carriage return: " + answer);
+    }
+    if (!out.str().empty() && out.str().back() != '\n')
+        broken("an answer without its line end");
     return 0;
 }
