@@ -48,8 +48,10 @@ void writeLine(std::ostream& out, const std::string& line)
 bool usablePath(const QString& path)
 {
     return std::none_of(path.cbegin(), path.cend(),
-                        [](QChar c)
-                        { return c.unicode() < 0x20 || c.unicode() == 0x7f || c == QChar::ReplacementCharacter; });
+                        [](QChar c) {
+                            return c.unicode() < 0x20 || c.unicode() == 0x7f ||
+                                   c == QChar::ReplacementCharacter;
+                        });
 }
 
 // Reads one line of at most maxLength bytes (a CR before the line feed not
@@ -218,7 +220,8 @@ std::shared_ptr<CFingerprint> CIntegrationServer::cachedFingerprint(const QStrin
     }
 
     EStatus status = CQuorvexAPI::Invalid;
-    std::shared_ptr<CFingerprint> fingerprint = m_loader(canonical.isEmpty() ? file : QFileInfo(canonical), &status);
+    std::shared_ptr<CFingerprint> fingerprint =
+        m_loader(canonical.isEmpty() ? file : QFileInfo(canonical), &status);
     if (status != CQuorvexAPI::Success || !fingerprint)
     {
         m_failed.insert(path);

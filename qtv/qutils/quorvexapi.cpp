@@ -275,8 +275,9 @@ CQuorvexAPI::EStatus CQuorvexAPI::fingerprintStatus(const QString& fingerprintPa
                    << fingerprintPath << ")";
         return CannotOpenFingerprint;
     }
-    const QStringList answer = request(QStringLiteral("fingerprintStatus;") + fingerprintPath + QLatin1Char('\n'),
-                                       [](const QStringList& fields) { return fields.size() == 1; });
+    const QStringList answer =
+        request(QStringLiteral("fingerprintStatus;") + fingerprintPath + QLatin1Char('\n'),
+                [](const QStringList& fields) { return fields.size() == 1; });
     return answer.isEmpty() ? Fatal : statusFromKey(answer.first());
 }
 
@@ -396,7 +397,8 @@ bool CQuorvexAPI::readAnswer(QStringList* fields)
         if (!m_process->canReadLine())
             return false;
 
-        *fields = QString::fromUtf8(m_process->readLine()).trimmed().split(QLatin1Char(';'), Qt::KeepEmptyParts);
+        *fields =
+            QString::fromUtf8(m_process->readLine()).trimmed().split(QLatin1Char(';'), Qt::KeepEmptyParts);
         // Anything else on the merged channel (log text, library messages) is not an answer.
         if (fields->first() == marker)
         {

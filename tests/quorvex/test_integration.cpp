@@ -311,14 +311,16 @@ TEST(IntegrationServer, FingerprintsAreCachedPerFileAndFailuresStayUntilRestart)
     ASSERT_TRUE(dir.isValid());
     ASSERT_TRUE(QDir(dir.path()).mkdir(QStringLiteral("sub")));
     const QString fnp = dir.filePath(QStringLiteral("a.fnp"));
-    const auto match = [](const QString& fingerprint) { return "match;" + fingerprint.toStdString() + ";p.jpg"; };
+    const auto match = [](const QString& fingerprint)
+    { return "match;" + fingerprint.toStdString() + ";p.jpg"; };
     const std::string refused = "thisIsNotLibraryAnswer;0;0;0;cannotopenfingerprint";
     // Spellings of one file: ".", "..", doubled separators, a link.
     const auto spellings = [&dir](const QString& name)
     {
         QFile::link(dir.filePath(name), dir.filePath(QStringLiteral("link-") + name));
-        return QStringList{dir.path() + QStringLiteral("/./") + name, dir.path() + QStringLiteral("//") + name,
-                           dir.path() + QStringLiteral("/sub/../") + name, dir.filePath(QStringLiteral("link-") + name)};
+        return QStringList{
+            dir.path() + QStringLiteral("/./") + name, dir.path() + QStringLiteral("//") + name,
+            dir.path() + QStringLiteral("/sub/../") + name, dir.filePath(QStringLiteral("link-") + name)};
     };
 
     QStringList loads;
@@ -422,8 +424,8 @@ TEST(IntegrationServer, PathsItWouldMisreadAndOverlongLinesAreRefused)
         {"match;good.fnp;p\x01.jpg", noPhoto},
         {"match;good.fnp;p\t.jpg", noPhoto},
         {"match;good.fnp;p\x7f.jpg", noPhoto},
-        {"match;good.fnp;p.jpg\r\r", noPhoto}, // only the line end's CR is dropped
-        {"match;good.fnp;p\xff.jpg", noPhoto},     // not UTF-8
+        {"match;good.fnp;p.jpg\r\r", noPhoto},    // only the line end's CR is dropped
+        {"match;good.fnp;p\xff.jpg", noPhoto},    // not UTF-8
         {"match;good.fnp;\xc0\xaf.jpg", noPhoto}, // "/" spelled too long
         {"match;good\x1b.fnp;p.jpg", noFingerprint},
         {"fingerprintStatus;good.fnp\0x"s, "thisIsNotLibraryAnswer;cannotopenfingerprint\n"},
@@ -454,7 +456,8 @@ TEST(IntegrationServer, PathsItWouldMisreadAndOverlongLinesAreRefused)
     EXPECT_EQ(fake.fingerprint->m_photos.last(), QStringLiteral("p.jpg"));
 
     // A quit ends the server however long its line; so does input ending mid-line.
-    EXPECT_EQ(serve(server, "quitQuorvex;" + std::string(2 * max, 'q') + "\nfingerprintStatus;x\n"), Greeting);
+    EXPECT_EQ(serve(server, "quitQuorvex;" + std::string(2 * max, 'q') + "\nfingerprintStatus;x\n"),
+              Greeting);
     EXPECT_EQ(serve(server, "fingerprintStatus;" + std::string(2 * max, 'f')),
               Greeting + "thisIsNotLibraryAnswer;fatal\n");
 }
@@ -811,17 +814,22 @@ done
     CQuorvexAPI client;
     ASSERT_EQ(client.state(), CQuorvexAPI::Success);
     const std::vector<std::pair<QString, CQuorvexAPI::EStatus>> cases = {
-        {QStringLiteral("/late.jpg"), CQuorvexAPI::Fatal},  {QStringLiteral("/cut.jpg"), CQuorvexAPI::Fatal},
-        {QStringLiteral("/cut-and-end.jpg"), CQuorvexAPI::Fatal}, {QStringLiteral("/end.jpg"), CQuorvexAPI::Fatal},
-        {QStringLiteral("/short.jpg"), CQuorvexAPI::Fatal}, {QStringLiteral("/long.jpg"), CQuorvexAPI::Fatal},
-        {QStringLiteral("/words.jpg"), CQuorvexAPI::Fatal}, {QStringLiteral("/twice.jpg"), CQuorvexAPI::Success},
+        {QStringLiteral("/late.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/cut.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/cut-and-end.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/end.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/short.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/long.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/words.jpg"), CQuorvexAPI::Fatal},
+        {QStringLiteral("/twice.jpg"), CQuorvexAPI::Success},
     };
     for (const auto& c : cases)
     {
         const CQuorvexAPI::SAnalysisResult result = client.match(QStringLiteral("/fp.fnp"), c.first);
         EXPECT_EQ(result.status, c.second) << c.first.toStdString();
         EXPECT_EQ(result.matched, c.second == CQuorvexAPI::Success) << c.first.toStdString();
-        const CQuorvexAPI::SAnalysisResult next = client.match(QStringLiteral("/fp.fnp"), QStringLiteral("/ok.jpg"));
+        const CQuorvexAPI::SAnalysisResult next =
+            client.match(QStringLiteral("/fp.fnp"), QStringLiteral("/ok.jpg"));
         EXPECT_EQ(next.probability, 0.5) << "after " << c.first.toStdString();
         EXPECT_EQ(next.status, CQuorvexAPI::Success) << "after " << c.first.toStdString();
     }
@@ -846,10 +854,9 @@ TEST_F(ChildProcessTest, ClientRefusesPathsTheServerWouldMisread)
     ASSERT_EQ(client.state(), CQuorvexAPI::Success);
     const QString good = path(QStringLiteral("good.jpg"));
     const QString fnp = path(QStringLiteral("a.fnp"));
-    for (const QString& bad :
-         {good + QChar(0) + QStringLiteral("/nonexistent"), good + QStringLiteral("\t"), good + QChar(0x7f),
-          good + QChar(0x1b), good + QStringLiteral(";x"), good + QStringLiteral("\r"),
-          good + QChar(QChar::highSurrogate(0x1F600))})
+    for (const QString& bad : {good + QChar(0) + QStringLiteral("/nonexistent"), good + QStringLiteral("\t"),
+                               good + QChar(0x7f), good + QChar(0x1b), good + QStringLiteral(";x"),
+                               good + QStringLiteral("\r"), good + QChar(QChar::highSurrogate(0x1F600))})
     {
         EXPECT_EQ(client.match(fnp, bad).status, CQuorvexAPI::BrokenImage) << bad.toStdString();
         EXPECT_EQ(client.match(bad, good).status, CQuorvexAPI::CannotOpenFingerprint) << bad.toStdString();
