@@ -564,7 +564,10 @@ TEST(HtmlToPdfDocument, NestingIsCountedAsQtWouldParseIt)
         {tables(9), false},
         {tables(9, QStringLiteral("<!-- </table> -->")), false},
         {tables(9, QStringLiteral("<p title=\"</table>\">")), false},
-        {tables(9, QStringLiteral("<style></table></style>")), false},
+        {tables(9, QStringLiteral("<?x </table> ?><!x </table>>")), false},
+        {tables(9, QStringLiteral("<style></table></style>")), true}, // Qt closes them too
+        {QStringLiteral("<style>") + tables(9) + QStringLiteral("</style>"), true}, // Qt ignores them
+        {QStringLiteral("<script>") + tables(9) + QStringLiteral("</script>") + tables(9), false},
         {QStringLiteral("<table><tr><td>x</td></tr></table>").repeated(50), true}, // siblings
         {QStringLiteral("<ul>") + QStringLiteral("<li>unclosed").repeated(100) + QStringLiteral("</ul>"), true},
         {QStringLiteral("<table>") + QStringLiteral("<tr><td>a<td>b").repeated(100) + QStringLiteral("</table>"), true},

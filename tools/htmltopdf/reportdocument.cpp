@@ -211,13 +211,20 @@ bool CReportDocument::checkNesting(const QString& html, QString* error)
             i = end < 0 ? size : end + 3;
             continue;
         }
+        // Declarations and processing instructions end at the first '>'.
+        if (html.midRef(i + 1, 1) == QLatin1String("!") || html.midRef(i + 1, 1) == QLatin1String("?"))
+        {
+            const int end = html.indexOf(QLatin1Char('>'), i);
+            i = end < 0 ? size : end + 1;
+            continue;
+        }
         const bool closing = i + 1 < size && html.at(i + 1) == QLatin1Char('/');
         const int nameStart = i + (closing ? 2 : 1);
         int nameEnd = nameStart;
         while (nameEnd < size && (html.at(nameEnd).isLetterOrNumber() || html.at(nameEnd) == QLatin1Char('-') ||
                                   html.at(nameEnd) == QLatin1Char(':')))
             ++nameEnd;
-        // Not a tag ("a < b", "<!DOCTYPE"): what follows is still looked at.
+        // Not a tag ("a < b"): what follows is still looked at.
         if (nameEnd == nameStart || !html.at(nameStart).isLetter())
         {
             ++i;
@@ -250,10 +257,11 @@ bool CReportDocument::checkNesting(const QString& html, QString* error)
             *error = QStringLiteral("elements nested more than %1 deep").arg(MaximumNesting);
             return false;
         }
-        // Style sheets and scripts are text up to their end tag.
+        // Qt takes a style sheet or script as text up to the next end tag,
+        // whichever it is.
         if (name == QLatin1String("style") || name == QLatin1String("script"))
         {
-            const int end = html.indexOf(QStringLiteral("</") + name, i, Qt::CaseInsensitive);
+            const int end = html.indexOf(QStringLiteral("</"), i);
             i = end < 0 ? size : end;
         }
     }
