@@ -550,6 +550,40 @@ TEST(HtmlToPdfDocument, ImageLimitsAndStatedFontSizesAreHonoured)
     EXPECT_GT(fonts.value(QStringLiteral("Default")).pointSizeF(), 14.0) << "an unstated size keeps its step";
 }
 
+TEST(HtmlToPdfDocument, NestingIsCountedAsQtWouldParseIt)
+{
+    using htmltopdf::CReportDocument;
+    const auto tables = [](int depth, const QString& inside = QString())
+    { return QStringLiteral("<table><tr><td>%1").arg(inside).repeated(depth); };
+    const struct
+    {
+        QString html;
+        bool accepted;
+    } cases[] = {
+        {QStringLiteral("<html><body>") + tables(8) + QStringLiteral("</td></tr></table>").repeated(8), true},
+        {tables(9), false},
+        {tables(9, QStringLiteral("<!-- </table> -->")), false},
+        {tables(9, QStringLiteral("<p title=\"</table>\">")), false},
+        {tables(9, QStringLiteral("<?x </table> ?><!x </table>>")), false},
+        {tables(9, QStringLiteral("<style></table></style>")), true}, // Qt closes them too
+        {QStringLiteral("<style>") + tables(9) + QStringLiteral("</style>"), true}, // Qt ignores them
+        {QStringLiteral("<script>") + tables(9) + QStringLiteral("</script>") + tables(9), false},
+        {QStringLiteral("<table><tr><td>x</td></tr></table>").repeated(50), true}, // siblings
+        {QStringLiteral("<ul>") + QStringLiteral("<li>unclosed").repeated(100) + QStringLiteral("</ul>"), true},
+        {QStringLiteral("<table>") + QStringLiteral("<tr><td>a<td>b").repeated(100) + QStringLiteral("</table>"), true},
+        {QStringLiteral("<p>a<br>b<img src=x>").repeated(100), true},
+        {QStringLiteral("<div>").repeated(CReportDocument::MaximumNesting), true},
+        {QStringLiteral("<div>").repeated(CReportDocument::MaximumNesting + 1), false},
+        {QStringLiteral("<blockquote>x</p>").repeated(CReportDocument::MaximumNesting + 1), false},
+    };
+    for (const auto& c : cases)
+    {
+        QString error;
+        EXPECT_EQ(CReportDocument::checkNesting(c.html, &error), c.accepted) << c.html.left(120).toStdString();
+        EXPECT_EQ(error.isEmpty(), c.accepted) << error.toStdString();
+    }
+}
+
 TEST_F(HtmlToPdfTest, LongParagraphsAndTallRowsFlowOverPagesWithoutRepeatedText)
 {
     QStringList words;
@@ -710,22 +744,41 @@ TEST_F(HtmlToPdfTest, BadCommandLinesPrintUsageAndExitWith1)
     }
 }
 
+// Also pages beyond the limits: tables nested too deep, a picture that is
+// a device or claims more pixels than allowed (a tiny file can).
 TEST_F(HtmlToPdfTest, UnreadableInputsExitWith3)
 {
     const QString out = path(QStringLiteral("input errors.pdf"));
     const QString missing = path(QStringLiteral("missing.html"));
+    const QString nested = path(QStringLiteral("nested.html"));
+    writeText(nested, QStringLiteral("<table><tr><td>").repeated(9) + QStringLiteral("deep"));
+    const QString huge = path(QStringLiteral("huge.pgm"));
+    writeText(huge, QStringLiteral("P5\n20000 20000\n255\n") + QString(64, QLatin1Char('a')));
+    const QString hugePage = path(QStringLiteral("huge picture.html"));
+    writeText(hugePage, QStringLiteral("<p>x</p><img src=\"huge.pgm\" />"));
+    const QString devicePage = path(QStringLiteral("device picture.html"));
+    writeText(devicePage, QStringLiteral("<p>x</p><img src=\"file:///dev/zero\" />"));
     const QList<QStringList> cases = {
         {QStringLiteral("-o"), out, missing},
         {QStringLiteral("-o"), out, fileUrl(missing)},
         {QStringLiteral("-o"), out, s_dir->path()},
         {QStringLiteral("--cover-url"), fileUrl(missing), QStringLiteral("-o"), out, s_report},
         {QStringLiteral("--footer-text-html"), missing, QStringLiteral("-o"), out, s_report},
+        {QStringLiteral("-o"), out, nested},
+        {QStringLiteral("--header-text-html"), nested, QStringLiteral("-o"), out, s_report},
+        {QStringLiteral("-o"), out, hugePage},
+        {QStringLiteral("--footer-text-html"), hugePage, QStringLiteral("-o"), out, s_report},
+#ifdef Q_OS_UNIX
+        {QStringLiteral("-o"), out, devicePage},
+        {QStringLiteral("-o"), out, QStringLiteral("/dev/zero")},
+#endif
     };
     for (const QStringList& arguments : cases)
     {
         const SRun run = convert(arguments);
         const std::string shown = arguments.join(QLatin1Char(' ')).toStdString();
         EXPECT_EQ(run.exitCode, ExitInputFailed) << shown;
+        EXPECT_TRUE(run.err.contains(QStringLiteral("HtmlToPdf: "))) << shown << " says why";
         EXPECT_FALSE(run.out.contains(QStringLiteral("100%"))) << shown;
         EXPECT_FALSE(QFile::exists(out)) << shown;
     }
@@ -794,37 +847,43 @@ TEST_F(HtmlToPdfTest, SigtermStopsTheConversionAndKeepsTheOldFile)
     const QString target = folder + QStringLiteral("/report.pdf");
     writeText(target, QStringLiteral("previous report"));
 
-    QProcess process;
-    process.start(QStringLiteral(HTMLTOPDF_PATH),
-                  {QStringLiteral("--footer-text-right"), QStringLiteral("Page [page] of [topage]"),
-                   QStringLiteral("-o"), fileUrl(target), fileUrl(html)});
-    ASSERT_TRUE(process.waitForStarted());
-    // Past the layout (10%) the pages are being written.
-    QByteArray out;
-    int lastPercent = -1;
-    while (lastPercent <= 10 && process.waitForReadyRead(60000))
+    // Stopped during the layout (Qt's, which cannot be broken off: the
+    // signal ends the program at once) and while the pages are written.
+    for (const int signalAfter : {5, 11})
     {
+        QProcess process;
+        process.start(QStringLiteral(HTMLTOPDF_PATH),
+                      {QStringLiteral("--footer-text-right"), QStringLiteral("Page [page] of [topage]"),
+                       QStringLiteral("-o"), fileUrl(target), fileUrl(html)});
+        ASSERT_TRUE(process.waitForStarted());
+        QByteArray out;
+        int lastPercent = -1;
+        while (lastPercent < signalAfter && process.waitForReadyRead(60000))
+        {
+            out += process.readAllStandardOutput();
+            const QStringList received = lines(QString::fromLatin1(out));
+            if (!received.isEmpty() && out.endsWith('\n'))
+                lastPercent = received.last().chopped(1).toInt();
+        }
+        ASSERT_GE(lastPercent, signalAfter) << out.toStdString();
+        ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), SIGTERM), 0);
+        ASSERT_TRUE(process.waitForFinished(60000));
         out += process.readAllStandardOutput();
-        const QStringList received = lines(QString::fromLatin1(out));
-        if (!received.isEmpty() && out.endsWith('\n'))
-            lastPercent = received.last().chopped(1).toInt();
-    }
-    ASSERT_GT(lastPercent, 10) << out.toStdString();
-    ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), SIGTERM), 0);
-    ASSERT_TRUE(process.waitForFinished(60000));
-    out += process.readAllStandardOutput();
-    if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
-        GTEST_SKIP() << "the conversion finished before the signal came";
+        if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        {
+            GTEST_SKIP() << "the conversion finished before the signal came";
+        }
 
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "a clean end, not death by the signal";
-    // POSIX passes the low eight bits of the exit status on.
-    EXPECT_EQ(process.exitCode(), ExitInterrupted & 0xFF);
-    EXPECT_TRUE(QString::fromUtf8(process.readAllStandardError()).contains(QStringLiteral("interrupted")));
-    EXPECT_FALSE(out.contains("100%"));
-    EXPECT_EQ(readBytes(target), QByteArray("previous report"));
-    EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
-              QStringList(QStringLiteral("report.pdf")))
-        << "no partial file left";
+        EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "a clean end, not death by the signal";
+        // POSIX passes the low eight bits of the exit status on.
+        EXPECT_EQ(process.exitCode(), ExitInterrupted & 0xFF) << signalAfter;
+        EXPECT_TRUE(QString::fromUtf8(process.readAllStandardError()).contains(QStringLiteral("interrupted")));
+        EXPECT_FALSE(out.contains("100%"));
+        EXPECT_EQ(readBytes(target), QByteArray("previous report"));
+        EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+                  QStringList(QStringLiteral("report.pdf")))
+            << "no partial file left";
+    }
 }
 #endif
 

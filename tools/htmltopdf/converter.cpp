@@ -8,6 +8,7 @@
 #include "tableofcontents.h"
 
 #include <QAbstractTextDocumentLayout>
+#include <QBuffer>
 #include <QDir>
 #include <QFileInfo>
 #include <QPainter>
@@ -65,6 +66,15 @@ struct SSheet
     bool withBands;
 };
 
+void setUpWriter(QPdfWriter* writer)
+{
+    writer->setResolution(static_cast<int>(Dpi));
+    // Margins are ours: the painter gets the whole sheet.
+    writer->setPageLayout(QPageLayout(QPageSize(QPageSize::A4), QPageLayout::Portrait, QMarginsF(0, 0, 0, 0),
+                                      QPageLayout::Millimeter));
+    writer->setCreator(QStringLiteral("Quorvex HtmlToPdf"));
+}
+
 } // namespace
 
 CConverter::CConverter(const SOptions& options) : m_options(options) {}
@@ -113,7 +123,10 @@ int CConverter::run()
 {
     m_progress.report(0);
 
-    // Everything is read before the output is touched.
+    // Everything is read before the output is touched. While no file is
+    // open for writing a signal ends the program at once: Qt's layout of a
+    // large page cannot be broken off.
+    auto endAtOnce = std::make_unique<CInterruptsEndAtOnce>();
     QString error;
     QString bodyHtml;
     if (!CReportDocument::readHtmlFile(m_options.inputFile, &bodyHtml, &error))
@@ -130,27 +143,32 @@ int CConverter::run()
     if (!m_options.footer.htmlFile.isEmpty() &&
         !CReportDocument::readHtmlFile(m_options.footer.htmlFile, &footerHtml, &error))
         return fail(ExitInputFailed, error);
-    if (interruptRequested())
-        return stop(nullptr);
 
     const QString output = QDir::toNativeSeparators(m_options.outputFile);
     if (QFileInfo(m_options.outputFile).isDir())
         return fail(ExitOutputFailed, QStringLiteral("cannot write %1: it is a folder").arg(output));
-    QSaveFile file(m_options.outputFile);
-    if (!file.open(QIODevice::WriteOnly))
-        return fail(ExitOutputFailed, QStringLiteral("cannot write %1: %2").arg(output, file.errorString()));
+    endAtOnce.reset();
+    {
+        // Tried now, so an unwritable output is known before the long layout;
+        // the PDF itself is opened only once the pages are laid out.
+        QSaveFile probe(m_options.outputFile);
+        if (!probe.open(QIODevice::WriteOnly))
+            return fail(ExitOutputFailed,
+                        QStringLiteral("cannot write %1: %2").arg(output, probe.errorString()));
+        probe.cancelWriting();
+    }
+    endAtOnce = std::make_unique<CInterruptsEndAtOnce>();
 
-    QPdfWriter writer(&file);
-    writer.setResolution(static_cast<int>(Dpi));
-    // Margins are ours: the painter gets the whole sheet.
-    writer.setPageLayout(QPageLayout(QPageSize(QPageSize::A4), QPageLayout::Portrait, QMarginsF(0, 0, 0, 0),
-                                     QPageLayout::Millimeter));
-    writer.setCreator(QStringLiteral("Quorvex HtmlToPdf"));
+    // The layout is measured on a writer that never writes; the one that
+    // does, set up the same way, comes with the output file.
+    QBuffer unused;
+    QPdfWriter measure(&unused);
+    setUpWriter(&measure);
 
     const qreal contentWidth = PageWidth - 2 * SideMargin;
-    const CPageBand header(m_options.header, headerHtml, folderOf(m_options.header.htmlFile), &writer,
+    const CPageBand header(m_options.header, headerHtml, folderOf(m_options.header.htmlFile), &measure,
                            contentWidth, MaximumBandHeight);
-    const CPageBand footer(m_options.footer, footerHtml, folderOf(m_options.footer.htmlFile), &writer,
+    const CPageBand footer(m_options.footer, footerHtml, folderOf(m_options.footer.htmlFile), &measure,
                            contentWidth, MaximumBandHeight);
     // The margins grow with the header and footer, so they never cover text.
     const qreal top =
@@ -159,12 +177,9 @@ int CConverter::run()
         footer.isEmpty() ? MinimumMargin : qMax(MinimumMargin, BandEdge + footer.height() + BandGap);
     const QRectF content(SideMargin, top, contentWidth, PageHeight - top - bottom);
 
-    CReportDocument body(&writer);
+    CReportDocument body(&measure);
     body.setSource(bodyHtml, folderOf(m_options.inputFile));
-    writer.setTitle(body.metaInformation(QTextDocument::DocumentTitle));
     m_progress.report(LoadedPercent);
-    if (interruptRequested())
-        return stop(&file);
 
     body.layOut(contentWidth);
     const CPagePlanner bodyPlanner(&body);
@@ -175,12 +190,20 @@ int CConverter::run()
     QVector<SPageSlice> coverSlices;
     if (!m_options.coverFile.isEmpty())
     {
-        cover = std::make_unique<CReportDocument>(&writer);
+        cover = std::make_unique<CReportDocument>(&measure);
         cover->setSource(coverHtml, folderOf(m_options.coverFile));
         cover->layOut(contentWidth);
         coverSlices = CPagePlanner(cover.get()).plan(content.height());
         warnMissingResources(cover->missingResources());
     }
+    // A picture beyond the limits fails the conversion: left out, it would
+    // be a photo silently missing from the report.
+    QStringList refused = header.refusedResources() + footer.refusedResources() + body.refusedResources();
+    if (cover)
+        refused += cover->refusedResources();
+    if (!refused.isEmpty())
+        return fail(ExitInputFailed, QStringLiteral("not converted, beyond the limits: %1")
+                                         .arg(refused.join(QStringLiteral("; "))));
 
     std::unique_ptr<CReportDocument> contents;
     QVector<SPageSlice> contentsSlices;
@@ -188,7 +211,7 @@ int CConverter::run()
     {
         CTableOfContents toc;
         toc.collect(&body, bodyPlanner, bodySlices);
-        contents = std::make_unique<CReportDocument>(&writer);
+        contents = std::make_unique<CReportDocument>(&measure);
         // The body's page numbers depend on the length of the contents: lay
         // it out until the count it assumed is the count it takes.
         int contentsPages = 1;
@@ -211,8 +234,18 @@ int CConverter::run()
     for (const SPageSlice& slice : bodySlices)
         sheets.append({&body, slice, true});
     m_progress.report(LaidOutPercent);
+
+    // From here a signal only sets the flag, checked between pages, so the
+    // partly written file is dropped before the program ends.
+    endAtOnce.reset();
     if (interruptRequested())
-        return stop(&file);
+        return stop(nullptr);
+    QSaveFile file(m_options.outputFile);
+    if (!file.open(QIODevice::WriteOnly))
+        return fail(ExitOutputFailed, QStringLiteral("cannot write %1: %2").arg(output, file.errorString()));
+    QPdfWriter writer(&file);
+    setUpWriter(&writer);
+    writer.setTitle(body.metaInformation(QTextDocument::DocumentTitle));
 
     QPainter painter;
     if (!painter.begin(&writer))

@@ -1,11 +1,15 @@
 #include "interruption.h"
 
+#include "exitcode.h"
+
 #include <QtGlobal>
 
 #include <csignal>
+#include <cstdlib>
 
 #ifdef Q_OS_UNIX
 #include <signal.h>
+#include <unistd.h>
 #endif
 
 namespace htmltopdf
@@ -15,10 +19,24 @@ namespace
 {
 
 volatile std::sig_atomic_t g_interrupted = 0;
+volatile std::sig_atomic_t g_endAtOnce = 0;
+
+// Called from the signal handler: only async-signal-safe calls.
+void endInterrupted()
+{
+#ifdef Q_OS_UNIX
+    static const char text[] = "HtmlToPdf: interrupted; no file written\n";
+    const ssize_t written = ::write(STDERR_FILENO, text, sizeof text - 1);
+    static_cast<void>(written);
+#endif
+    std::_Exit(ExitInterrupted);
+}
 
 extern "C" void onInterrupt(int)
 {
     g_interrupted = 1;
+    if (g_endAtOnce)
+        endInterrupted();
 }
 
 #ifdef Q_OS_UNIX
@@ -55,6 +73,19 @@ void catchInterrupts()
 bool interruptRequested()
 {
     return g_interrupted != 0;
+}
+
+CInterruptsEndAtOnce::CInterruptsEndAtOnce()
+{
+    // Flag first: a signal arriving between the two lines is not missed.
+    g_endAtOnce = 1;
+    if (g_interrupted)
+        endInterrupted();
+}
+
+CInterruptsEndAtOnce::~CInterruptsEndAtOnce()
+{
+    g_endAtOnce = 0;
 }
 
 } // namespace htmltopdf

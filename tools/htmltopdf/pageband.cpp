@@ -36,7 +36,7 @@ CPageBand::CPageBand(const SBandTexts& texts, const QString& html, const QString
     qreal textHeight = 0;
     for (const SPlacedText& text : placed)
         textHeight = qMax(textHeight, text.rect.bottom());
-    m_height = qMin(maximumHeight, htmlHeight(WidestPageNumber, WidestPageNumber) + textHeight);
+    m_height = qMin(maximumHeight, htmlHeight(WidestPageNumber, WidestPageNumber, &m_refused) + textHeight);
 }
 
 bool CPageBand::isEmpty() const
@@ -124,7 +124,7 @@ QVector<CPageBand::SPlacedText> CPageBand::placeTexts(int page, int pageCount, q
     return placed;
 }
 
-qreal CPageBand::htmlHeight(int page, int pageCount) const
+qreal CPageBand::htmlHeight(int page, int pageCount, QStringList* refused) const
 {
     if (m_html.trimmed().isEmpty())
         return 0;
@@ -134,6 +134,8 @@ qreal CPageBand::htmlHeight(int page, int pageCount) const
     document.setDefaultFont(font);
     document.setSource(withPageNumbers(m_html, page, pageCount), m_baseFolder);
     document.layOut(m_width);
+    if (refused)
+        *refused = document.refusedResources();
     return document.size().height();
 }
 

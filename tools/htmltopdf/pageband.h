@@ -4,6 +4,7 @@
 
 #include <QFont>
 #include <QRectF>
+#include <QStringList>
 #include <QVector>
 
 class QPainter;
@@ -28,6 +29,8 @@ public:
     bool isEmpty() const;
     // The height the band needs, for page numbers of up to four digits.
     qreal height() const { return m_height; }
+    // Pictures or style sheets of the band's HTML refused as beyond the limits.
+    QStringList refusedResources() const { return m_refused; }
     void paint(QPainter* painter, const QPointF& topLeft, int page, int pageCount) const;
 
     static QString withPageNumbers(QString text, int page, int pageCount);
@@ -47,7 +50,7 @@ private:
 
     void addText(const QString& text, Qt::Alignment ownAlignment);
     QVector<SPlacedText> placeTexts(int page, int pageCount, qreal top) const;
-    qreal htmlHeight(int page, int pageCount) const;
+    qreal htmlHeight(int page, int pageCount, QStringList* refused = nullptr) const;
 
     QVector<SText> m_left;
     QVector<SText> m_center;
@@ -58,6 +61,7 @@ private:
     qreal m_width;
     QFont m_font;
     qreal m_height = 0;
+    QStringList m_refused;
 };
 
 } // namespace htmltopdf

@@ -1,6 +1,7 @@
 #include "reportdocument.h"
 
 #include <QAbstractTextDocumentLayout>
+#include <QBuffer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -13,6 +14,8 @@
 #include <QTextCursor>
 #include <QTextFormat>
 #include <QUrl>
+
+#include <algorithm>
 
 namespace htmltopdf
 {
@@ -70,6 +73,81 @@ QStringList replacementsFor(const QString& family)
     return installed(SansFaces);
 }
 
+// Elements that never hold others.
+const QSet<QString> VoidElements = {
+    QStringLiteral("area"),  QStringLiteral("base"),  QStringLiteral("br"),     QStringLiteral("col"),
+    QStringLiteral("embed"), QStringLiteral("hr"),    QStringLiteral("img"),    QStringLiteral("input"),
+    QStringLiteral("link"),  QStringLiteral("meta"),  QStringLiteral("param"),  QStringLiteral("source"),
+    QStringLiteral("track"), QStringLiteral("wbr")};
+
+// Whether opening an element closes the unclosed one directly above it, as
+// Qt's parser does (it closes at least these); "<li>a<li>b" are siblings.
+bool closesOpenTop(const QString& opening, const QString& top)
+{
+    if (opening == QLatin1String("p") || opening == QLatin1String("li") || opening == QLatin1String("dd"))
+        return top == opening;
+    if (opening == QLatin1String("td") || opening == QLatin1String("th"))
+        return top == QLatin1String("td") || top == QLatin1String("th");
+    if (opening == QLatin1String("tr"))
+        return top == QLatin1String("td") || top == QLatin1String("th") || top == QLatin1String("tr");
+    if (opening == QLatin1String("dt"))
+        return top == QLatin1String("dt") || top == QLatin1String("dd");
+    return false;
+}
+
+// Index just past the tag whose name ends at from: the first '>' outside a
+// quoted attribute value.
+int tagEnd(const QString& html, int from)
+{
+    const int size = html.size();
+    int i = from;
+    while (i < size && html.at(i) != QLatin1Char('>'))
+    {
+        if (html.at(i) != QLatin1Char('='))
+        {
+            ++i;
+            continue;
+        }
+        ++i;
+        while (i < size && html.at(i).isSpace())
+            ++i;
+        if (i < size && (html.at(i) == QLatin1Char('"') || html.at(i) == QLatin1Char('\'')))
+        {
+            const int close = html.indexOf(html.at(i), i + 1);
+            i = close < 0 ? size : close + 1;
+        }
+    }
+    return i + 1;
+}
+
+// Reads a regular file of at most maximum bytes; the reason when it cannot,
+// and whether that is the limits rather than a failure to read.
+QString readBounded(const QString& path, qint64 maximum, QByteArray* bytes, bool* beyondLimits = nullptr)
+{
+    bool ignored = false;
+    bool& limited = beyondLimits ? *beyondLimits : ignored;
+    limited = true;
+    // Checked before opening: opening a pipe blocks, a device may be endless.
+    const QFileInfo info(path);
+    if (info.exists() && !info.isFile())
+        return QStringLiteral("not a regular file");
+    QFile file(path);
+    limited = false;
+    if (!file.open(QIODevice::ReadOnly))
+        return file.errorString();
+    // Read with a bound: the file may have grown or been replaced since.
+    *bytes = file.read(maximum + 1);
+    if (file.error() != QFileDevice::NoError)
+        return file.errorString();
+    if (bytes->size() > maximum)
+    {
+        limited = true;
+        bytes->clear();
+        return QStringLiteral("larger than %1 MiB").arg(maximum >> 20);
+    }
+    return QString();
+}
+
 } // namespace
 
 CReportDocument::CReportDocument(QPaintDevice* device, QObject* parent) : QTextDocument(parent)
@@ -90,27 +168,103 @@ QString CReportDocument::sansFamily()
     return faces.isEmpty() ? QStringLiteral("sans-serif") : faces.first();
 }
 
-bool CReportDocument::readHtmlFile(const QString& path, QString* html, QString* error)
+bool CReportDocument::readLocalFile(const QString& path, QByteArray* bytes, QString* error)
 {
     if (QFileInfo(path).isDir())
     {
         *error = QStringLiteral("%1 is a folder").arg(QDir::toNativeSeparators(path));
         return false;
     }
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-    {
-        *error = QStringLiteral("cannot read %1: %2").arg(QDir::toNativeSeparators(path), file.errorString());
+    const QString problem = readBounded(path, MaximumFileBytes, bytes);
+    if (!problem.isEmpty())
+        *error = QStringLiteral("cannot read %1: %2").arg(QDir::toNativeSeparators(path), problem);
+    return problem.isEmpty();
+}
+
+bool CReportDocument::readHtmlFile(const QString& path, QString* html, QString* error)
+{
+    QByteArray bytes;
+    if (!readLocalFile(path, &bytes, error))
         return false;
-    }
-    const QByteArray bytes = file.readAll();
-    if (file.error() != QFileDevice::NoError)
-    {
-        *error = QStringLiteral("cannot read %1: %2").arg(QDir::toNativeSeparators(path), file.errorString());
-        return false;
-    }
     QTextCodec* codec = QTextCodec::codecForHtml(bytes, QTextCodec::codecForName("UTF-8"));
     *html = codec->toUnicode(bytes);
+    QString problem;
+    if (!checkNesting(*html, &problem))
+    {
+        *error = QStringLiteral("cannot convert %1: %2").arg(QDir::toNativeSeparators(path), problem);
+        return false;
+    }
+    return true;
+}
+
+bool CReportDocument::checkNesting(const QString& html, QString* error)
+{
+    QVector<QString> open;
+    int tables = 0;
+    const int size = html.size();
+    int i = 0;
+    while ((i = html.indexOf(QLatin1Char('<'), i)) >= 0)
+    {
+        if (html.midRef(i, 4) == QLatin1String("<!--"))
+        {
+            const int end = html.indexOf(QStringLiteral("-->"), i + 4);
+            i = end < 0 ? size : end + 3;
+            continue;
+        }
+        // Declarations and processing instructions end at the first '>'.
+        if (html.midRef(i + 1, 1) == QLatin1String("!") || html.midRef(i + 1, 1) == QLatin1String("?"))
+        {
+            const int end = html.indexOf(QLatin1Char('>'), i);
+            i = end < 0 ? size : end + 1;
+            continue;
+        }
+        const bool closing = i + 1 < size && html.at(i + 1) == QLatin1Char('/');
+        const int nameStart = i + (closing ? 2 : 1);
+        int nameEnd = nameStart;
+        while (nameEnd < size && (html.at(nameEnd).isLetterOrNumber() || html.at(nameEnd) == QLatin1Char('-') ||
+                                  html.at(nameEnd) == QLatin1Char(':')))
+            ++nameEnd;
+        // Not a tag ("a < b"): what follows is still looked at.
+        if (nameEnd == nameStart || !html.at(nameStart).isLetter())
+        {
+            ++i;
+            continue;
+        }
+        const QString name = html.mid(nameStart, nameEnd - nameStart).toLower();
+        i = tagEnd(html, nameEnd);
+        if (closing)
+        {
+            const int match = open.lastIndexOf(name);
+            if (match >= 0)
+            {
+                tables -= static_cast<int>(std::count(open.cbegin() + match, open.cend(), QStringLiteral("table")));
+                open.resize(match);
+            }
+            continue;
+        }
+        if (VoidElements.contains(name))
+            continue;
+        while (!open.isEmpty() && closesOpenTop(name, open.constLast()))
+            open.removeLast();
+        open.append(name);
+        if (name == QLatin1String("table") && ++tables > MaximumTableNesting)
+        {
+            *error = QStringLiteral("tables nested more than %1 deep").arg(MaximumTableNesting);
+            return false;
+        }
+        if (open.size() > MaximumNesting)
+        {
+            *error = QStringLiteral("elements nested more than %1 deep").arg(MaximumNesting);
+            return false;
+        }
+        // Qt takes a style sheet or script as text up to the next end tag,
+        // whichever it is.
+        if (name == QLatin1String("style") || name == QLatin1String("script"))
+        {
+            const int end = html.indexOf(QStringLiteral("</"), i);
+            i = end < 0 ? size : end;
+        }
+    }
     return true;
 }
 
@@ -170,7 +324,10 @@ QString CReportDocument::applyImageLimits(const QString& html, const QUrl& base)
         {
             const QString value = src.captured(2).isEmpty() ? src.captured(3) : src.captured(2);
             const QUrl url = base.resolved(QUrl(value));
-            const QSize natural = QImageReader(url.isLocalFile() ? url.toLocalFile() : value).size();
+            // Only pictures that would be loaded are opened: a pipe would block.
+            const QFileInfo file(url.isLocalFile() ? url.toLocalFile() : value);
+            const bool readable = file.isFile() && file.size() <= MaximumFileBytes;
+            const QSize natural = readable ? QImageReader(file.filePath()).size() : QSize();
             if (natural.isValid() && !natural.isEmpty())
             {
                 double scale = 1.0;
@@ -193,6 +350,7 @@ QString CReportDocument::applyImageLimits(const QString& html, const QUrl& base)
 void CReportDocument::setSource(const QString& html, const QString& baseFolder)
 {
     m_missingResources.clear();
+    m_refusedResources.clear();
     setBaseUrl(QUrl::fromLocalFile(QDir(baseFolder).absolutePath() + QLatin1Char('/')));
     setHtml(applyImageLimits(html, baseUrl()));
     honourExplicitFontSizes();
@@ -216,19 +374,76 @@ void CReportDocument::layOut(qreal width)
     }
 }
 
+QVariant CReportDocument::decodeImage(const QByteArray& bytes, QString* refusal)
+{
+    QBuffer buffer;
+    buffer.setData(bytes);
+    buffer.open(QIODevice::ReadOnly);
+    QImageReader reader(&buffer);
+    if (!reader.canRead())
+        return QVariant();
+    // The header's size, before any pixel is decoded: a small file can
+    // claim a huge picture.
+    const QSize size = reader.size();
+    if (!size.isValid())
+        *refusal = QStringLiteral("picture of unknown size");
+    else if (static_cast<qint64>(size.width()) * size.height() > MaximumImagePixels)
+        *refusal = QStringLiteral("picture of %1 x %2 pixels, more than %3 million")
+                       .arg(size.width())
+                       .arg(size.height())
+                       .arg(MaximumImagePixels / 1000000);
+    if (!refusal->isEmpty())
+        return QVariant();
+    const QImage image = reader.read();
+    return image.isNull() ? QVariant() : QVariant(image);
+}
+
 QVariant CReportDocument::loadResource(int type, const QUrl& name)
 {
-    // Qt reads local files, "data:" URLs and names relative to the base URL;
-    // nothing is fetched from the network.
-    const QVariant resource = QTextDocument::loadResource(type, name);
-    if (resource.isNull() && (type == ImageResource || type == StyleSheetResource))
+    if (type != ImageResource && type != StyleSheetResource)
+        return QTextDocument::loadResource(type, name);
+    // Local files, "data:" URLs and names relative to the base URL, read
+    // here rather than by Qt, which would read any file (a device, a pipe)
+    // whole; nothing is fetched from the network.
+    const QUrl resolved = name.isRelative() ? baseUrl().resolved(name) : name;
+    const QString shown = resolved.isLocalFile() ? QDir::toNativeSeparators(resolved.toLocalFile())
+                                                 : resolved.toDisplayString(QUrl::RemoveQuery).left(80);
+    QByteArray bytes;
+    QString refusal;
+    bool read = false;
+    if (resolved.scheme().compare(QLatin1String("data"), Qt::CaseInsensitive) == 0)
     {
-        const QUrl resolved = name.isRelative() ? baseUrl().resolved(name) : name;
-        const QString shown = resolved.isLocalFile() ? QDir::toNativeSeparators(resolved.toLocalFile())
-                                                     : resolved.toDisplayString();
-        if (!m_missingResources.contains(shown))
-            m_missingResources.append(shown);
+        // data:[<type>][;base64],<data>
+        const QByteArray url = resolved.toEncoded();
+        const int comma = url.indexOf(',');
+        if (comma > 0)
+        {
+            const QByteArray payload = QByteArray::fromPercentEncoding(url.mid(comma + 1));
+            bytes = url.left(comma).endsWith(";base64") ? QByteArray::fromBase64(payload) : payload;
+            read = true;
+        }
     }
+    else if (resolved.isLocalFile() && QFileInfo::exists(resolved.toLocalFile()) &&
+             !QFileInfo(resolved.toLocalFile()).isDir())
+    {
+        bool beyondLimits = false;
+        const QString problem = readBounded(resolved.toLocalFile(), MaximumFileBytes, &bytes, &beyondLimits);
+        read = problem.isEmpty();
+        if (beyondLimits)
+            refusal = problem;
+    }
+    QVariant resource;
+    if (read)
+        resource = type == ImageResource ? decodeImage(bytes, &refusal) : QVariant(bytes);
+    if (!resource.isNull())
+    {
+        addResource(type, name, resource); // kept: the layout asks again
+        return resource;
+    }
+    QStringList& list = refusal.isEmpty() ? m_missingResources : m_refusedResources;
+    const QString entry = refusal.isEmpty() ? shown : QStringLiteral("%1: %2").arg(shown, refusal);
+    if (!list.contains(entry))
+        list.append(entry);
     return resource;
 }
 

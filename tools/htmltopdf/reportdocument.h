@@ -37,16 +37,40 @@ public:
     static QString sansFamily();
 
     // Reads an HTML file's text: the encoding its meta tag names, UTF-8
-    // otherwise. False when the file cannot be read, with the reason in error.
+    // otherwise. False, with the reason in error, when the file cannot be
+    // read or is beyond the limits below.
     static bool readHtmlFile(const QString& path, QString* html, QString* error);
+
+    // Limits that keep a hostile page from taking unbounded time or memory.
+    // Qt's layout time grows about twofold with each level of nested tables,
+    // and its parser's time with the square of any nesting depth.
+    static constexpr int MaximumTableNesting = 8;
+    static constexpr int MaximumNesting = 64;
+    // Files read (pages, pictures, style sheets) are regular files of at most
+    // this size: a device or a pipe could be endless or block.
+    static constexpr qint64 MaximumFileBytes = 64 * 1024 * 1024;
+    static constexpr qint64 MaximumImagePixels = 100 * 1000 * 1000;
+
+    // False, with the reason, when elements (or tables) nest deeper than the
+    // limits. Looks at the tags only, before Qt parses anything; unclosed
+    // tags count as open, so the depth found is never below Qt's.
+    static bool checkNesting(const QString& html, QString* error);
+    // A regular local file's bytes, at most MaximumFileBytes.
+    static bool readLocalFile(const QString& path, QByteArray* bytes, QString* error);
+
+    // Images and style sheets the document names but refused as beyond the
+    // limits ("name: reason"); the conversion fails rather than leave them out.
+    QStringList refusedResources() const { return m_refusedResources; }
 
 protected:
     QVariant loadResource(int type, const QUrl& name) override;
 
 private:
     void substituteMissingFonts();
+    static QVariant decodeImage(const QByteArray& bytes, QString* refusal);
 
     QStringList m_missingResources;
+    QStringList m_refusedResources;
 };
 
 } // namespace htmltopdf
