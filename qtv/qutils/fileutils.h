@@ -98,6 +98,15 @@ public:
     static QString formatValue(EXIFMetadataProperty property, const QVariant& value);
 };
 
+// Why a file cannot be written at path, or an empty text when it can: what
+// is there already (links followed) must be a regular file, since saving
+// replaces it and a device, pipe, socket or folder must never be replaced.
+QString outputTargetProblem(const QString& path);
+
+// True when both paths name the same existing file, through links or other
+// spellings alike.
+bool isSameFile(const QString& a, const QString& b);
+
 } // namespace qutils
 
 Q_DECLARE_METATYPE(qutils::EXIFInfo::LensInfo_t)
