@@ -72,7 +72,7 @@ int runAnalyze(const SCommandLine& commandLine)
     const QString outputError = outputProblem(outputs, inputPaths);
     if (!outputError.isEmpty())
     {
-        CConsole::error(outputError);
+        CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
         return ExitUsage;
     }
 

@@ -99,7 +99,7 @@ int runLearn(const SCommandLine& commandLine)
                           .arg(commandLine.fingerprintFile);
     if (!outputError.isEmpty())
     {
-        CConsole::error(outputError);
+        CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
         return ExitUsage;
     }
     return learnFingerprint(photos, commandLine.fingerprintFile);

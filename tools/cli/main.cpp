@@ -23,7 +23,7 @@ int main(int argc, char** argv)
         if (QFile::decodeName(raw).toUtf8() != raw)
         {
             cli::CConsole::error(QStringLiteral("argument %1 is not valid UTF-8 (%2); name its folder instead, "
-                                                "whose listing reports such files")
+                                                "whose listing reports such files (see quorvex-cli --help)")
                                      .arg(i)
                                      .arg(displayPath(raw)));
             return cli::ExitUsage;
