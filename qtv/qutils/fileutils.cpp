@@ -4,7 +4,6 @@
 #include <QCoreApplication>
 #include <QDate>
 #include <QDateTime>
-#include <QDir>
 #include <QFileInfo>
 #include <QHash>
 #include <QLocale>

@@ -103,8 +103,9 @@ public:
 // replaces it and a device, pipe, socket or folder must never be replaced.
 QString outputTargetProblem(const QString& path);
 
-// True when both paths name the same existing file, through links or other
-// spellings alike.
+// True when both paths name the same file, through links or other spellings
+// alike; for a file not there yet, when both name the same entry of the same
+// folder.
 bool isSameFile(const QString& a, const QString& b);
 
 } // namespace qutils
