@@ -40,7 +40,8 @@ QString refusedText(const QList<SRefusedFile>& refused)
 QString countText(int count, int refused)
 {
     return refused == 0 ? countText(count)
-                        : QCoreApplication::translate("CChooseImagePathDlg", "Photos found: %1 (%2 cannot be analyzed)")
+                        : QCoreApplication::translate("CChooseImagePathDlg",
+                                                      "Photos found: %1 (%2 cannot be analyzed)")
                               .arg(count)
                               .arg(refused);
 }
@@ -147,11 +148,13 @@ void CChooseImagePathDlg::listFolder(const QDir& dir, bool updateEdit)
     QList<SRefusedFile>* refused = &m_refused;
 
     // The listing itself: cancellable between entries, reporting the running count.
-    auto listing = qutils::makeTask<qutils::CFunctionTask>([dir, recursive, files, refused](qutils::CTask* task) {
-        *files = listPhotos(
-            dir, recursive, [task] { return task->isCancelled(); },
-            [task](int n) { task->setProgressPos(n); }, refused);
-    });
+    auto listing = qutils::makeTask<qutils::CFunctionTask>(
+        [dir, recursive, files, refused](qutils::CTask* task)
+        {
+            *files = listPhotos(
+                dir, recursive, [task] { return task->isCancelled(); },
+                [task](int n) { task->setProgressPos(n); }, refused);
+        });
     connect(listing.get(), &qutils::CTask::progressPos, this, [this](qint64 pos) { onUpdateLabel(static_cast<int>(pos)); });
 
     // The finishing job, on the dialog's worker thread.
@@ -167,7 +170,8 @@ void CChooseImagePathDlg::listFolder(const QDir& dir, bool updateEdit)
         for (const SRefusedFile& file : *refused)
             QX_WARNING << "Photo cannot be analyzed: " << file.path << ": " << file.reason;
         const QString tip = refusedText(*refused);
-        QMetaObject::invokeMethod(count, [count, tip] { count->setToolTip(tip); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            count, [count, tip] { count->setToolTip(tip); }, Qt::QueuedConnection);
         if (!QMetaObject::invokeMethod(gallery, "setFiles", Qt::QueuedConnection, Q_ARG(QFileInfoList, *files)))
             QX_DEBUG << "Cannot invoke setFiles";
     });

@@ -41,7 +41,11 @@ QString tr(const char* text)
 int utf8SequenceAt(const QByteArray& bytes, int i)
 {
     const auto lead = static_cast<unsigned char>(bytes.at(i));
-    const int length = lead < 0x80 ? 1 : (lead & 0xE0) == 0xC0 ? 2 : (lead & 0xF0) == 0xE0 ? 3 : (lead & 0xF8) == 0xF0 ? 4 : 0;
+    const int length = lead < 0x80             ? 1
+                       : (lead & 0xE0) == 0xC0 ? 2
+                       : (lead & 0xF0) == 0xE0 ? 3
+                       : (lead & 0xF8) == 0xF0 ? 4
+                                               : 0;
     if (length <= 1 || i + length > bytes.size())
         return length == 1 ? 1 : 0;
     QTextCodec::ConverterState state(QTextCodec::ConvertInvalidToNull);
@@ -59,7 +63,8 @@ QString displayPath(const QByteArray& path)
         const int length = utf8SequenceAt(path, i);
         if (length == 0)
         {
-            text += QStringLiteral("\\x%1").arg(static_cast<unsigned char>(path.at(i)), 2, 16, QLatin1Char('0'));
+            text +=
+                QStringLiteral("\\x%1").arg(static_cast<unsigned char>(path.at(i)), 2, 16, QLatin1Char('0'));
             ++i;
             continue;
         }
@@ -111,9 +116,9 @@ QFileInfoList listPhotos(const QDir& dir, bool recursive, const std::function<bo
             // Special files are never opened here: opening a pipe would wait for a writer.
             const QString reason = entry.kind == qutils::platform::EEntryKind::Regular
                                        ? refusalReason(entry.path)
-                                       : entry.kind == qutils::platform::EEntryKind::Broken
-                                             ? tr("the file cannot be reached (a broken link, or no permission)")
-                                             : tr("not a regular file (a device, pipe, socket or folder)");
+                                   : entry.kind == qutils::platform::EEntryKind::Broken
+                                       ? tr("the file cannot be reached (a broken link, or no permission)")
+                                       : tr("not a regular file (a device, pipe, socket or folder)");
             if (!reason.isEmpty())
             {
                 refusedHere.append({displayPath(entry.path), reason});

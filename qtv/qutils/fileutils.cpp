@@ -803,7 +803,8 @@ QString outputTargetProblem(const QString& path)
 {
     const QFileInfo info(path);
     if (!info.exists())
-        return info.isSymLink() ? QCoreApplication::translate("qutils", "it is a link to nothing") : QString();
+        return info.isSymLink() ? QCoreApplication::translate("qutils", "it is a link to nothing")
+                                : QString();
     if (info.isDir())
         return QCoreApplication::translate("qutils", "it is a folder");
     if (!info.isFile())

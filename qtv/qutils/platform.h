@@ -60,7 +60,8 @@ struct SFolderEntry
 // are still seen. Hidden entries (a leading dot) are left out; links to
 // folders are not descended into; a subfolder that cannot be read is skipped.
 // visit returns false to stop the walk.
-void walkFolder(const QByteArray& folder, bool recursive, const std::function<bool(const SFolderEntry&)>& visit);
+void walkFolder(const QByteArray& folder, bool recursive,
+                const std::function<bool(const SFolderEntry&)>& visit);
 
 // The longest path the system opens by name, terminating zero included.
 int maxPathLength();

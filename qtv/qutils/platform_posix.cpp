@@ -6,9 +6,9 @@
 #include <QFileInfo>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
-#include <climits>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -188,9 +188,14 @@ namespace
 
 EEntryKind entryKind(int dirFd, const char* name, bool& isRealDirectory)
 {
-    struct stat linkStat{};
-    isRealDirectory = ::fstatat(dirFd, name, &linkStat, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(linkStat.st_mode);
-    struct stat target{};
+    struct stat linkStat
+    {
+    };
+    isRealDirectory =
+        ::fstatat(dirFd, name, &linkStat, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(linkStat.st_mode);
+    struct stat target
+    {
+    };
     if (::fstatat(dirFd, name, &target, 0) != 0)
         return EEntryKind::Broken;
     if (S_ISREG(target.st_mode))
@@ -221,7 +226,8 @@ bool walkOpenFolder(int dirFd, const QByteArray& path, bool recursive,
         if (name[0] == '.')
             continue;
         bool isRealDirectory = false;
-        const SFolderEntry found{path + '/' + QByteArray(name), entryKind(::dirfd(dir), name, isRealDirectory)};
+        const SFolderEntry found{path + '/' + QByteArray(name),
+                                 entryKind(::dirfd(dir), name, isRealDirectory)};
         go = visit(found);
         if (go && recursive && isRealDirectory)
         {
@@ -237,7 +243,8 @@ bool walkOpenFolder(int dirFd, const QByteArray& path, bool recursive,
 
 } // namespace
 
-void walkFolder(const QByteArray& folder, bool recursive, const std::function<bool(const SFolderEntry&)>& visit)
+void walkFolder(const QByteArray& folder, bool recursive,
+                const std::function<bool(const SFolderEntry&)>& visit)
 {
     const int fd = ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
@@ -255,7 +262,9 @@ int maxPathLength()
 
 bool fileIdentity(const QString& path, quint64& device, quint64& inode)
 {
-    struct stat st{};
+    struct stat st
+    {
+    };
     if (::stat(QFile::encodeName(path).constData(), &st) != 0)
         return false;
     device = static_cast<quint64>(st.st_dev);

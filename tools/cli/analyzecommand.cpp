@@ -54,8 +54,9 @@ int runAnalyze(const SCommandLine& commandLine)
         return ExitFailure;
     if (inputs.photos.isEmpty())
     {
-        CConsole::error(inputs.refused.isEmpty() ? QStringLiteral("no photos found in the given paths")
-                                                 : QStringLiteral("no photo in the given paths can be analyzed"));
+        CConsole::error(inputs.refused.isEmpty()
+                            ? QStringLiteral("no photos found in the given paths")
+                            : QStringLiteral("no photo in the given paths can be analyzed"));
         return ExitFailure;
     }
     // Checked before anything is written: evidence must never be overwritten.
@@ -113,23 +114,23 @@ int runAnalyze(const SCommandLine& commandLine)
                        .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
     bool tableStarted = false;
     const auto handle = [&](const SPhotoOutcome& outcome)
+    {
+        if (jsonToStdout)
         {
-            if (jsonToStdout)
-            {
-                CConsole::out(jsonLine(outcome));
-            }
-            else
-            {
-                if (!tableStarted)
-                    CConsole::out(tableHeader());
-                tableStarted = true;
-                CConsole::out(tableLine(outcome));
-            }
-            if (jsonFile)
-                jsonFile->writeLine(jsonLine(outcome));
-            if (csvFile)
-                csvFile->writeLine(csvLine(outcome));
-        };
+            CConsole::out(jsonLine(outcome));
+        }
+        else
+        {
+            if (!tableStarted)
+                CConsole::out(tableHeader());
+            tableStarted = true;
+            CConsole::out(tableLine(outcome));
+        }
+        if (jsonFile)
+            jsonFile->writeLine(jsonLine(outcome));
+        if (csvFile)
+            csvFile->writeLine(csvLine(outcome));
+    };
     job.setOutcomeHandler(handle);
     QList<SPhotoOutcome> outcomes = job.run();
     if (job.fingerprintUnreadable())

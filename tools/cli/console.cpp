@@ -17,8 +17,8 @@ void write(std::FILE* stream, const QString& text)
     if (stream == stdout && g_outFailed)
         return;
     const QByteArray bytes = text.toUtf8();
-    const bool written =
-        std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream) == static_cast<size_t>(bytes.size());
+    const bool written = std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream) ==
+                         static_cast<size_t>(bytes.size());
     if ((std::fflush(stream) != 0 || !written) && stream == stdout)
         g_outFailed = true;
 }

@@ -22,10 +22,11 @@ int main(int argc, char** argv)
         const QByteArray raw(argv[i]);
         if (QFile::decodeName(raw).toUtf8() != raw)
         {
-            cli::CConsole::error(QStringLiteral("argument %1 is not valid UTF-8 (%2); name its folder instead, "
-                                                "whose listing reports such files (see quorvex-cli --help)")
-                                     .arg(i)
-                                     .arg(displayPath(raw)));
+            cli::CConsole::error(
+                QStringLiteral("argument %1 is not valid UTF-8 (%2); name its folder instead, "
+                               "whose listing reports such files (see quorvex-cli --help)")
+                    .arg(i)
+                    .arg(displayPath(raw)));
             return cli::ExitUsage;
         }
     }

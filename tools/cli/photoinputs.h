@@ -14,9 +14,9 @@ namespace cli
 struct SPhotoInputs
 {
     QFileInfoList photos;
-    QStringList missing;          // paths that name neither a file nor a folder
-    QStringList skipped;          // files given by name that are not photo files
-    QList<SRefusedFile> refused;  // photo files that cannot be analysed, with the reason
+    QStringList missing;         // paths that name neither a file nor a folder
+    QStringList skipped;         // files given by name that are not photo files
+    QList<SRefusedFile> refused; // photo files that cannot be analysed, with the reason
 };
 
 // The photos of the PATHs in the order given: a file as it is, a folder's
