@@ -27,6 +27,25 @@ QString countText(int count)
     return QCoreApplication::translate("CChooseImagePathDlg", "Photos found: %1").arg(count);
 }
 
+// The count, and the files that cannot be analysed: named with the reason in
+// the tooltip, so none disappears without a word.
+QString refusedText(const QList<SRefusedFile>& refused)
+{
+    QStringList lines;
+    for (const SRefusedFile& file : refused)
+        lines << QCoreApplication::translate("CChooseImagePathDlg", "%1: %2").arg(file.path, file.reason);
+    return lines.join(QLatin1Char('\n'));
+}
+
+QString countText(int count, int refused)
+{
+    return refused == 0 ? countText(count)
+                        : QCoreApplication::translate("CChooseImagePathDlg",
+                                                      "Photos found: %1 (%2 cannot be analyzed)")
+                              .arg(count)
+                              .arg(refused);
+}
+
 // Widgets are only ever touched on their own thread: the worker asks by name.
 void invokeSetText(QObject* target, const QString& text)
 {
@@ -126,24 +145,33 @@ void CChooseImagePathDlg::listFolder(const QDir& dir, bool updateEdit)
     QLabel* count = m_count;
     CGalleryWidget* gallery = m_gallery;
     QFileInfoList* files = &m_files;
+    QList<SRefusedFile>* refused = &m_refused;
 
     // The listing itself: cancellable between entries, reporting the running count.
-    auto listing = qutils::makeTask<qutils::CFunctionTask>([dir, recursive, files](qutils::CTask* task) {
-        *files = listPhotos(
-            dir, recursive, [task] { return task->isCancelled(); },
-            [task](int n) { task->setProgressPos(n); });
-    });
+    auto listing = qutils::makeTask<qutils::CFunctionTask>(
+        [dir, recursive, files, refused](qutils::CTask* task)
+        {
+            *files = listPhotos(
+                dir, recursive, [task] { return task->isCancelled(); },
+                [task](int n) { task->setProgressPos(n); }, refused);
+        });
     connect(listing.get(), &qutils::CTask::progressPos, this, [this](qint64 pos) { onUpdateLabel(static_cast<int>(pos)); });
 
     // The finishing job, on the dialog's worker thread.
     auto job = qutils::makeTask<qutils::CFunctionTask>([=](qutils::CTask* task) {
         files->clear();
+        refused->clear();
         if (self)
             self->storeDirectory(dir);
         if (updateEdit)
             invokeSetText(edit, QDir::toNativeSeparators(dir.absolutePath()));
         task->runSubTaskNoProgress(listing);
-        invokeSetText(count, countText(files->size()));
+        invokeSetText(count, countText(files->size(), refused->size()));
+        for (const SRefusedFile& file : *refused)
+            QX_WARNING << "Photo cannot be analyzed: " << file.path << ": " << file.reason;
+        const QString tip = refusedText(*refused);
+        QMetaObject::invokeMethod(
+            count, [count, tip] { count->setToolTip(tip); }, Qt::QueuedConnection);
         if (!QMetaObject::invokeMethod(gallery, "setFiles", Qt::QueuedConnection, Q_ARG(QFileInfoList, *files)))
             QX_DEBUG << "Cannot invoke setFiles";
     });

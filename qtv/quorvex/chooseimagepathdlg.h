@@ -1,5 +1,7 @@
 #pragma once
 
+#include "photolisting.h"
+
 #include <QDir>
 #include <QFileInfoList>
 #include <QWidget>
@@ -25,6 +27,8 @@ public:
     // The one entry into listing.
     void listFolder(const QDir& dir, bool updateEdit);
     const QFileInfoList& files() const { return m_files; }
+    // Files with a photo's name in the folder that cannot be analysed, with the reason.
+    const QList<SRefusedFile>& refusedFiles() const { return m_refused; }
 
 signals:
     void homeRequested();
@@ -55,4 +59,5 @@ private:
     QLabel* m_count = nullptr;
     CGalleryWidget* m_gallery = nullptr;
     QFileInfoList m_files;
+    QList<SRefusedFile> m_refused;
 };

@@ -207,7 +207,7 @@ bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) c
     // Written to a temporary file and renamed over the target on success, so a
     // failed save never destroys an existing fingerprint.
     QSaveFile out(file.absoluteFilePath());
-    if (!out.open(QIODevice::WriteOnly))
+    if (!qutils::outputTargetProblem(file.absoluteFilePath()).isEmpty() || !out.open(QIODevice::WriteOnly))
         return false;
     QDataStream stream(&out);
     stream.setVersion(QDataStream::Qt_5_0);

@@ -141,7 +141,8 @@ QString CGeneratorTask::exifText(const QString& photoPath)
     };
     QString text;
     qutils::EXIFInfo::Properties properties;
-    if (qutils::EXIFInfo::read(photoPath, properties))
+    // A pipe or device is never opened: reading it could wait for ever.
+    if (QFileInfo(photoPath).isFile() && qutils::EXIFInfo::read(photoPath, properties))
     {
         for (EXIFMetadataProperty property : shown)
         {
@@ -232,6 +233,8 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
 
 bool CGeneratorTask::writeThumbnail(const QString& photoPath, const QString& thumbnailPath)
 {
+    if (!QFileInfo(photoPath).isFile())
+        return false;
     QImageReader reader(photoPath);
     reader.setAutoTransform(true);
     reader.setDecideFormatFromContent(true);
@@ -257,6 +260,13 @@ bool CGeneratorTask::run()
 {
     const int count = m_input.photos.size();
     setProgressRange(0, count + 100);
+    // The converter replaces the target: never a device, pipe, socket or folder.
+    const QString targetProblem = qutils::outputTargetProblem(m_input.reportPath);
+    if (!targetProblem.isEmpty())
+    {
+        QX_ERROR << "Report target refused: " << m_input.reportPath << ": " << targetProblem;
+        throw CException(tr("The report cannot be created!") + QLatin1Char(' ') + targetProblem);
+    }
     m_folder = std::make_unique<qutils::CTempFolder>();
     if (!m_folder->isValid())
     {

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFileInfoList>
+#include <QList>
 #include <QStringList>
 
 #include <functional>
@@ -13,9 +14,26 @@ QStringList photoNameFilters();
 // folder listing matches them).
 bool isPhotoFileName(const QString& fileName);
 
+// A file with a photo's name that cannot be analysed, and why.
+struct SRefusedFile
+{
+    QString path; // readable: bytes that are not valid UTF-8 shown as \xNN
+    QString reason;
+};
+
+// Why the file at this exact byte path cannot be analysed (its name is not
+// valid UTF-8, the path is too long, it is not a regular file), or an empty
+// text when it can.
+QString refusalReason(const QByteArray& path);
+
+// The path as text, each byte that is not part of valid UTF-8 written \xNN.
+QString displayPath(const QByteArray& path);
+
 // Lists the photo files of a folder (and of its subfolders when recursive), in
 // the order the directory iterator gives them; hidden files are left out.
-// cancelled is polled before each entry: a cancelled listing is empty.
-// progress gets the running count.
+// Entries with a photo's name that cannot be analysed go to refused (when
+// given) with the reason, never silently away. cancelled is polled before
+// each entry: a cancelled listing is empty. progress gets the running count.
 QFileInfoList listPhotos(const QDir& dir, bool recursive, const std::function<bool()>& cancelled = nullptr,
-                         const std::function<void(int)>& progress = nullptr);
+                         const std::function<void(int)>& progress = nullptr,
+                         QList<SRefusedFile>* refused = nullptr);

@@ -1,4 +1,5 @@
 #include "fileutils.h"
+#include "platform.h"
 
 #include <QCoreApplication>
 #include <QDate>
@@ -794,6 +795,40 @@ QString EXIFInfo::formatValue(EXIFMetadataProperty property, const QVariant& val
         return value.toString();
     }
     return value.toString();
+}
+
+// Output targets. -----------------------------------------------------------
+
+QString outputTargetProblem(const QString& path)
+{
+    const QFileInfo info(path);
+    if (!info.exists())
+        return info.isSymLink() ? QCoreApplication::translate("qutils", "it is a link to nothing")
+                                : QString();
+    if (info.isDir())
+        return QCoreApplication::translate("qutils", "it is a folder");
+    if (!info.isFile())
+        return QCoreApplication::translate("qutils", "it is a device, pipe or socket, not a regular file");
+    return QString();
+}
+
+bool isSameFile(const QString& a, const QString& b)
+{
+    quint64 deviceA = 0;
+    quint64 inodeA = 0;
+    quint64 deviceB = 0;
+    quint64 inodeB = 0;
+    if (platform::fileIdentity(a, deviceA, inodeA) && platform::fileIdentity(b, deviceB, inodeB))
+        return deviceA == deviceB && inodeA == inodeB;
+    // Not both there yet: the same file once written when they name the same
+    // entry of the same folder.
+    const auto entry = [](const QString& path) -> QString
+    {
+        const QFileInfo info(path);
+        const QString folder = QFileInfo(info.absolutePath()).canonicalFilePath();
+        return (folder.isEmpty() ? info.absolutePath() : folder) + QLatin1Char('/') + info.fileName();
+    };
+    return entry(a) == entry(b);
 }
 
 } // namespace qutils

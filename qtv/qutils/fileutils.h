@@ -98,6 +98,16 @@ public:
     static QString formatValue(EXIFMetadataProperty property, const QVariant& value);
 };
 
+// Why a file cannot be written at path, or an empty text when it can: what
+// is there already (links followed) must be a regular file, since saving
+// replaces it and a device, pipe, socket or folder must never be replaced.
+QString outputTargetProblem(const QString& path);
+
+// True when both paths name the same file, through links or other spellings
+// alike; for a file not there yet, when both name the same entry of the same
+// folder.
+bool isSameFile(const QString& a, const QString& b);
+
 } // namespace qutils
 
 Q_DECLARE_METATYPE(qutils::EXIFInfo::LensInfo_t)

@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
+
 // The few operating-system calls the utility layer needs; everything else stays
 // portable Qt. One implementation file per platform.
 namespace qutils
@@ -32,6 +34,41 @@ int interruptCount();
 // Makes a write past the process's file-size limit fail like one on a full
 // disk (and be reported) instead of ending the process.
 void reportFileSizeLimitAsError();
+
+// Makes a write to a pipe whose reader has gone fail with an error instead of
+// ending the process, so the other outputs can still be finished.
+void ignoreBrokenPipe();
+
+// What a folder entry is, symbolic links followed.
+enum class EEntryKind
+{
+    Regular,
+    Directory,
+    Special, // device, pipe, socket
+    Broken,  // a link to nothing, or an entry that cannot be examined
+};
+
+struct SFolderEntry
+{
+    QByteArray path; // the folder's path, '/', the entry's name: the exact bytes
+    EEntryKind kind;
+};
+
+// Visits the entries of a folder (and of its subfolders when recursive) in the
+// system's order. Each entry is reached relative to its folder's open handle,
+// so names that are not valid text and paths beyond the system's path limit
+// are still seen. Hidden entries (a leading dot) are left out; links to
+// folders are not descended into; a subfolder that cannot be read is skipped.
+// visit returns false to stop the walk.
+void walkFolder(const QByteArray& folder, bool recursive,
+                const std::function<bool(const SFolderEntry&)>& visit);
+
+// The longest path the system opens by name, terminating zero included.
+int maxPathLength();
+
+// The device and file number of what a path names, links followed; false when
+// it names nothing.
+bool fileIdentity(const QString& path, quint64& device, quint64& inode);
 
 // Processor time (user + system, in seconds) a running process has used so
 // far; a negative value when it cannot be read.

@@ -6,11 +6,14 @@
 #include <QFileInfo>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstring>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -173,6 +176,100 @@ int interruptCount()
 void reportFileSizeLimitAsError()
 {
     ::signal(SIGXFSZ, SIG_IGN);
+}
+
+void ignoreBrokenPipe()
+{
+    ::signal(SIGPIPE, SIG_IGN);
+}
+
+namespace
+{
+
+EEntryKind entryKind(int dirFd, const char* name, bool& isRealDirectory)
+{
+    struct stat linkStat
+    {
+    };
+    isRealDirectory =
+        ::fstatat(dirFd, name, &linkStat, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(linkStat.st_mode);
+    struct stat target
+    {
+    };
+    if (::fstatat(dirFd, name, &target, 0) != 0)
+        return EEntryKind::Broken;
+    if (S_ISREG(target.st_mode))
+        return EEntryKind::Regular;
+    if (S_ISDIR(target.st_mode))
+        return EEntryKind::Directory;
+    return EEntryKind::Special;
+}
+
+// Takes over dirFd. False when the walk was stopped.
+bool walkOpenFolder(int dirFd, const QByteArray& path, bool recursive,
+                    const std::function<bool(const SFolderEntry&)>& visit)
+{
+    DIR* dir = ::fdopendir(dirFd);
+    if (!dir)
+    {
+        ::close(dirFd);
+        return true;
+    }
+    bool go = true;
+    while (go)
+    {
+        errno = 0;
+        const dirent* entry = ::readdir(dir);
+        if (!entry)
+            break;
+        const char* name = entry->d_name;
+        if (name[0] == '.')
+            continue;
+        bool isRealDirectory = false;
+        const SFolderEntry found{path + '/' + QByteArray(name),
+                                 entryKind(::dirfd(dir), name, isRealDirectory)};
+        go = visit(found);
+        if (go && recursive && isRealDirectory)
+        {
+            // Opened without following a link, so a swapped-in link cannot lead the walk astray.
+            const int child = ::openat(::dirfd(dir), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (child >= 0)
+                go = walkOpenFolder(child, found.path, recursive, visit);
+        }
+    }
+    ::closedir(dir);
+    return go;
+}
+
+} // namespace
+
+void walkFolder(const QByteArray& folder, bool recursive,
+                const std::function<bool(const SFolderEntry&)>& visit)
+{
+    const int fd = ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    QByteArray path = folder;
+    while (path.size() > 1 && path.endsWith('/'))
+        path.chop(1);
+    walkOpenFolder(fd, path == "/" ? QByteArray() : path, recursive, visit);
+}
+
+int maxPathLength()
+{
+    return PATH_MAX;
+}
+
+bool fileIdentity(const QString& path, quint64& device, quint64& inode)
+{
+    struct stat st
+    {
+    };
+    if (::stat(QFile::encodeName(path).constData(), &st) != 0)
+        return false;
+    device = static_cast<quint64>(st.st_dev);
+    inode = static_cast<quint64>(st.st_ino);
+    return true;
 }
 
 double processCpuSeconds(qint64 pid)

@@ -22,6 +22,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 namespace
 {
 
@@ -80,6 +82,13 @@ TEST_F(ChooseImagePathTest, ListsIntoTheGalleryWithAndWithoutSubfolders)
     ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 4; }));
     EXPECT_EQ(qutils::CAppSettings::value(QStringLiteral("analyzeSubdirs"), 0), 1);
     EXPECT_EQ(count->text(), QStringLiteral("Photos found: 4"));
+
+    // A pipe with a photo's name is not opened, yet named with the reason.
+    ASSERT_EQ(::mkfifo(QFile::encodeName(m_dir.filePath(QStringLiteral("sub/e.jpg"))).constData(), 0600), 0);
+    page.listFolder(QDir(m_dir.path()), false);
+    ASSERT_TRUE(testutils::waitFor([&] { return count->text() == QStringLiteral("Photos found: 4 (1 cannot be analyzed)"); }));
+    ASSERT_EQ(page.refusedFiles().size(), 1);
+    EXPECT_TRUE(testutils::waitFor([&] { return count->toolTip().contains(QStringLiteral("e.jpg: not a regular file")); }));
 
     // A typed path that does not exist changes nothing but the count.
     page.listFolder(QDir(m_dir.filePath(QStringLiteral("missing"))), false);

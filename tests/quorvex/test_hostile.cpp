@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <tiffio.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -219,10 +220,14 @@ TEST_F(HostileInputTest, FoldersThatLoopOrCannotBeReadStillList)
     ASSERT_TRUE(root.mkpath(QStringLiteral("locked")));
     ASSERT_TRUE(QFile::copy(s_photo, root.filePath(QStringLiteral("locked/hidden.jpg"))));
     QFile::setPermissions(root.filePath(QStringLiteral("locked")), QFileDevice::Permissions());
+    // A pipe with a photo's name, and a link to it: opening either would wait for a writer.
+    ASSERT_EQ(::mkfifo(QFile::encodeName(root.filePath(QStringLiteral("a/pipe.jpg"))).constData(), 0600), 0);
+    ASSERT_TRUE(QFile::link(root.filePath(QStringLiteral("a/pipe.jpg")), root.filePath(QStringLiteral("to-pipe.jpg"))));
 
     QElapsedTimer clock;
     clock.start();
-    const QFileInfoList photos = listPhotos(root, true);
+    QList<SRefusedFile> refused;
+    const QFileInfoList photos = listPhotos(root, true, nullptr, nullptr, &refused);
     QFile::setPermissions(root.filePath(QStringLiteral("locked")),
                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     QStringList names;
@@ -235,6 +240,14 @@ TEST_F(HostileInputTest, FoldersThatLoopOrCannotBeReadStillList)
         expected << QStringLiteral("locked/hidden.jpg"); // permissions do not bind the superuser
     expected.sort();
     EXPECT_EQ(names, expected);
+    QStringList refusedNames;
+    for (const SRefusedFile& file : refused)
+    {
+        refusedNames << QDir(root).relativeFilePath(file.path);
+        EXPECT_TRUE(file.reason.contains(QStringLiteral("not a regular file"))) << file.reason.toStdString();
+    }
+    refusedNames.sort();
+    EXPECT_EQ(refusedNames, (QStringList{QStringLiteral("a/pipe.jpg"), QStringLiteral("to-pipe.jpg")}));
 }
 
 TEST_F(HostileInputTest, FingerprintFileClaimingGigabytesIsRefused)

@@ -22,6 +22,7 @@
 
 #include <csignal>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -226,4 +227,36 @@ TEST_F(NothingLostTest, AReportThatCannotBeWrittenLeavesTheOldOneAndSaysSo)
     EXPECT_EQ(error, QStringLiteral("Cannot store pdf"));
     EXPECT_EQ(readAll(report), before);
     EXPECT_EQ(entries(m_dir.path()), (QStringList{QStringLiteral("limited.sh"), QStringLiteral("report.pdf")}));
+}
+
+TEST_F(NothingLostTest, DevicesPipesAndFoldersAreNeverReplacedBySaving)
+{
+    const auto record = CFingerprint::load(QFileInfo(saved(QStringLiteral("camera.fnp"))), nullptr);
+    ASSERT_TRUE(record);
+    const QString pipe = m_dir.filePath(QStringLiteral("pipe"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    ASSERT_TRUE(QFile::link(pipe, m_dir.filePath(QStringLiteral("to-pipe.pdf"))));
+    ASSERT_TRUE(QDir(m_dir.path()).mkdir(QStringLiteral("folder.pdf")));
+    for (const QString& target : {pipe, m_dir.filePath(QStringLiteral("to-pipe.pdf")),
+                                  m_dir.filePath(QStringLiteral("folder.pdf")), QStringLiteral("/dev/null")})
+    {
+        SCOPED_TRACE(target.toStdString());
+        EXPECT_FALSE(record->save(QFileInfo(target), record->fingerprint()));
+        SReportInput input;
+        input.photos = s_photos;
+        input.reportPath = target;
+        auto task = qutils::makeTask<CGeneratorTask>(input);
+        QString error;
+        try
+        {
+            task->run();
+        }
+        catch (const qutils::CException& e)
+        {
+            error = e.message();
+        }
+        EXPECT_TRUE(error.startsWith(QStringLiteral("The report cannot be created!"))) << error.toStdString();
+        EXPECT_TRUE(QFileInfo(target).exists() && !QFileInfo(target).isFile()) << "still what it was";
+    }
+    EXPECT_FALSE(QFileInfo(pipe).isFile());
 }

@@ -27,6 +27,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 using qutils::EXIFInfo;
 using P = qutils::EXIFMetadataProperty;
 using Lens = EXIFInfo::LensInfo_t;
@@ -531,3 +533,49 @@ TEST_F(FileUtilsTest, EightThreadsReadingAtOnceGetTheSameMaps)
 #if defined(__GNUC__)
 #pragma GCC diagnostic pop
 #endif
+
+// Saving replaces what is at the target: only a regular file (or nothing) may
+// be there, links judged by what they point to; two spellings of one file are
+// one file.
+TEST_F(FileUtilsTest, OutputTargetsAndSameFiles)
+{
+    const QString file = savePicture(QStringLiteral("old.png"));
+    ASSERT_TRUE(QDir(m_dir.path()).mkdir(QStringLiteral("folder")));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(path(QStringLiteral("pipe"))).constData(), 0600), 0);
+    ASSERT_TRUE(QFile::link(path(QStringLiteral("pipe")), path(QStringLiteral("to-pipe.pdf"))));
+    ASSERT_TRUE(QFile::link(file, path(QStringLiteral("to-old.png"))));
+    ASSERT_TRUE(QFile::link(path(QStringLiteral("nothing")), path(QStringLiteral("dangling.pdf"))));
+    ASSERT_TRUE(QFile::link(m_dir.path(), path(QStringLiteral("same-folder"))));
+    const struct
+    {
+        QString target;
+        bool writable;
+    } targets[] = {
+        {file, true},
+        {path(QStringLiteral("new.pdf")), true},
+        {path(QStringLiteral("to-old.png")), true},
+        {path(QStringLiteral("folder")), false},
+        {path(QStringLiteral("pipe")), false},
+        {path(QStringLiteral("to-pipe.pdf")), false},
+        {path(QStringLiteral("dangling.pdf")), false},
+        {QStringLiteral("/dev/null"), false},
+    };
+    for (const auto& t : targets)
+        EXPECT_EQ(qutils::outputTargetProblem(t.target).isEmpty(), t.writable) << t.target.toStdString();
+
+    const struct
+    {
+        QString a;
+        QString b;
+        bool same;
+    } pairs[] = {
+        {file, path(QStringLiteral("to-old.png")), true},
+        {file, path(QStringLiteral("same-folder/old.png")), true},
+        {file, m_dir.path() + QStringLiteral("/./folder/../old.png"), true},
+        {path(QStringLiteral("new.csv")), path(QStringLiteral("same-folder/new.csv")), true},
+        {file, path(QStringLiteral("new.pdf")), false},
+        {path(QStringLiteral("a.csv")), path(QStringLiteral("b.csv")), false},
+    };
+    for (const auto& p : pairs)
+        EXPECT_EQ(qutils::isSameFile(p.a, p.b), p.same) << p.a.toStdString() << " " << p.b.toStdString();
+}

@@ -22,10 +22,15 @@
 
 #include <algorithm>
 #include <memory>
+#include <vector>
 
 #ifdef Q_OS_UNIX
 #include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #endif
 
 namespace
@@ -131,7 +136,7 @@ QList<QStringList> parseCsv(const QString& text)
 const QStringList JsonKeys = {QStringLiteral("path"),        QStringLiteral("matched"),
                               QStringLiteral("probability"), QStringLiteral("correlation"),
                               QStringLiteral("pce"),         QStringLiteral("status"),
-                              QStringLiteral("class")};
+                              QStringLiteral("class"),       QStringLiteral("reason")};
 const QStringList MatchClasses = {QStringLiteral("very high"), QStringLiteral("high"),
                                   QStringLiteral("medium"), QStringLiteral("low")};
 
@@ -453,7 +458,7 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     const QString csvText = QString::fromUtf8(readBytes(csvPath));
     const QStringList rawLines = lines(csvText);
     ASSERT_EQ(rawLines.size(), 6);
-    EXPECT_EQ(rawLines.at(0), QStringLiteral("path,matched,probability,correlation,pce,status,class"));
+    EXPECT_EQ(rawLines.at(0), QStringLiteral("path,matched,probability,correlation,pce,status,class,reason"));
     // The folder's comma and quotes force quoting, with the quotes doubled.
     EXPECT_TRUE(rawLines.at(1).startsWith(QStringLiteral("\"") + s_dir->path()));
     EXPECT_TRUE(rawLines.at(1).contains(QStringLiteral("questioned, \"\"mixed\"\"/a-1.jpg\",")));
@@ -462,7 +467,7 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     for (int i = 0; i < 5; ++i)
     {
         const QStringList& row = rows.at(i + 1);
-        ASSERT_EQ(row.size(), 7) << rawLines.at(i + 1).toStdString();
+        ASSERT_EQ(row.size(), 8) << rawLines.at(i + 1).toStdString();
         const QJsonObject& o = json.at(i);
         EXPECT_EQ(row.at(0), QFileInfo(s_questioned.at(i)).absoluteFilePath());
         EXPECT_EQ(row.at(0), o.value(QStringLiteral("path")).toString());
@@ -518,6 +523,14 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
 {
     const QString fp = s_fingerprint;
     const QString refs = path(QStringLiteral("refs"));
+    const QString notes = path(QStringLiteral("extra/notes.txt"));
+    const QString linkToPhoto = path(QStringLiteral("photo-link.csv"));
+    QFile::remove(linkToPhoto);
+    ASSERT_TRUE(QFile::link(s_questioned.at(0), linkToPhoto));
+    const QStringList evidence = {fp, s_questioned.at(0), s_references.at(0), notes};
+    QList<QByteArray> before;
+    for (const QString& file : evidence)
+        before.append(readBytes(file));
     const QList<QStringList> cases = {
         {},
         {QStringLiteral("frobnicate")},
@@ -544,6 +557,19 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("info"), fp, fp},
         {QStringLiteral("info"), QStringLiteral("--json=yes"), fp},
         {QStringLiteral("demo"), refs},
+        // Outputs that would destroy evidence or replace a device.
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--csv"), s_questioned.at(0),
+         s_questioned.at(0), s_questioned.at(1)},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"), fp, s_questionedFolder},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--csv"), linkToPhoto,
+         s_questionedFolder},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--report"), QStringLiteral("/dev/full"),
+         s_questionedFolder},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--csv"), path(QStringLiteral("o.csv")),
+         QStringLiteral("--json"), path(QStringLiteral("./o.csv")), s_questionedFolder},
+        {QStringLiteral("learn"), QStringLiteral("-o"), s_references.at(0), refs},
+        {QStringLiteral("learn"), QStringLiteral("-o"), QStringLiteral("/dev/null"), refs},
+        {QStringLiteral("learn"), QStringLiteral("-o"), notes, refs},
     };
     for (const QStringList& arguments : cases)
     {
@@ -556,6 +582,10 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         EXPECT_TRUE(result.err.contains(QStringLiteral("--help")));
     }
     EXPECT_FALSE(QFile::exists(path(QStringLiteral("x.fnp"))));
+    EXPECT_FALSE(QFile::exists(path(QStringLiteral("o.csv"))));
+    for (int i = 0; i < evidence.size(); ++i)
+        EXPECT_EQ(readBytes(evidence.at(i)), before.at(i)) << evidence.at(i).toStdString();
+    EXPECT_TRUE(QFileInfo(QStringLiteral("/dev/full")).exists() && !QFileInfo(QStringLiteral("/dev/full")).isFile());
 }
 
 TEST_F(CliTest, MissingFilesAndFoldersExitWithTwo)
@@ -754,49 +784,184 @@ TEST_F(CliTest, PlainProgressIsPeriodicNotPerPhoto)
 TEST_F(CliTest, InterruptKeepsTheFinishedResults)
 {
     // Ten copies of the folder on one thread: long enough to be interrupted.
-    QStringList arguments = {QStringLiteral("analyze"),   QStringLiteral("-f"), s_fingerprint,
-                             QStringLiteral("--threads"), QStringLiteral("1"),  QStringLiteral("--json"),
-                             QStringLiteral("-")};
-    const int copies = 10;
-    for (int i = 0; i < copies; ++i)
-        arguments.append(s_questionedFolder);
-    QProcess process;
-    process.setProcessEnvironment(childEnvironment(s_dir->path()));
-    process.start(QStringLiteral(QUORVEX_CLI_PATH), arguments);
-    ASSERT_TRUE(process.waitForStarted());
-    // The first result line means the analysis runs with Ctrl-C caught.
-    QByteArray out;
-    while (!out.contains('\n') && process.waitForReadyRead(60000))
+    // Ctrl-C and a polite kill end the run alike.
+    for (const int signal : {SIGINT, SIGTERM})
+    {
+        SCOPED_TRACE(signal);
+        const QString csvPath = path(QStringLiteral("interrupted.csv"));
+        QStringList arguments = {QStringLiteral("analyze"), QStringLiteral("-f"),  s_fingerprint,
+                                 QStringLiteral("--threads"), QStringLiteral("1"), QStringLiteral("--json"),
+                                 QStringLiteral("-"),         QStringLiteral("--csv"), csvPath};
+        const int copies = 10;
+        for (int i = 0; i < copies; ++i)
+            arguments.append(s_questionedFolder);
+        QProcess process;
+        process.setProcessEnvironment(childEnvironment(s_dir->path()));
+        process.start(QStringLiteral(QUORVEX_CLI_PATH), arguments);
+        ASSERT_TRUE(process.waitForStarted());
+        // The first result line means the analysis runs with the signals caught.
+        QByteArray out;
+        while (!out.contains('\n') && process.waitForReadyRead(60000))
+            out += process.readAllStandardOutput();
+        ASSERT_TRUE(out.contains('\n'));
+        ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), signal), 0);
+        ASSERT_TRUE(process.waitForFinished(60000));
         out += process.readAllStandardOutput();
-    ASSERT_TRUE(out.contains('\n'));
-    ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
-    ASSERT_TRUE(process.waitForFinished(60000));
-    out += process.readAllStandardOutput();
-    const QString err = QString::fromUtf8(process.readAllStandardError());
+        const QString err = QString::fromUtf8(process.readAllStandardError());
 
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "a clean end, not death by the signal";
-    EXPECT_EQ(process.exitCode(), 130);
-    EXPECT_TRUE(err.contains(QStringLiteral("interrupted")));
-    const QList<QJsonObject> objects = parseJsonLines(QString::fromUtf8(out));
-    ASSERT_EQ(objects.size(), copies * 5) << "every photo has its line";
-    int finished = 0;
+        EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "a clean end, not death by the signal";
+        EXPECT_EQ(process.exitCode(), 130);
+        EXPECT_TRUE(err.contains(QStringLiteral("interrupted")));
+        const QList<QJsonObject> objects = parseJsonLines(QString::fromUtf8(out));
+        ASSERT_EQ(objects.size(), copies * 5) << "every photo has its line";
+        EXPECT_EQ(parseCsv(QString::fromUtf8(readBytes(csvPath))).size(), 1 + copies * 5) << "and its CSV row";
+        int finished = 0;
+        for (int i = 0; i < objects.size(); ++i)
+        {
+            const QString cls = objects.at(i).value(QStringLiteral("class")).toString();
+            if (cls == QLatin1String("not processed"))
+            {
+                EXPECT_EQ(objects.at(i).value(QStringLiteral("status")).toString(), QStringLiteral("invalid"));
+                EXPECT_EQ(objects.at(i).value(QStringLiteral("reason")).toString(),
+                          QStringLiteral("the analysis was interrupted"));
+                continue;
+            }
+            // One thread takes photos in order: the finished ones come first.
+            EXPECT_EQ(finished, i) << "finished photo after an unfinished one";
+            ++finished;
+            EXPECT_EQ(objects.at(i).value(QStringLiteral("status")).toString(), QStringLiteral("success"));
+            EXPECT_EQ(objects.at(i).value(QStringLiteral("matched")).toBool(), s_truth.at(i % 5) == SameCamera);
+        }
+        EXPECT_GE(finished, 1);
+        EXPECT_LT(finished, copies * 5) << "the interrupt stopped the run";
+        EXPECT_TRUE(err.contains(QStringLiteral("Photos analyzed: %1/%2").arg(finished).arg(copies * 5)));
+    }
+}
+
+// Every file with a photo's name is analysed or reported with the reason why
+// not; none is opened if that could hang, none silently left out.
+TEST_F(CliTest, FilesThatCannotBeAnalyzedAreReportedNotDropped)
+{
+    const QString folder = path(QStringLiteral("odd"));
+    ASSERT_TRUE(QDir().mkpath(folder));
+    const QByteArray base = QFile::encodeName(folder);
+    ASSERT_TRUE(QFile::copy(s_questioned.at(0), folder + QStringLiteral("/good.jpg")));
+    const QByteArray photo = readBytes(s_questioned.at(0));
+    ASSERT_EQ(::mkfifo((base + "/pipe.jpg").constData(), 0600), 0);
+    ASSERT_EQ(::symlink("pipe.jpg", (base + "/to-pipe.jpg").constData()), 0);
+    ASSERT_EQ(::symlink("nothing", (base + "/gone.jpg").constData()), 0);
+    int fd = ::open((base + "/caf\xe9.jpg").constData(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, photo.constData(), static_cast<size_t>(photo.size())), photo.size());
+    ::close(fd);
+    // Folders nested beyond the system's path limit, made one level at a time.
+    fd = ::open(base.constData(), O_RDONLY | O_DIRECTORY);
+    const QByteArray level(250, 'd');
+    for (int depth = 0; depth < 18 && fd >= 0; ++depth)
+    {
+        ASSERT_EQ(::mkdirat(fd, level.constData(), 0700), 0);
+        const int inner = ::openat(fd, level.constData(), O_RDONLY | O_DIRECTORY);
+        ::close(fd);
+        fd = inner;
+    }
+    ASSERT_GE(fd, 0);
+    const int deep = ::openat(fd, "deep.jpg", O_WRONLY | O_CREAT, 0600);
+    ::close(fd);
+    ASSERT_GE(deep, 0);
+    ASSERT_EQ(::write(deep, photo.constData(), static_cast<size_t>(photo.size())), photo.size());
+    ::close(deep);
+
+    const QString csvPath = path(QStringLiteral("odd.csv"));
+    const SRun result = run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, QStringLiteral("-r"),
+                             QStringLiteral("--json"), QStringLiteral("-"), QStringLiteral("--csv"), csvPath, folder,
+                             folder + QStringLiteral("/pipe.jpg")});
+    QProcess::execute(QStringLiteral("rm"), {QStringLiteral("-rf"), folder}); // too deep for QDir
+    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
+    const struct
+    {
+        const char* name;
+        const char* reason;
+    } expected[] = {
+        {"good.jpg", ""},
+        {"caf\\xe9.jpg", "not valid UTF-8"},
+        {"/deep.jpg", "too long"},
+        {"gone.jpg", "cannot be reached"},
+        {"pipe.jpg", "not a regular file"},
+        {"to-pipe.jpg", "not a regular file"},
+        {"pipe.jpg", "not a regular file"}, // named on the command line
+    };
+    const QList<QJsonObject> objects = parseJsonLines(result.out);
+    ASSERT_EQ(objects.size(), static_cast<int>(std::size(expected))) << result.out.toStdString();
     for (int i = 0; i < objects.size(); ++i)
     {
-        const QString cls = objects.at(i).value(QStringLiteral("class")).toString();
-        if (cls == QLatin1String("not processed"))
-        {
-            EXPECT_EQ(objects.at(i).value(QStringLiteral("status")).toString(), QStringLiteral("invalid"));
-            continue;
-        }
-        // One thread takes photos in order: the finished ones come first.
-        EXPECT_EQ(finished, i) << "finished photo after an unfinished one";
-        ++finished;
-        EXPECT_EQ(objects.at(i).value(QStringLiteral("status")).toString(), QStringLiteral("success"));
-        EXPECT_EQ(objects.at(i).value(QStringLiteral("matched")).toBool(), s_truth.at(i % 5) == SameCamera);
+        const QJsonObject& o = objects.at(i);
+        const QString reason = o.value(QStringLiteral("reason")).toString();
+        SCOPED_TRACE(o.value(QStringLiteral("path")).toString().toStdString());
+        EXPECT_TRUE(o.value(QStringLiteral("path")).toString().endsWith(QLatin1String(expected[i].name)));
+        EXPECT_TRUE(reason.contains(QLatin1String(expected[i].reason))) << reason.toStdString();
+        EXPECT_EQ(o.value(QStringLiteral("class")).toString() == QLatin1String("not processed"), i > 0);
+        EXPECT_EQ(reason.isEmpty(), i == 0);
     }
-    EXPECT_GE(finished, 1);
-    EXPECT_LT(finished, copies * 5) << "the interrupt stopped the run";
-    EXPECT_TRUE(err.contains(QStringLiteral("Photos analyzed: %1/%2").arg(finished).arg(copies * 5)));
+    EXPECT_EQ(result.err.count(QStringLiteral("cannot analyze")), 6) << "each named on standard error too";
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Photos analyzed: 1/7")));
+    EXPECT_EQ(parseCsv(QString::fromUtf8(readBytes(csvPath))).size(), 1 + 7);
+
+    // A name that is not valid UTF-8 given as an argument cannot be carried: refused, not "missing".
+    QProcess shell;
+    shell.setProcessEnvironment(childEnvironment(s_dir->path()));
+    shell.start(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("exec \"$0\" analyze -f \"$1\" \"$(printf 'caf\\351.jpg')\""),
+                                      QStringLiteral(QUORVEX_CLI_PATH), s_fingerprint});
+    ASSERT_TRUE(shell.waitForFinished(60000));
+    EXPECT_EQ(shell.exitCode(), 1);
+    const QString err = QString::fromUtf8(shell.readAllStandardError());
+    EXPECT_TRUE(err.contains(QStringLiteral("not valid UTF-8 (caf\\xe9.jpg)"))) << err.toStdString();
+}
+
+// A reader that has gone costs only standard output: the CSV is whole, and
+// the run ends with an error that says why instead of dying of SIGPIPE.
+TEST_F(CliTest, AClosedStandardOutputLeavesTheOtherOutputsWhole)
+{
+    const QString csvPath = path(QStringLiteral("piped.csv"));
+    const QString errPath = path(QStringLiteral("piped.err"));
+    QList<QByteArray> arguments = {QUORVEX_CLI_PATH, "analyze", "-f", QFile::encodeName(s_fingerprint), "--json", "-",
+                                   "--csv", QFile::encodeName(csvPath)};
+    for (int i = 0; i < 3; ++i)
+        arguments.append(QFile::encodeName(s_questionedFolder));
+    std::vector<char*> argv;
+    for (QByteArray& argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    // Everything the child needs is made before fork: it only redirects and runs.
+    QList<QByteArray> environment;
+    for (const QString& variable : childEnvironment(s_dir->path()).toStringList())
+        environment.append(QFile::encodeName(variable));
+    std::vector<char*> envp;
+    for (QByteArray& variable : environment)
+        envp.push_back(variable.data());
+    envp.push_back(nullptr);
+    const QByteArray errFile = QFile::encodeName(errPath);
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    ::close(fds[0]); // the reader is gone before the first line
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+    {
+        ::dup2(fds[1], 1);
+        const int err = ::open(errFile.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        ::dup2(err, 2);
+        ::execve(argv[0], argv.data(), envp.data());
+        ::_exit(127);
+    }
+    ::close(fds[1]);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    const QString err = QString::fromUtf8(readBytes(errPath));
+    ASSERT_TRUE(WIFEXITED(status)) << "not death by SIGPIPE: " << err.toStdString();
+    EXPECT_EQ(WEXITSTATUS(status), 2) << err.toStdString();
+    EXPECT_TRUE(err.contains(QStringLiteral("cannot write to standard output"))) << err.toStdString();
+    EXPECT_TRUE(err.contains(QStringLiteral("Photos analyzed: 15/15"))) << err.toStdString();
+    EXPECT_EQ(parseCsv(QString::fromUtf8(readBytes(csvPath))).size(), 1 + 15);
 }
 #endif
 
@@ -891,16 +1056,21 @@ TEST(CliFormat, OutcomesOfEveryKind)
     EXPECT_EQ(cli::jsonLine(outcome),
               QStringLiteral("{\"path\":\"/x/q/p.jpg\",\"matched\":false,\"probability\":0,"
                              "\"correlation\":0,\"pce\":0,\"status\":\"invalid\","
-                             "\"class\":\"not processed\"}"));
+                             "\"class\":\"not processed\",\"reason\":\"\"}"));
     outcome.processed = true;
     outcome.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
     EXPECT_EQ(cli::className(outcome), QStringLiteral("high"));
-    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,0.995,0.05,210.5,success,high"));
+    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,0.995,0.05,210.5,success,high,"));
     EXPECT_TRUE(cli::tableLine(outcome).startsWith(QStringLiteral("high ")));
     EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("210.5  q/p.jpg")));
     outcome.result = {false, 0.0, 0.0, qutils::CQuorvexAPI::BrokenImage, 0.0};
     EXPECT_EQ(cli::className(outcome), QStringLiteral("not found"));
     EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("q/p.jpg  (File cannot be opened)")));
+    cli::SPhotoOutcome refused;
+    refused.path = QStringLiteral("q/pipe.jpg");
+    refused.reason = QStringLiteral("not a regular file, say");
+    EXPECT_TRUE(cli::tableLine(refused).endsWith(QStringLiteral("q/pipe.jpg  (not a regular file, say)")));
+    EXPECT_TRUE(cli::csvLine(refused).endsWith(QStringLiteral(",not processed,\"not a regular file, say\"")));
 
     const cli::SSummary summary = cli::summarize({outcome, cli::SPhotoOutcome()}, 3.0);
     EXPECT_EQ(

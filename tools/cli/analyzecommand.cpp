@@ -54,8 +54,27 @@ int runAnalyze(const SCommandLine& commandLine)
         return ExitFailure;
     if (inputs.photos.isEmpty())
     {
-        CConsole::error(QStringLiteral("no photos found in the given paths"));
+        CConsole::error(inputs.refused.isEmpty()
+                            ? QStringLiteral("no photos found in the given paths")
+                            : QStringLiteral("no photo in the given paths can be analyzed"));
         return ExitFailure;
+    }
+    // Checked before anything is written: evidence must never be overwritten.
+    QList<OutputOption> outputs;
+    if (!commandLine.jsonFile.isEmpty() && commandLine.jsonFile != QLatin1String("-"))
+        outputs.append({QStringLiteral("--json"), commandLine.jsonFile});
+    if (!commandLine.csvFile.isEmpty())
+        outputs.append({QStringLiteral("--csv"), commandLine.csvFile});
+    if (!commandLine.reportFile.isEmpty())
+        outputs.append({QStringLiteral("--report"), commandLine.reportFile});
+    QStringList inputPaths = {commandLine.fingerprintFile};
+    for (const QFileInfo& photo : inputs.photos)
+        inputPaths.append(photo.filePath());
+    const QString outputError = outputProblem(outputs, inputPaths);
+    if (!outputError.isEmpty())
+    {
+        CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
+        return ExitUsage;
     }
 
     CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
@@ -94,32 +113,42 @@ int runAnalyze(const SCommandLine& commandLine)
                        .arg(job.threadCount())
                        .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
     bool tableStarted = false;
-    job.setOutcomeHandler(
-        [&](const SPhotoOutcome& outcome)
+    const auto handle = [&](const SPhotoOutcome& outcome)
+    {
+        if (jsonToStdout)
         {
-            if (jsonToStdout)
-            {
-                CConsole::out(jsonLine(outcome));
-            }
-            else
-            {
-                if (!tableStarted)
-                    CConsole::out(tableHeader());
-                tableStarted = true;
-                CConsole::out(tableLine(outcome));
-            }
-            if (jsonFile)
-                jsonFile->writeLine(jsonLine(outcome));
-            if (csvFile)
-                csvFile->writeLine(csvLine(outcome));
-        });
-    const QList<SPhotoOutcome> outcomes = job.run();
+            CConsole::out(jsonLine(outcome));
+        }
+        else
+        {
+            if (!tableStarted)
+                CConsole::out(tableHeader());
+            tableStarted = true;
+            CConsole::out(tableLine(outcome));
+        }
+        if (jsonFile)
+            jsonFile->writeLine(jsonLine(outcome));
+        if (csvFile)
+            csvFile->writeLine(csvLine(outcome));
+    };
+    job.setOutcomeHandler(handle);
+    QList<SPhotoOutcome> outcomes = job.run();
     if (job.fingerprintUnreadable())
     {
         CConsole::error(QStringLiteral("cannot read the fingerprint file %1: the engine refuses it (%2)")
                             .arg(commandLine.fingerprintFile,
                                  CQuorvexAPI::statusText(CQuorvexAPI::CannotOpenFingerprint)));
         return ExitFailure;
+    }
+    // The files that could not be analysed come last, each with its reason.
+    for (const SRefusedFile& file : inputs.refused)
+    {
+        SPhotoOutcome outcome;
+        outcome.path = file.path;
+        outcome.absolutePath = QFileInfo(file.path).absoluteFilePath();
+        outcome.reason = file.reason;
+        outcomes.append(outcome);
+        handle(outcome);
     }
 
     // With JSON on standard output the summary must not mix into it.
@@ -136,7 +165,7 @@ int runAnalyze(const SCommandLine& commandLine)
             CConsole::out(line);
     }
 
-    int exitCode = ExitDone;
+    bool filesWritten = true;
     for (CResultFile* file : {jsonFile.get(), csvFile.get()})
     {
         if (!file)
@@ -145,10 +174,11 @@ int runAnalyze(const SCommandLine& commandLine)
         if (!error.isEmpty())
         {
             CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), error));
-            exitCode = ExitFailure;
+            filesWritten = false;
         }
     }
-    if (!commandLine.reportFile.isEmpty() && exitCode == ExitDone)
+    int exitCode = filesWritten ? ExitDone : ExitFailure;
+    if (!commandLine.reportFile.isEmpty() && filesWritten)
     {
         // The folder of the first path given, or of the first photo.
         QString folder = commandLine.paths.isEmpty() ? QString() : commandLine.paths.first();
@@ -156,6 +186,13 @@ int runAnalyze(const SCommandLine& commandLine)
             folder = inputs.photos.first().absolutePath();
         exitCode = writeReport(outcomes, commandLine.fingerprintFile, fingerprint->properties(), folder,
                                commandLine.reportFile);
+    }
+    // Standard output may have gone (a reader that stopped early): the files
+    // above were still finished, but the run did not deliver all it was asked.
+    if (CConsole::outFailed())
+    {
+        CConsole::error(QStringLiteral("cannot write to standard output: its reader has gone"));
+        exitCode = ExitFailure;
     }
     if (job.interrupted())
     {

@@ -68,7 +68,11 @@ QList<SPhotoOutcome> CAnalyzeJob::run()
     // Whatever was finished after a gap, then the photos never reached.
     if (!m_fingerprintUnreadable)
         for (int i = m_nextToDeliver; i < m_outcomes.size(); ++i)
+        {
+            if (!m_outcomes.at(i).processed)
+                m_outcomes[i].reason = tr("the analysis was interrupted");
             deliver(i);
+        }
     m_nextToDeliver = m_outcomes.size();
     return m_outcomes;
 }

@@ -10,11 +10,17 @@ namespace cli
 namespace
 {
 
+bool g_outFailed = false;
+
 void write(std::FILE* stream, const QString& text)
 {
+    if (stream == stdout && g_outFailed)
+        return;
     const QByteArray bytes = text.toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
-    std::fflush(stream);
+    const bool written = std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream) ==
+                         static_cast<size_t>(bytes.size());
+    if ((std::fflush(stream) != 0 || !written) && stream == stdout)
+        g_outFailed = true;
 }
 
 } // namespace
@@ -47,6 +53,11 @@ void CConsole::note(const QString& message)
 void CConsole::errRaw(const QString& text)
 {
     write(stderr, text);
+}
+
+bool CConsole::outFailed()
+{
+    return g_outFailed;
 }
 
 bool CConsole::errIsTerminal()

@@ -23,6 +23,10 @@ public:
     static void errRaw(const QString& text);
 
     static bool errIsTerminal();
+
+    // True once a write to standard output failed (its reader has gone);
+    // later result lines are dropped and the run must end as failed.
+    static bool outFailed();
 };
 
 } // namespace cli

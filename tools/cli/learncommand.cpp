@@ -89,6 +89,19 @@ int runLearn(const SCommandLine& commandLine)
                             .arg(commandLine.fingerprintFile));
         return ExitFailure;
     }
+    QStringList inputPaths;
+    for (const QFileInfo& photo : inputs.photos)
+        inputPaths.append(photo.filePath());
+    QString outputError = outputProblem({{QStringLiteral("-o"), commandLine.fingerprintFile}}, inputPaths);
+    // Saving replaces the file: only an older fingerprint may be replaced.
+    if (outputError.isEmpty() && target.exists() && !CFingerprint::load(target, nullptr))
+        outputError = QStringLiteral("-o %1: it exists and is not a fingerprint file; refusing to replace it")
+                          .arg(commandLine.fingerprintFile);
+    if (!outputError.isEmpty())
+    {
+        CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
+        return ExitUsage;
+    }
     return learnFingerprint(photos, commandLine.fingerprintFile);
 }
 

@@ -1,13 +1,34 @@
+#include "commandline.h"
 #include "commands.h"
+#include "console.h"
+#include "photolisting.h"
 
 #include "qutils/platform.h"
 
 #include <QCoreApplication>
+#include <QFile>
 
 // Core only: the tool runs on servers without a display.
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     qutils::platform::reportFileSizeLimitAsError();
+    // A reader that stops early (| head) must not end the run before its files are written.
+    qutils::platform::ignoreBrokenPipe();
+    // Arguments arrive as text: a name that is not valid UTF-8 would silently
+    // become another name, so it is refused instead.
+    for (int i = 1; i < argc; ++i)
+    {
+        const QByteArray raw(argv[i]);
+        if (QFile::decodeName(raw).toUtf8() != raw)
+        {
+            cli::CConsole::error(
+                QStringLiteral("argument %1 is not valid UTF-8 (%2); name its folder instead, "
+                               "whose listing reports such files (see quorvex-cli --help)")
+                    .arg(i)
+                    .arg(displayPath(raw)));
+            return cli::ExitUsage;
+        }
+    }
     return cli::runCli(QCoreApplication::arguments().mid(1));
 }

@@ -1,7 +1,9 @@
 #include "photoinputs.h"
 
 #include "console.h"
-#include "photolisting.h"
+
+#include "qutils/fileutils.h"
+#include "qutils/platform.h"
 
 #include <QDir>
 
@@ -19,20 +21,31 @@ SPhotoInputs collectPhotos(const QStringList& paths, bool recursive)
         if (info.isDir())
         {
             const QDir dir(path);
-            QFileInfoList listed = listPhotos(dir, recursive);
+            QList<SRefusedFile> refused;
+            QFileInfoList listed = listPhotos(dir, recursive, nullptr, nullptr, &refused);
             // The directory iterator's order depends on the file system; runs
             // must be repeatable, so sort by the path below the folder.
             std::sort(listed.begin(), listed.end(),
                       [&dir](const QFileInfo& a, const QFileInfo& b)
                       { return dir.relativeFilePath(a.filePath()) < dir.relativeFilePath(b.filePath()); });
             inputs.photos.append(listed);
+            std::sort(refused.begin(), refused.end(),
+                      [](const SRefusedFile& x, const SRefusedFile& y) { return x.path < y.path; });
+            inputs.refused.append(refused);
         }
-        else if (info.isFile())
+        else if (!isPhotoFileName(info.fileName()) && (info.exists() || info.isSymLink()))
         {
-            if (isPhotoFileName(info.fileName()))
+            inputs.skipped.append(path);
+        }
+        else if (info.exists() || info.isSymLink() ||
+                 QFile::encodeName(path).size() >= qutils::platform::maxPathLength())
+        {
+            // Named, so it is there (or too long to tell): analysed or refused with the reason.
+            const QString reason = refusalReason(QFile::encodeName(path));
+            if (reason.isEmpty())
                 inputs.photos.append(info);
             else
-                inputs.skipped.append(path);
+                inputs.refused.append({path, reason});
         }
         else
         {
@@ -50,7 +63,29 @@ bool reportInputProblems(const SPhotoInputs& inputs)
         return false;
     for (const QString& path : inputs.skipped)
         CConsole::warning(QStringLiteral("skipping %1: not a JPEG, TIFF, BMP or PNG file name").arg(path));
+    for (const SRefusedFile& file : inputs.refused)
+        CConsole::warning(QStringLiteral("cannot analyze %1: %2").arg(file.path, file.reason));
     return true;
+}
+
+QString outputProblem(const QList<OutputOption>& outputs, const QStringList& inputs)
+{
+    for (int i = 0; i < outputs.size(); ++i)
+    {
+        const QString& option = outputs.at(i).first;
+        const QString& path = outputs.at(i).second;
+        const QString problem = qutils::outputTargetProblem(path);
+        if (!problem.isEmpty())
+            return QStringLiteral("%1 %2: %3").arg(option, path, problem);
+        for (const QString& input : inputs)
+            if (qutils::isSameFile(path, input))
+                return QStringLiteral("%1 %2 would overwrite the input %3").arg(option, path, input);
+        for (int j = 0; j < i; ++j)
+            if (qutils::isSameFile(path, outputs.at(j).second))
+                return QStringLiteral("%1 and %2 cannot write to the same file %3")
+                    .arg(outputs.at(j).first, option, path);
+    }
+    return QString();
 }
 
 } // namespace cli

@@ -1,6 +1,10 @@
 #pragma once
 
+#include "photolisting.h"
+
 #include <QFileInfoList>
+#include <QList>
+#include <QPair>
 #include <QString>
 #include <QStringList>
 
@@ -10,8 +14,9 @@ namespace cli
 struct SPhotoInputs
 {
     QFileInfoList photos;
-    QStringList missing; // paths that name neither a file nor a folder
-    QStringList skipped; // files given by name that are not photo files
+    QStringList missing;         // paths that name neither a file nor a folder
+    QStringList skipped;         // files given by name that are not photo files
+    QList<SRefusedFile> refused; // photo files that cannot be analysed, with the reason
 };
 
 // The photos of the PATHs in the order given: a file as it is, a folder's
@@ -19,7 +24,15 @@ struct SPhotoInputs
 // recursive). Paths keep the form they were given in.
 SPhotoInputs collectPhotos(const QStringList& paths, bool recursive);
 
-// Tells the user about missing and skipped paths; false when any is missing.
+// Tells the user about missing, skipped and refused paths; false when any is missing.
 bool reportInputProblems(const SPhotoInputs& inputs);
+
+// An output file option and its value.
+using OutputOption = QPair<QString, QString>;
+
+// Why the outputs cannot be written as asked (one of them is an input, two
+// are the same file, or one would replace a device, pipe, socket or folder),
+// or an empty text. Nothing has been written when this is checked.
+QString outputProblem(const QList<OutputOption>& outputs, const QStringList& inputs);
 
 } // namespace cli

@@ -44,17 +44,17 @@ QString jsonLine(const SPhotoOutcome& outcome)
 {
     const auto& r = outcome.result;
     return QStringLiteral("{\"path\":%1,\"matched\":%2,\"probability\":%3,\"correlation\":%4,\"pce\":%5,"
-                          "\"status\":%6,\"class\":%7}")
+                          "\"status\":%6,\"class\":%7,\"reason\":%8}")
         .arg(jsonString(outcome.absolutePath),
              outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
              number(outcome.processed ? r.probability : 0.0), number(outcome.processed ? r.correlation : 0.0),
              number(outcome.processed ? r.pce : 0.0), jsonString(statusKey(outcome)),
-             jsonString(className(outcome)));
+             jsonString(className(outcome)), jsonString(outcome.reason));
 }
 
 QString csvHeader()
 {
-    return QStringLiteral("path,matched,probability,correlation,pce,status,class");
+    return QStringLiteral("path,matched,probability,correlation,pce,status,class,reason");
 }
 
 QString csvField(const QString& text)
@@ -78,6 +78,7 @@ QString csvLine(const SPhotoOutcome& outcome)
         number(outcome.processed ? r.pce : 0.0),
         statusKey(outcome),
         className(outcome),
+        csvField(outcome.reason),
     };
     return fields.join(QLatin1Char(','));
 }
@@ -102,6 +103,8 @@ QString tableLine(const SPhotoOutcome& outcome)
             .arg(outcome.path);
     if (outcome.processed && r.status != CQuorvexAPI::Success)
         line += QStringLiteral("  (%1)").arg(CQuorvexAPI::statusText(r.status));
+    else if (!outcome.processed && !outcome.reason.isEmpty())
+        line += QStringLiteral("  (%1)").arg(outcome.reason);
     return line;
 }
 

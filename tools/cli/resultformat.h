@@ -15,13 +15,14 @@ struct SPhotoOutcome
     QString path;         // as given
     QString absolutePath; // for the machine-readable files
     bool processed = false;
+    QString reason; // why a photo was not processed
     qutils::CQuorvexAPI::SAnalysisResult result;
 };
 
 // "very high", ..., "not found", or "not processed".
 QString className(const SPhotoOutcome& outcome);
 
-// {"path":..,"matched":..,"probability":..,"correlation":..,"pce":..,"status":..,"class":..}
+// {"path":..,"matched":..,"probability":..,"correlation":..,"pce":..,"status":..,"class":..,"reason":..}
 // in this key order, on one line.
 QString jsonLine(const SPhotoOutcome& outcome);
 
