@@ -7,7 +7,7 @@
 namespace lumicrest
 {
 
-// A process-wide memory budget for large matches: callers beyond it wait
+// A process-wide memory budget for matches and learning: callers beyond it wait
 // instead of exhausting memory. A single request larger than the whole budget
 // still runs, alone.
 class MemoryBudget
@@ -15,7 +15,9 @@ class MemoryBudget
 public:
     static MemoryBudget& instance();
 
-    // Default: half of physical memory, or LUMICREST_MEMORY_BUDGET_MB when set.
+    // Default: half of physical memory, less under an address-space limit
+    // (the limit less 512 MiB, at least half of it), or
+    // LUMICREST_MEMORY_BUDGET_MB when set.
     uint64_t capacity() const;
     void setCapacity(uint64_t bytes);
 

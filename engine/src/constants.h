@@ -41,6 +41,12 @@ constexpr double MaxProbability = 0.999999;
 // (measured: a match peaks at about 26, one more concurrent match costs about 29).
 constexpr uint64_t MatchBytesPerPixel = 30;
 
+// Learning's share of the budget, per photo pixel: the running sums with the
+// closing work of one photo and of the fingerprint (held for the whole run),
+// and one photo from decoding until it has been added to the sums.
+constexpr uint64_t LearnSumsBytesPerPixel = 40;
+constexpr uint64_t LearnPhotoBytesPerPixel = 48;
+
 // The probability ladder: (PCE, probability) points, log-linear in (1 - p) over log PCE.
 struct LadderPoint
 {

@@ -8,11 +8,23 @@
 // photo, against tens or hundreds of milliseconds of decoding, which runs
 // unlocked. Initialisation (muting exiv2's log, starting the XMP toolkit)
 // happens once, under the same lock.
+//
+// exiv2 maps TIFF files into memory: had another process cut the file in the
+// meantime, touching the lost pages would kill the whole process (SIGBUS).
+// So exiv2 only ever sees a copy of the file's first bytes in our memory,
+// read with ordinary reads, and only after the file is known to be a regular
+// file (a FIFO would block the read forever).
 
 #include "imageio.h"
+#include "imageio_internal.h"
 
+#include <algorithm>
+#include <climits>
+#include <cstdio>
 #include <exception>
+#include <memory>
 #include <mutex>
+#include <vector>
 
 #if defined(__GNUC__)
 #pragma GCC diagnostic push
@@ -59,21 +71,39 @@ std::string exifText(const Exiv2::ExifData& exif, const char* key)
     return cleanText(it->toString());
 }
 
+// The first maxBytes of a regular file; empty when it cannot be read.
+std::vector<Exiv2::byte> readHead(const std::string& path, uint64_t maxBytes)
+{
+    std::vector<Exiv2::byte> bytes;
+    std::FILE* raw = nullptr;
+    uint64_t size = 0;
+    std::string error;
+    if (io::openRegularFile(path, raw, size, error) != io::OpenOutcome::Opened)
+        return bytes;
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(raw, &std::fclose);
+    const uint64_t want = std::min<uint64_t>({size, maxBytes, static_cast<uint64_t>(LONG_MAX)});
+    bytes.resize(static_cast<size_t>(want));
+    bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file.get())); // less if the file shrank
+    return bytes;
+}
+
 } // namespace
 
-PhotoInfo readPhotoInfo(const std::string& path)
+PhotoInfo readPhotoInfo(const std::string& path, uint64_t maxBytes)
 {
     PhotoInfo info;
     if (path.empty())
         return info;
-    std::lock_guard<std::mutex> lock(exiv2Mutex());
     try
     {
+        // Read before taking the lock: other threads' metadata need not wait
+        // for this file's bytes.
+        const std::vector<Exiv2::byte> head = readHead(path, maxBytes);
+        if (head.empty())
+            return info;
+        std::lock_guard<std::mutex> lock(exiv2Mutex());
         initialiseExiv2();
-        // A FileIo of our own: ImageFactory::open(path) would treat URLs and
-        // "-" (standard input) specially.
-        Exiv2::BasicIo::AutoPtr io(new Exiv2::FileIo(path));
-        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(io);
+        Exiv2::Image::AutoPtr image = Exiv2::ImageFactory::open(head.data(), static_cast<long>(head.size()));
         if (!image.get())
             return info;
         image->readMetadata();

@@ -10,11 +10,8 @@
 #include "status.h"
 #include "timing.h"
 
-#include <cerrno>
 #include <cstring>
 #include <new>
-
-#include <sys/stat.h>
 
 namespace lumicrest
 {
@@ -51,23 +48,20 @@ void openPhotoFile(const std::string& path, PhotoFile& f)
     f.path = path;
     if (path.empty())
         fail(LUMICREST_PHOTO_CANNOT_OPEN, "empty photo path");
-    // "e": close-on-exec, so a photo handle never leaks into a child process.
-    f.file = std::fopen(path.c_str(), "rbe");
-    if (!f.file)
+    std::string error;
+    switch (openRegularFile(path, f.file, f.size, error))
     {
-        const int err = errno;
-        if (err == ENOMEM)
-            fail(LUMICREST_OUT_OF_MEMORY, describe(f, "out of memory opening the file"));
-        fail(LUMICREST_PHOTO_CANNOT_OPEN, describe(f, std::string("cannot open: ") + std::strerror(err)));
+    case OpenOutcome::Opened:
+        break;
+    case OpenOutcome::OutOfMemory:
+        fail(LUMICREST_OUT_OF_MEMORY, describe(f, "out of memory opening the file"));
+    case OpenOutcome::NotRegular:
+        fail(LUMICREST_PHOTO_CANNOT_OPEN, describe(f, error));
+    case OpenOutcome::CannotOpen:
+        fail(LUMICREST_PHOTO_CANNOT_OPEN, describe(f, "cannot open: " + error));
     }
-    struct stat st;
-    if (fstat(fileno(f.file), &st) != 0)
-        fail(LUMICREST_PHOTO_CANNOT_OPEN, describe(f, std::string("cannot stat: ") + std::strerror(errno)));
-    if (!S_ISREG(st.st_mode))
-        fail(LUMICREST_PHOTO_CANNOT_OPEN, describe(f, "not a regular file"));
-    if (st.st_size <= 0)
+    if (f.size == 0)
         fail(LUMICREST_PHOTO_UNREADABLE, describe(f, "the file is empty"));
-    f.size = static_cast<uint64_t>(st.st_size);
     f.headSize = std::fread(f.head, 1, sizeof f.head, f.file);
     if (f.headSize == 0)
         fail(LUMICREST_PHOTO_CANNOT_OPEN, describe(f, "cannot read the file"));

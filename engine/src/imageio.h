@@ -55,7 +55,14 @@ Photo readPhoto(const std::string& path, const ReadLimits& limits = ReadLimits()
 // Reads only the size from the header (cheap), with the same failures.
 void readPhotoSize(const std::string& path, int& width, int& height);
 
-// Reads the EXIF block; an absent or unreadable block gives empty fields.
-PhotoInfo readPhotoInfo(const std::string& path);
+// How much of a photo file the EXIF reader looks at: it parses a copy of the
+// file's first bytes, never the file itself (see exif.cpp). EXIF lies in the
+// first kilobytes of a JPEG or PNG; a TIFF whose directory lies beyond this
+// reads as one without EXIF.
+constexpr uint64_t kMaxMetadataBytes = 64ULL << 20;
+
+// Reads the EXIF block from the first maxBytes of the file; an absent or
+// unreadable block, or a file that is not a regular file, gives empty fields.
+PhotoInfo readPhotoInfo(const std::string& path, uint64_t maxBytes = kMaxMetadataBytes);
 
 } // namespace lumicrest

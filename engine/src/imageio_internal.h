@@ -34,6 +34,19 @@ struct PhotoFile
     }
 };
 
+enum class OpenOutcome
+{
+    Opened,
+    CannotOpen,
+    NotRegular, // FIFO, device, directory, socket: never read (reading may block forever)
+    OutOfMemory
+};
+
+// Opens a file for reading only if it is a regular file, without blocking on
+// the way (imageio_platform.cpp). On success file is open and size is its
+// length; otherwise error says why.
+OpenOutcome openRegularFile(const std::string& path, std::FILE*& file, uint64_t& size, std::string& error);
+
 // Opens the file (410), refuses an empty one (490) and reads its head.
 void openPhotoFile(const std::string& path, PhotoFile& photoFile);
 

@@ -24,6 +24,12 @@ namespace io
 namespace
 {
 
+// A progressive or multi-scan file may hold any number of scans, and every
+// scan costs a pass over the whole coefficient buffer: a few megabytes of
+// empty scans would keep the decoder busy for minutes. Real encoders write
+// about ten; more than this many is refused as corrupt.
+constexpr int kMaxScans = 1000;
+
 struct JpegErrorManager
 {
     jpeg_error_mgr pub;
@@ -35,10 +41,19 @@ struct JpegErrorManager
     bool pixelsComplete;
 };
 
+// libjpeg calls the progress monitor between the steps of its input loop, so
+// it sees every scan: it counts them and notes which components they carried.
+struct JpegProgress
+{
+    jpeg_progress_mgr pub;
+    unsigned componentsSeen; // bit i: component i was in a scan
+};
+
 struct JpegJob
 {
     jpeg_decompress_struct cinfo;
     JpegErrorManager err;
+    JpegProgress progress;
     std::FILE* file = nullptr;
     const ReadLimits* limits = nullptr;
     Photo* photo = nullptr; // null: header only
@@ -51,6 +66,7 @@ struct JpegJob
     {
         std::memset(&cinfo, 0, sizeof cinfo);
         std::memset(&err, 0, sizeof err);
+        std::memset(&progress, 0, sizeof progress);
     }
     ~JpegJob() { jpeg_destroy_decompress(&cinfo); } // safe on a zeroed or half-built struct
     JpegJob(const JpegJob&) = delete;
@@ -63,6 +79,73 @@ struct JpegJob
     err->code = code;
     (*cinfo->err->format_message)(cinfo, err->message);
     std::longjmp(err->jump, 1);
+}
+
+[[noreturn]] void jumpOutWith(j_common_ptr cinfo, int32_t code, const char* text)
+{
+    auto* err = reinterpret_cast<JpegErrorManager*>(cinfo->err);
+    err->code = code;
+    std::snprintf(err->message, sizeof err->message, "%s", text);
+    std::longjmp(err->jump, 1);
+}
+
+void noteScanComponents(j_decompress_ptr cinfo)
+{
+    auto* progress = reinterpret_cast<JpegProgress*>(cinfo->progress);
+    for (int i = 0; i < cinfo->comps_in_scan && i < MAX_COMPS_IN_SCAN; ++i)
+        if (cinfo->cur_comp_info[i] && cinfo->cur_comp_info[i]->component_index < 32)
+            progress->componentsSeen |= 1u << cinfo->cur_comp_info[i]->component_index;
+}
+
+void jpegProgressMonitor(j_common_ptr common)
+{
+    auto* cinfo = reinterpret_cast<j_decompress_ptr>(common);
+    if (cinfo->input_scan_number > kMaxScans)
+        jumpOutWith(common, LUMICREST_PHOTO_CORRUPT,
+                    "more than 1000 scans (encoders write about ten); refused before decoding them all");
+    noteScanComponents(cinfo);
+}
+
+// After all input is consumed: did every component get every coefficient in
+// full? libjpeg fills what never arrived with zeros, which would pass as a
+// smooth or grey photo. True when something is missing; the detail is then in
+// err.message.
+bool incompleteScans(JpegJob* job)
+{
+    jpeg_decompress_struct* cinfo = &job->cinfo;
+    char* text = job->err.message;
+    for (int ci = 0; ci < cinfo->num_components && ci < 32; ++ci)
+    {
+        if (!(job->progress.componentsSeen & (1u << ci)))
+        {
+            std::snprintf(text, JMSG_LENGTH_MAX, "no scan holds component %d; the photo is incomplete", ci + 1);
+            return true;
+        }
+        if (!cinfo->progressive_mode || !cinfo->coef_bits)
+            continue;
+        // coef_bits: -1 never received, > 0 low bits still missing.
+        for (int k = 0; k < DCTSIZE2; ++k)
+        {
+            const int bits = cinfo->coef_bits[ci][k];
+            if (bits < 0)
+            {
+                std::snprintf(text, JMSG_LENGTH_MAX,
+                              "progressive scans end before coefficient %d of component %d arrived; the photo is "
+                              "incomplete",
+                              k, ci + 1);
+                return true;
+            }
+            if (bits > 0)
+            {
+                std::snprintf(text, JMSG_LENGTH_MAX,
+                              "progressive scans end with %d low bits of coefficient %d of component %d missing; "
+                              "the photo is incomplete",
+                              bits, k, ci + 1);
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 void jpegErrorExit(j_common_ptr cinfo)
@@ -123,8 +206,11 @@ void runJpeg(JpegJob* job)
         return;
     }
     jpeg_create_decompress(cinfo);
+    job->progress.pub.progress_monitor = jpegProgressMonitor;
+    cinfo->progress = &job->progress.pub;
     jpeg_stdio_src(cinfo, job->file);
     jpeg_read_header(cinfo, TRUE);
+    noteScanComponents(cinfo); // the first scan: its header was just read
 
     job->width = static_cast<int>(cinfo->image_width);
     job->height = static_cast<int>(cinfo->image_height);
@@ -161,7 +247,14 @@ void runJpeg(JpegJob* job)
         job->what = "out of memory for the pixel planes";
         return;
     }
+    // A file of several scans is read whole here, before the first scanline.
     jpeg_start_decompress(cinfo);
+    if (incompleteScans(job))
+    {
+        job->err.code = LUMICREST_PHOTO_TRUNCATED;
+        job->code = LUMICREST_PHOTO_TRUNCATED;
+        return;
+    }
     if (static_cast<int>(cinfo->output_width) != job->width || static_cast<int>(cinfo->output_height) != job->height ||
         cinfo->output_components != channels)
     {

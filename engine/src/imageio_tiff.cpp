@@ -241,7 +241,10 @@ void readLayout(const PhotoFile& f, TIFF* tif, Layout& l)
 }
 
 // Every strip or tile must lie inside the file; one reaching past its end
-// means the file was cut (440), reported before anything is decoded.
+// means the file was cut (440), reported before anything is decoded. One
+// without data (offset or byte count 0, as a writer leaves the tiles it never
+// wrote) makes the photo incomplete (440) too: libtiff would hand it out as
+// zeros or stale samples.
 void checkStriles(const PhotoFile& f, TIFF* tif)
 {
     const uint32_t count = TIFFIsTiled(tif) ? TIFFNumberOfTiles(tif) : TIFFNumberOfStrips(tif);
@@ -254,6 +257,10 @@ void checkStriles(const PhotoFile& f, TIFF* tif)
         const uint64_t bytes = TIFFGetStrileByteCountWithErr(tif, i, &err);
         if (err)
             fail(LUMICREST_PHOTO_CORRUPT, describe(f, "TIFF strip or tile sizes unreadable"));
+        if (offset == 0 || bytes == 0)
+            fail(LUMICREST_PHOTO_TRUNCATED,
+                 describe(f, "TIFF incomplete: strip or tile " + std::to_string(i) + " of " + std::to_string(count) +
+                                 " has no data"));
         if (offset > f.size || bytes > f.size - offset)
             fail(LUMICREST_PHOTO_TRUNCATED, describe(f, "TIFF truncated: strip or tile " + std::to_string(i) +
                                                             " ends beyond the end of the file"));

@@ -1,5 +1,6 @@
 #include "learn.h"
 
+#include "budget.h"
 #include "constants.h"
 #include "imageio.h"
 #include "lumicrest.h"
@@ -127,20 +128,15 @@ public:
         return energy > 0.0 ? change / energy : 1.0;
     }
 
-    // Correlation of a photo's W * I with the estimate so far, to tell which way a
-    // portrait photo was turned.
-    double agreement(const Plane (&residuals)[3], const Plane (&weights)[3]) const
+    // Adds one channel's share of the correlation of a photo's W * I with the
+    // estimate so far to sum, to tell which way a portrait photo was turned.
+    void addAgreement(const Plane& residual, const Plane& weights, double& sum) const
     {
-        double sum = 0.0;
         const float* k = m_previous.data();
-        for (int c = 0; c < 3; ++c)
-        {
-            const float* w = residuals[c].data();
-            const float* i = weights[c].data();
-            for (size_t p = 0, n = m_previous.size(); p < n; ++p)
-                sum += static_cast<double>(w[p]) * i[p] * k[p];
-        }
-        return sum;
+        const float* w = residual.data();
+        const float* i = weights.data();
+        for (size_t p = 0, n = m_previous.size(); p < n; ++p)
+            sum += static_cast<double>(w[p]) * i[p] * k[p];
     }
 
     int count() const { return m_count; }
@@ -223,6 +219,8 @@ struct PreparedPhoto
     int channels = 0;
     Plane residuals[3];
     Plane weights[3];
+    // This photo's share of the memory budget, held until it has been added.
+    std::unique_ptr<MemoryBudget::Lease> lease;
 
     const Plane& residual(int c) const { return residuals[std::min(c, channels - 1)]; }
     const Plane& weight(int c) const { return weights[std::min(c, channels - 1)]; }
@@ -287,13 +285,28 @@ void prepare(const std::string& path, const LearnOptions& options, bool checks, 
     out.report.residual = standardDeviationOf(combined);
 }
 
+std::string megabytes(uint64_t bytes)
+{
+    return std::to_string((bytes + (1u << 20) - 1) >> 20) + " MB";
+}
+
 // Prepares photos on worker threads, at most `threads` ahead of the consumer,
 // and hands them out in list order.
+//
+// Memory: before decoding, each photo reserves its share of the process-wide
+// budget (the first one also the running sums' share, into sumsLease, held by
+// the caller to the end), so fewer photos are prepared at once when memory is
+// short. Reservations are made strictly in list order: the photos ahead of one
+// that waits are all reserved, so they get prepared and consumed, and release
+// theirs, whatever the thread timing. A photo that could not fit even next to
+// the sums alone is refused with 550 at once instead of waiting forever.
 class PreparationPool
 {
 public:
-    PreparationPool(const std::vector<std::string>& paths, const LearnOptions& options, bool checks, int threads)
-        : m_paths(paths), m_options(options), m_checks(checks), m_slots(paths.size()), m_ahead(threads)
+    PreparationPool(const std::vector<std::string>& paths, const LearnOptions& options, bool checks, int threads,
+                    std::unique_ptr<MemoryBudget::Lease>& sumsLease)
+        : m_paths(paths), m_options(options), m_checks(checks), m_slots(paths.size()), m_ahead(threads),
+          m_sumsLease(sumsLease)
     {
         for (int t = 0; t < threads; ++t)
             m_workers.emplace_back([this] { work(); });
@@ -301,10 +314,14 @@ public:
 
     ~PreparationPool()
     {
+        std::vector<std::unique_ptr<PreparedPhoto>> unused;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_stop = true;
+            // Their reservations go now: a worker may be waiting for room.
+            unused.swap(m_slots);
         }
+        unused.clear();
         m_changed.notify_all();
         for (std::thread& worker : m_workers)
             worker.join();
@@ -339,7 +356,8 @@ private:
             auto photo = std::make_unique<PreparedPhoto>();
             try
             {
-                prepare(m_paths[i], m_options, m_checks, *photo);
+                if (reserve(i, *photo))
+                    prepare(m_paths[i], m_options, m_checks, *photo);
             }
             catch (const Failure& failure)
             {
@@ -359,10 +377,88 @@ private:
             photo->report.path = m_paths[i];
             {
                 std::lock_guard<std::mutex> lock(m_mutex);
+                if (m_stop)
+                    return;
                 m_slots[i] = std::move(photo);
             }
             m_changed.notify_all();
         }
+    }
+
+    // Takes photo i's share of the memory budget, in list order; false when
+    // the photo is refused without decoding (failure set).
+    bool reserve(size_t i, PreparedPhoto& photo)
+    {
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [&] { return m_stop || m_reserveTurn == i; });
+            if (m_stop)
+                return false;
+        }
+        struct NextTurn
+        {
+            PreparationPool& pool;
+            ~NextTurn()
+            {
+                {
+                    std::lock_guard<std::mutex> lock(pool.m_mutex);
+                    ++pool.m_reserveTurn;
+                }
+                pool.m_changed.notify_all();
+            }
+        } nextTurn{*this};
+        if (i > 0 && m_firstPixels == 0)
+        {
+            // The first photo was refused or cannot be read: learning ends
+            // there, so this one is never used.
+            photo.failure = LUMICREST_INTERNAL_ERROR;
+            photo.detail = "not prepared: learning ended at an earlier photo";
+            return false;
+        }
+
+        int width = 0;
+        int height = 0;
+        try
+        {
+            readPhotoSize(m_paths[i], width, height);
+        }
+        catch (const Failure&)
+        {
+            return true; // decoding fails the same way at once, before any large allocation
+        }
+        const uint64_t pixels = static_cast<uint64_t>(width) * static_cast<uint64_t>(height);
+        if (pixels > static_cast<uint64_t>(constants::MaxPixels))
+            return true; // refused (720) before decoding
+        MemoryBudget& budget = MemoryBudget::instance();
+        const uint64_t sums = constants::LearnSumsBytesPerPixel * (i == 0 ? pixels : m_firstPixels);
+        const uint64_t bytes = constants::LearnPhotoBytesPerPixel * pixels;
+        if (sums + bytes > budget.capacity())
+        {
+            const bool sameSize = std::max(width, height) == m_firstLong && std::min(width, height) == m_firstShort;
+            if (i > 0 && !sameSize)
+            {
+                // It could not be used anyway.
+                m_firstPixels = 0;
+                photo.failure = LUMICREST_REFERENCE_SIZE_DIFFERS;
+                photo.detail = "size differs from the first photo";
+                return false;
+            }
+            m_firstPixels = 0; // later photos are not prepared either
+            photo.failure = LUMICREST_OUT_OF_MEMORY;
+            photo.detail = "out of memory: learning from photos of " + std::to_string(width) + "x" +
+                           std::to_string(height) + " pixels needs about " + megabytes(sums + bytes) +
+                           ", more than the memory budget of " + megabytes(budget.capacity());
+            return false;
+        }
+        if (i == 0)
+        {
+            m_firstPixels = pixels;
+            m_firstLong = std::max(width, height);
+            m_firstShort = std::min(width, height);
+            m_sumsLease = std::make_unique<MemoryBudget::Lease>(budget, sums);
+        }
+        photo.lease = std::make_unique<MemoryBudget::Lease>(budget, bytes); // waits for room
+        return true;
     }
 
     const std::vector<std::string>& m_paths;
@@ -372,6 +468,11 @@ private:
     const size_t m_ahead;
     size_t m_next = 0;
     size_t m_taken = 0;
+    size_t m_reserveTurn = 0;
+    std::unique_ptr<MemoryBudget::Lease>& m_sumsLease;
+    uint64_t m_firstPixels = 0; // set at the first photo's turn, 0 again once a photo is refused; turns only
+    int m_firstLong = 0;
+    int m_firstShort = 0;
     bool m_stop = false;
     std::mutex m_mutex;
     std::condition_variable m_changed;
@@ -406,8 +507,9 @@ LearnOutcome learnFingerprint(const std::vector<std::string>& paths, const Learn
     if (progress)
         progress(0, 0.0f, 0.0f);
 
+    std::unique_ptr<MemoryBudget::Lease> sumsLease; // held through the final steps
     {
-        PreparationPool pool(paths, options, checks, learningThreads(options, paths.size()));
+        PreparationPool pool(paths, options, checks, learningThreads(options, paths.size()), sumsLease);
         for (int index = 0; index < count; ++index)
         {
             std::unique_ptr<PreparedPhoto> photo = pool.take(static_cast<size_t>(index));
@@ -459,32 +561,32 @@ LearnOutcome learnFingerprint(const std::vector<std::string>& paths, const Learn
                 if (photo->portrait)
                 {
                     // Whichever turn agrees better with the estimate so far; the first
-                    // photo has nothing to agree with and is turned clockwise.
-                    Plane turned[2][3];
-                    Plane turnedWeights[2][3];
-                    for (int c = 0; c < 3; ++c)
-                    {
-                        rotatePlane(residuals[c], 90, turned[0][c]);
-                        rotatePlane(weights[c], 90, turnedWeights[0][c]);
-                    }
-                    int choice = 0;
+                    // photo has nothing to agree with and is turned clockwise. One
+                    // channel is turned at a time, so the turn costs two planes, not twelve.
+                    Plane turned;
+                    Plane turnedWeights;
+                    int rotation = 90;
                     if (accumulator.count() > 0)
                     {
-                        for (int c = 0; c < 3; ++c)
-                        {
-                            rotatePlane(residuals[c], 270, turned[1][c]);
-                            rotatePlane(weights[c], 270, turnedWeights[1][c]);
-                        }
-                        if (accumulator.agreement(turned[1], turnedWeights[1]) >
-                            accumulator.agreement(turned[0], turnedWeights[0]))
-                            choice = 1;
+                        double agreement[2] = {0.0, 0.0};
+                        for (int t = 0; t < 2; ++t)
+                            for (int c = 0; c < 3; ++c)
+                            {
+                                rotatePlane(residuals[c], t == 0 ? 90 : 270, turned);
+                                rotatePlane(weights[c], t == 0 ? 90 : 270, turnedWeights);
+                                accumulator.addAgreement(turned, turnedWeights, agreement[t]);
+                            }
+                        if (agreement[1] > agreement[0])
+                            rotation = 270;
                     }
                     for (int c = 0; c < 3; ++c)
                     {
-                        std::swap(residuals[c], turned[choice][c]);
-                        std::swap(weights[c], turnedWeights[choice][c]);
+                        rotatePlane(residuals[c], rotation, turned);
+                        rotatePlane(weights[c], rotation, turnedWeights);
+                        std::swap(residuals[c], turned);
+                        std::swap(weights[c], turnedWeights);
                     }
-                    report.rotation = choice == 0 ? 90 : 270;
+                    report.rotation = rotation;
                 }
 
                 for (int c = 0; c < 3; ++c)

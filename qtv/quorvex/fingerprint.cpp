@@ -252,7 +252,7 @@ void CFingerprint::readEngineMetadata(const fingerprint_binary_s& fp)
 }
 
 CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photos, const QFileInfo& target,
-                                                      ProgressFunction progress)
+                                                      ProgressFunction progress, lumicrest_error_code* engineCode)
 {
     std::vector<std::wstring> paths;
     paths.reserve(static_cast<size_t>(photos.size()));
@@ -272,6 +272,8 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
     const lumicrest_error_code code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &fp,
                                                              &diagnostics, L"", true, &warnings, &forwardProgress);
     t_progress = nullptr;
+    if (engineCode)
+        *engineCode = code;
     const EStatus status = CQuorvexAPI::fromEngineCode(code);
     // The engine's own account names the photo and the measured values; the
     // user sees the status text, the log keeps the detail.

@@ -50,8 +50,11 @@ public:
     // cannot be written; an existing file is replaced only by a complete new one.
     bool save(const QFileInfo& file, const fingerprint_binary_s& fp) const;
 
-    // Learns a fingerprint from the photos and saves it to target.
-    static EStatus createFingerprint(const QFileInfoList& photos, const QFileInfo& target, ProgressFunction progress);
+    // Learns a fingerprint from the photos and saves it to target. engineCode,
+    // when given, receives the engine's own result value (550: out of memory,
+    // which the status alone does not tell apart from other fatal errors).
+    static EStatus createFingerprint(const QFileInfoList& photos, const QFileInfo& target, ProgressFunction progress,
+                                     lumicrest_error_code* engineCode = nullptr);
 
     // Matches one photo; safe from several threads at once. With
     // skipDifferentCamera, a photo whose EXIF camera differs from the

@@ -37,10 +37,16 @@ void CLearnWorker::onWork()
 {
     QMutexLocker run(&g_runMutex);
     g_currentWorker.store(this);
-    const CFingerprint::EStatus status = CFingerprint::createFingerprint(m_files, m_destination, &CLearnWorker::progress);
+    lumicrest_error_code engineCode = LUMICREST_OK;
+    const CFingerprint::EStatus status =
+        CFingerprint::createFingerprint(m_files, m_destination, &CLearnWorker::progress, &engineCode);
     g_currentWorker.store(nullptr);
     if (status == qutils::CQuorvexAPI::Success)
         emit finished(m_currentIndex.load(), true, QString());
+    else if (engineCode == LUMICREST_OUT_OF_MEMORY)
+        emit finished(m_currentIndex.load(), false,
+                      tr("The computer ran out of memory for learning. The photos are not at fault: close other "
+                         "programs or learn from smaller photos."));
     else
         emit finished(m_currentIndex.load(), false, qutils::CQuorvexAPI::statusText(status));
     m_done.store(true);

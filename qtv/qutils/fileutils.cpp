@@ -1,6 +1,8 @@
 #include "fileutils.h"
 #include "platform.h"
 
+#include "platform.h"
+
 #include <QCoreApplication>
 #include <QDate>
 #include <QDateTime>
@@ -37,11 +39,20 @@
 // has been initialised once the remaining shared state is the namespace
 // registry, which is guarded by the lock passed to the toolkit when we are the
 // first to initialise it.
+//
+// exiv2 maps TIFF files into memory; a file cut by another process meanwhile
+// would kill the whole process (SIGBUS) when the lost pages are touched. So it
+// only ever parses a copy of the file's first kMaxExifBytes read into our
+// memory, and only from a regular file (a FIFO would block the read forever).
 
 namespace qutils
 {
 namespace
 {
+
+// EXIF lies in the first kilobytes of a JPEG or PNG; a TIFF whose directory
+// lies beyond this reads as one without EXIF.
+constexpr qint64 kMaxExifBytes = qint64(64) << 20;
 
 using P = EXIFMetadataProperty;
 using LensInfo = EXIFInfo::LensInfo_t;
@@ -658,22 +669,26 @@ bool EXIFInfo::read(const QString& path, Properties& properties)
 {
     properties.clear();
     registerMetaTypes();
-    if (path.isEmpty() || !QFileInfo(path).isFile())
+    if (path.isEmpty())
         return false;
 
     Properties result;
     try
     {
+        // Read before taking the lock, so other threads need not wait for it.
+        QByteArray head;
+        {
+            QFile file;
+            if (!platform::openRegularFile(path, file))
+                return false;
+            head = file.read(qMin(kMaxExifBytes, file.size())); // less if the file shrank meanwhile
+        }
+        if (head.isEmpty())
+            return false;
         std::lock_guard<std::mutex> lock(exiv2Mutex());
         initialiseExiv2();
-        // A file of our own rather than ImageFactory::open(path), which takes
-        // "-" for standard input and some prefixes for URLs.
-#if defined(_WIN32) && defined(EXV_UNICODE_PATH)
-        Exiv2::BasicIo::AutoPtr io(new Exiv2::FileIo(path.toStdWString()));
-#else
-        Exiv2::BasicIo::AutoPtr io(new Exiv2::FileIo(path.toUtf8().toStdString()));
-#endif
-        auto image = Exiv2::ImageFactory::open(io);
+        auto image = Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte*>(head.constData()),
+                                               static_cast<long>(head.size()));
         if (!image.get())
             return false;
         image->readMetadata();

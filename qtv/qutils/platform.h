@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QFile>
 #include <QString>
 
 #include <functional>
@@ -77,6 +78,11 @@ double processCpuSeconds(qint64 pid);
 // The folder of the loaded library or program that holds this address, with
 // a trailing separator; empty when it cannot be told.
 QString moduleDirectory(const void* address);
+
+// Opens the file read-only into `file` only if it is a regular file, checked
+// without blocking (opening a FIFO would wait for a writer forever); false
+// for anything else or when it cannot be opened.
+bool openRegularFile(const QString& path, QFile& file);
 
 } // namespace platform
 } // namespace qutils

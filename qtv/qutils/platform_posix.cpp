@@ -300,5 +300,28 @@ QString moduleDirectory(const void* address)
     return QFileInfo(QFile::decodeName(info.dli_fname)).absolutePath() + QLatin1Char('/');
 }
 
+bool openRegularFile(const QString& path, QFile& file)
+{
+    const QByteArray name = QFile::encodeName(path);
+    if (name.isEmpty())
+        return false;
+    const int fd = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
+        return false;
+    struct stat st;
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0)
+    {
+        ::close(fd);
+        return false;
+    }
+    if (!file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle))
+    {
+        ::close(fd);
+        return false;
+    }
+    return true;
+}
+
 } // namespace platform
 } // namespace qutils

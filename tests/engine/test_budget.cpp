@@ -96,3 +96,64 @@ TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
     budget.setCapacity(saved);
     release_fingerprint(&learned.fp);
 }
+
+// Learning reserves the running sums and each photo before decoding it: a
+// tight budget prepares one photo at a time and learns the same fingerprint;
+// one that cannot hold the sums and a single photo refuses at the first photo
+// with 550 (out of memory), without waiting forever.
+TEST(MemoryBudget, LearningWithinTheBudgetOrRefusedAsOutOfMemory)
+{
+    TempDir dir("lumicrest-budget-learn");
+    camsim::CameraConfig config;
+    config.width = 800;
+    config.height = 600;
+    const camsim::Camera camera(config);
+    std::vector<std::string> references;
+    for (int i = 0; i < 4; ++i)
+    {
+        camsim::ShotConfig shot;
+        shot.sceneSeed = 90 + i;
+        references.push_back(dir.file("r" + std::to_string(i) + ".jpg"));
+        camera.shoot(shot, references.back());
+    }
+    const uint64_t pixels = 800 * 600;
+    const uint64_t sums = lumicrest::constants::LearnSumsBytesPerPixel * pixels;
+    const uint64_t photo = lumicrest::constants::LearnPhotoBytesPerPixel * pixels;
+
+    MemoryBudget& budget = MemoryBudget::instance();
+    const uint64_t saved = budget.capacity();
+    struct Case
+    {
+        uint64_t capacity;
+        lumicrest_error_code code;
+        int peakHolders; // at most: the sums and the photos reserved at once
+    };
+    const Case cases[] = {
+        {sums + 4 * photo, LUMICREST_OK, 5},
+        {sums + photo + photo / 2, LUMICREST_OK, 2},
+        {sums + photo - 1, LUMICREST_OUT_OF_MEMORY, 1},
+    };
+    std::string roomy;
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.capacity);
+        budget.setCapacity(c.capacity);
+        budget.resetPeak();
+        Learned learned = learn(references, nullptr, L"threads=4");
+        EXPECT_EQ(learned.code, c.code);
+        EXPECT_LE(budget.peakHolders(), c.peakHolders);
+        if (c.code != LUMICREST_OK)
+        {
+            EXPECT_NE(learned.warnings.find("out of memory"), std::string::npos) << learned.warnings;
+        }
+        else
+        {
+            EXPECT_GE(budget.peakHolders(), 2) << "the sums and a photo are reserved";
+            if (roomy.empty())
+                roomy = learned.diagnostics;
+            EXPECT_EQ(learned.diagnostics, roomy) << "waiting for room changes nothing learned";
+        }
+        release_fingerprint(&learned.fp);
+    }
+    budget.setCapacity(saved);
+}

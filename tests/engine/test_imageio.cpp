@@ -23,6 +23,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <jpeglib.h>
@@ -1201,6 +1202,15 @@ TEST(ImageIoExif, TiffTagsAreRead)
     const PhotoInfo info = lumicrest::readPhoto(path).info;
     EXPECT_EQ(info.make, "FUJIFILM");
     EXPECT_EQ(info.model, "X-T3");
+
+    // Only a prefix of the file is parsed: libtiff writes the directory last,
+    // so a prefix without it reads as a photo without EXIF, as does a file cut
+    // short (offsets pointing past its end).
+    const auto size = readBytes(path).size();
+    EXPECT_EQ(lumicrest::readPhotoInfo(path, size).make, "FUJIFILM");
+    EXPECT_EQ(lumicrest::readPhotoInfo(path, size - 20).make, "");
+    truncateFile(path, size - 20);
+    EXPECT_EQ(lumicrest::readPhotoInfo(path).make, "");
 }
 
 // ---------------------------------------------------------------- failures
@@ -1229,6 +1239,20 @@ TEST_F(ImageIoFailure, CannotOpen410)
     EXPECT_EQ(sizeCode(dir.file("does_not_exist.jpg")), 410);
     EXPECT_EQ(readCode(dir.file("")), 410); // the directory itself
     EXPECT_EQ(readCode(""), 410);
+
+    // Opening or reading these would block forever or never end; a hang here
+    // ends in the test's timeout.
+    const auto fifo = dir.file("fifo.jpg");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const auto link = dir.file("link_to_fifo.jpg");
+    fs::create_symlink(fifo, link);
+    for (const std::string& special : {fifo, link, std::string("/dev/zero")})
+    {
+        SCOPED_TRACE(special);
+        EXPECT_EQ(readCode(special), 410);
+        EXPECT_EQ(sizeCode(special), 410);
+        EXPECT_EQ(lumicrest::readPhotoInfo(special).make, "");
+    }
 }
 
 TEST_F(ImageIoFailure, EmptyFile490)

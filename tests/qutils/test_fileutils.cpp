@@ -327,6 +327,11 @@ TEST_F(FileUtilsTest, UnreadableFilesGiveFalseAndNothingIsPrinted)
         ASSERT_TRUE(file.open(QIODevice::ReadWrite));
         ASSERT_TRUE(file.resize(60));
     }
+    // Special files would block the read forever (a hang ends in the timeout).
+    const QString fifo = path(QStringLiteral("fifo.jpg"));
+    ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    const QString fifoLink = path(QStringLiteral("link_to_fifo.jpg"));
+    ASSERT_TRUE(QFile::link(fifo, fifoLink));
     const QStringList paths = {png,
                                text,
                                broken,
@@ -334,7 +339,10 @@ TEST_F(FileUtilsTest, UnreadableFilesGiveFalseAndNothingIsPrinted)
                                path(QStringLiteral("missing.jpg")),
                                m_dir.path(),
                                QString(),
-                               QStringLiteral("-")};
+                               QStringLiteral("-"),
+                               fifo,
+                               fifoLink,
+                               QStringLiteral("/dev/zero")};
 
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();

@@ -270,10 +270,14 @@ protected:
         camera.shoot(shot, path.toStdString());
     }
 
-    static SRun run(const QStringList& arguments, int timeoutMs = 120000)
+    static SRun run(const QStringList& arguments, int timeoutMs = 120000,
+                    const QPair<QString, QString>& variable = QPair<QString, QString>())
     {
         QProcess process;
-        process.setProcessEnvironment(childEnvironment(s_dir->path()));
+        QProcessEnvironment env = childEnvironment(s_dir->path());
+        if (!variable.first.isEmpty())
+            env.insert(variable.first, variable.second);
+        process.setProcessEnvironment(env);
         process.setWorkingDirectory(s_dir->path());
         process.start(QStringLiteral(QUORVEX_CLI_PATH), arguments);
         SRun result;
@@ -682,6 +686,15 @@ TEST_F(CliTest, LearningNeedsThreeUsablePhotos)
     EXPECT_FALSE(result.out.contains(QStringLiteral("photo 4/4")));
     EXPECT_TRUE(result.err.contains(QStringLiteral("4/4 ") + tiny)) << result.err.toStdString();
     EXPECT_TRUE(result.err.contains(QStringLiteral("Photo has too small resolution")));
+    EXPECT_FALSE(QFile::exists(refused));
+
+    // Out of memory is the computer's fault, not the first photo's.
+    result = run({QStringLiteral("learn"), QStringLiteral("-o"), refused, s_references.at(0), s_references.at(1),
+                  s_references.at(2)},
+                 120000, {QStringLiteral("LUMICREST_MEMORY_BUDGET_MB"), QStringLiteral("1")});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(QStringLiteral("ran out of memory for learning"))) << result.err.toStdString();
+    EXPECT_FALSE(result.err.contains(QStringLiteral("refused photo")));
     EXPECT_FALSE(QFile::exists(refused));
 }
 

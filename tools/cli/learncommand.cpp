@@ -20,7 +20,12 @@ int learnFingerprint(const QFileInfoList& photos, const QString& target)
     if (status != CQuorvexAPI::Success)
     {
         const int failing = job.reportedPhotos();
-        if (status == CQuorvexAPI::CannotStoreFingerprint)
+        if (job.ranOutOfMemory())
+            CConsole::error(QStringLiteral("learning stopped: the computer ran out of memory for learning from "
+                                           "photos of this size (at photo %1/%2; the photos are not at fault)")
+                                .arg(failing + 1)
+                                .arg(photos.size()));
+        else if (status == CQuorvexAPI::CannotStoreFingerprint)
             CConsole::error(QStringLiteral("cannot write the fingerprint file %1: %2")
                                 .arg(target, CQuorvexAPI::statusText(status)));
         else if (failing < photos.size())

@@ -19,7 +19,8 @@ CLearnJob::EStatus CLearnJob::run(const QFileInfo& target)
     }
     s_current = this;
     m_reported = 0;
-    const EStatus status = CFingerprint::createFingerprint(m_photos, target, &CLearnJob::onProgress);
+    m_engineCode = LUMICREST_OK;
+    const EStatus status = CFingerprint::createFingerprint(m_photos, target, &CLearnJob::onProgress, &m_engineCode);
     s_current = nullptr;
     return status;
 }

@@ -31,6 +31,37 @@ kdOSOrKR19rVqnnQY1I6sJHT0jqwkdedVqnTBjUjqwkdPSOrCR159WqdUGc+kdWUjpyR1ZSOu6rV
 PIgxqR1YSOnJHVlI686rVOqDGpHVhI6ekdWEjrz6tU6YM//Z
 """)
 
+# The same kind of 16x16 colour picture, progressive (libjpeg's simple
+# progression: DC scans, then spectral bands and refinements) and sequential
+# with one scan per component (Y, Cb, Cr), all with optimised Huffman tables.
+PROGRESSIVE_JPEG = base64.b64decode("""
+/9j/2wBDAAgGBgcGBQgHBwcJCQgKDBQNDAsLDBkSEw8UHRofHh0aHBwgJC4nICIsIxwcKDcpLDAxND
+Q0Hyc5PTgyPC4zNDL/2wBDAQkJCQwLDBgNDRgyIRwhMjIyMjIyMjIyMjIyMjIyMjIyMjIyMjIyMjIy
+MjIyMjIyMjIyMjIyMjIyMjIyMjIyMjL/wgARCAAQABADAREAAhEBAxEB/8QAFwAAAwEAAAAAAAAAAA
+AAAAAAAQMEBf/EABYBAQEBAAAAAAAAAAAAAAAAAAMEBf/aAAwDAQACEAMQAAABNM+zM6nCDF0//8QA
+GRABAAIDAAAAAAAAAAAAAAAAAwACAQUj/9oACAEBAAEFAgOZ4mFJsmrU/wD/xAAdEQACAQQDAAAAAA
+AAAAAAAAAAAQIDBBGxEyNB/9oACAEDAQE/AUi2pcs8GC16ourJb34f/8QAIxEAAAMGBwAAAAAAAAAA
+AAAAAAECAwQREkFxEzFhgZHh8P/aAAgBAgEBPwEPLQpYXrocOe6BaiSUTDCZ4b4vrbZD/8QAHBAAAg
+ICAwAAAAAAAAAAAAAAAREAMQMQIVFx/9oACAEBAAY/AhxGuhT0Mdk2jXs//8QAGhABAAMBAQEAAAAA
+AAAAAAAAAQARITFBcf/aAAgBAQABPyEKgzoKhql5w7KQ8m7MIQ7PH2f/2gAMAwEAAgADAAAAENN//8
+QAGxEBAAIDAQEAAAAAAAAAAAAAARExACFBUbH/2gAIAQMBAT8QBDWD4AWwo9fvLS8EwZLQWoUoyMEd
+LkFaOmf/xAAcEQEAAgMBAQEAAAAAAAAAAAABESEAMVGBQWH/2gAIAQIBAT8QtUHAJcWhwItyqEQBVL
+Hmk9/D4+HaByQlRqTo0lizJC4mCWf/xAAbEAEBAAMBAQEAAAAAAAAAAAABEQAhMUFxof/aAAgBAQAB
+PxADIaHmOzesInC7OueyWzGdQQ6fn3KIGA5sjBTSlQdsUE//2Q==
+""")
+SEQUENTIAL_JPEG = base64.b64decode("""
+/9j/2wBDAAgGBgcGBQgHBwcJCQgKDBQNDAsLDBkSEw8UHRofHh0aHBwgJC4nICIsIxwcKDcpLDAxND
+Q0Hyc5PTgyPC4zNDL/2wBDAQkJCQwLDBgNDRgyIRwhMjIyMjIyMjIyMjIyMjIyMjIyMjIyMjIyMjIy
+MjIyMjIyMjIyMjIyMjIyMjIyMjIyMjL/wAARCAAQABADAREAAhEBAxEB/8QAFwAAAwEAAAAAAAAAAA
+AAAAAAAgQFBv/EACIQAAICAQMEAwAAAAAAAAAAAAECAxEFAAQSByExQSJxof/aAAgBAQAAPwA8Hj1C
+Rkxg2B61sp3XDY4yiLm7PHEhETSBS54glV7t58e6q7rSuC2JRFNhRQ8j8+9QepWa2+0xsePtpZZgFk
+SKVlEPyQgycQSOzGrIB7miQCP/xAAWAQEBAQAAAAAAAAAAAAAAAAAFBAb/xAAlEQEAAQIEBQUAAAAA
+AAAAAAABAhEhAAMEEgUiMVGBEzJBQmH/2gAIAQIRAD8ATuqDgziWoiZbF7SfcH1ltEW+5tREAZNouL
+8/NhlxZT6Hn8Ph8HewOMXofU4hrnVVsdKnceUq05V2qF6VoVa//8QAFgEBAQEAAAAAAAAAAAAAAAAA
+BAUG/8QAIBEBAAAFBQEBAAAAAAAAAAAAAQACBBExAwUSIUFRsf/aAAgBAxEAPwCfLKIdQ7baQqtbj4
+C5DB9f3zKZgJKtiNPtd6XTmqtWXrqyk2G42nB42zcFcHpH/9k=
+""")
+
 
 def write(name, data):
     with open(os.path.join(HERE, name), "wb") as f:
@@ -66,6 +97,50 @@ def jpeg_fixtures():
     write("412_bad_precision.jpg", bytes(bad))
     write("720_huge_header.jpg", jpeg_with_size(60000, 60000))
     write("490_zero_height.jpg", jpeg_with_size(48, 0))
+    # Scans beyond the decoder's limit (1000): the DC refinement scan repeated.
+    head, scans = jpeg_scans(PROGRESSIVE_JPEG)
+    dc_refine = [s for s in scans if scan_header(s)[:6] == b"\x03\x01\x00\x02\x00\x03"][0]
+    write("412_too_many_scans.jpg", head + b"".join(scans) + dc_refine * 1000 + b"\xff\xd9")
+    # Only the DC scans: every AC coefficient is missing.
+    dc = [s for s in scans if scan_header(s)[0] == 3]  # the interleaved scans are the DC ones
+    assert len(dc) == 2
+    write("440_progressive_dc_only.jpg", head + b"".join(dc) + b"\xff\xd9")
+    # A sequential photo whose luma (component 1) scan is gone.
+    head, scans = jpeg_scans(SEQUENTIAL_JPEG)
+    assert len(scans) == 3 and scan_header(scans[0])[1] == 1
+    write("440_missing_luma_scan.jpg", head + b"".join(scans[1:]) + b"\xff\xd9")
+
+
+def scan_header(scan):
+    """The scan header after its length: component count, components, Ss, Se, Ah/Al."""
+    sos = find(scan, b"\xff\xda")
+    return scan[sos + 4:sos + 2 + struct.unpack(">H", scan[sos + 2:sos + 4])[0]]
+
+
+def jpeg_scans(data):
+    """Splits a JPEG into its bytes before the first scan and its scans, each
+    with the table segments in front of it and its entropy-coded data."""
+    at = 2
+    segments = []  # (start, end, is_scan)
+    while data[at + 1] != 0xD9:
+        assert data[at] == 0xFF
+        end = at + 2 + struct.unpack(">H", data[at + 2:at + 4])[0]
+        if data[at + 1] == 0xDA:
+            while not (data[end] == 0xFF and data[end + 1] != 0 and not 0xD0 <= data[end + 1] <= 0xD7):
+                end += 1
+        segments.append((at, end, data[at + 1] == 0xDA))
+        at = end
+    first = next(i for i, s in enumerate(segments) if s[2])
+    # Tables right before a scan belong to it (optimised coding gives each scan its own).
+    while first > 0 and data[segments[first - 1][0] + 1] == 0xC4:
+        first -= 1
+    head = data[:segments[first][0]]
+    scans, start = [], segments[first][0]
+    for begin, end, is_scan in segments[first:]:
+        if is_scan:
+            scans.append(data[start:end])
+            start = end
+    return head, scans
 
 
 # ------------------------------------------------------------------ PNG
@@ -114,6 +189,33 @@ def tiff_grey(width, height, declared=None):
     return out + bytes(((x * 7 + y * 13) & 0xFF) for y in range(height) for x in range(width))
 
 
+def tiff_tiled_grey(width, height, tile, present):
+    """A little-endian 8-bit grey tiled TIFF; tiles not in present have offset
+    and byte count 0, as a writer leaves tiles it never wrote."""
+    across, down = (width + tile - 1) // tile, (height + tile - 1) // tile
+    count = across * down
+    entries = 11
+    offsets_at = 8 + 2 + entries * 12 + 4
+    counts_at = offsets_at + 4 * count
+    data_at = counts_at + 4 * count
+    offsets, counts, data = [], [], b""
+    for i in range(count):
+        if i in present:
+            offsets.append(data_at + len(data))
+            counts.append(tile * tile)
+            data += bytes(((i * 31 + j * 7) & 0xFF) for j in range(tile * tile))
+        else:
+            offsets.append(0)
+            counts.append(0)
+    out = b"II" + struct.pack("<HI", 42, 8) + struct.pack("<H", entries)
+    for tag, kind, n, value in [(256, 4, 1, width), (257, 4, 1, height), (258, 3, 1, 8), (259, 3, 1, 1),
+                                (262, 3, 1, 1), (277, 3, 1, 1), (284, 3, 1, 1), (322, 4, 1, tile),
+                                (323, 4, 1, tile), (324, 4, count, offsets_at), (325, 4, count, counts_at)]:
+        out += struct.pack("<HHI", tag, kind, n) + (struct.pack("<HH", value, 0) if kind == 3
+                                                   else struct.pack("<I", value))
+    out += struct.pack("<I", 0)
+    return out + struct.pack("<%dI" % count, *offsets) + struct.pack("<%dI" % count, *counts) + data
+
 def tiff_fixtures():
     good = tiff_grey(40, 30)
     write("440_truncated_strips.tif", good[:len(good) - 500])
@@ -122,6 +224,7 @@ def tiff_fixtures():
     garbage += bytes(((i * 97 + 13) & 0xFF) for i in range(3 * 12 + 4))
     write("412_garbage_directory.tif", garbage)
     write("720_huge_header.tif", tiff_grey(8, 8, declared=(60000, 60000)))
+    write("440_missing_tiles.tif", tiff_tiled_grey(80, 112, 16, present={0, 1, 7, 20, 34}))
 
 
 # ------------------------------------------------------------------ BMP
