@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+class QFile;
+
 // The few operating-system calls the utility layer needs; everything else stays
 // portable Qt. One implementation file per platform.
 namespace qutils
@@ -40,6 +42,11 @@ double processCpuSeconds(qint64 pid);
 // The folder of the loaded library or program that holds this address, with
 // a trailing separator; empty when it cannot be told.
 QString moduleDirectory(const void* address);
+
+// Opens any input file for reading only if it is a regular file, without ever
+// blocking: a FIFO or a device is refused, not waited on. False when the file
+// cannot be opened or is not a regular file; file is then left closed.
+bool openRegularInputFile(QFile& file, const QString& path);
 
 } // namespace platform
 } // namespace qutils

@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -201,6 +202,23 @@ QString moduleDirectory(const void* address)
     if (dladdr(address, &info) == 0 || !info.dli_fname || !*info.dli_fname)
         return QString();
     return QFileInfo(QFile::decodeName(info.dli_fname)).absolutePath() + QLatin1Char('/');
+}
+
+bool openRegularInputFile(QFile& file, const QString& path)
+{
+    // Non-blocking, so opening a FIFO without a writer returns at once.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    struct stat st;
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0 ||
+        !file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle))
+    {
+        ::close(fd);
+        return false;
+    }
+    return true;
 }
 
 } // namespace platform
