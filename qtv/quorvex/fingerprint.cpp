@@ -331,18 +331,16 @@ std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus*
         if (object.contains(key(id)))
             properties.insert(id, propertyFromText(id, text));
     }
-    // Properties the engine's header also holds must agree with it; left empty
-    // they are taken from it.
+    // Properties the engine's header also holds must agree with it. Left empty
+    // they claim nothing and stay empty (shown as unknown).
     const QList<QPair<EInfoType, QVariant>> engineSays = {
-        {Width, header.width},          {Height, header.height},  {TrainingImagesCount, header.photos},
+        {Width, header.width},       {Height, header.height}, {TrainingImagesCount, header.photos},
         {Manufacturer, header.make}, {Model, header.model},
     };
     for (const auto& pair : engineSays)
     {
-        const QString stored = properties.value(pair.first).toString();
-        if (jsonText(object.value(key(pair.first))).isEmpty())
-            properties.insert(pair.first, pair.second);
-        else if (stored != pair.second.toString())
+        if (!jsonText(object.value(key(pair.first))).isEmpty() &&
+            properties.value(pair.first).toString() != pair.second.toString())
             return broken("its properties disagree with its fingerprint bytes");
     }
     return std::shared_ptr<CFingerprint>(new CFingerprint(properties, bytes));
@@ -514,8 +512,9 @@ QString CFingerprint::duplicatePhotoMessage(const QFileInfoList& photos)
     };
     for (int i = 0; i < photos.size(); ++i)
     {
+        // An empty file is no photo (the engine refuses it by name), so two are no copies.
         const qint64 size = photos.at(i).size();
-        if (sizeCount.value(size) < 2)
+        if (size == 0 || sizeCount.value(size) < 2)
             continue;
         const QByteArray head = contentDigest(photos.at(i), false);
         if (head.isEmpty())
