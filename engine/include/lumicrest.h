@@ -77,7 +77,10 @@ LUMICREST_EXPORT lumicrest_error_code match_device_origins(const fingerprint_bin
 /* Writes the fingerprint bytes to a file. */
 LUMICREST_EXPORT lumicrest_error_code save_fingerprint_to_disk(const fingerprint_binary_s* fp, const wchar_t* path);
 
-/* Reads a fingerprint file's metadata as JSON: width, height, nmse, make, model and more. */
+/* Reads a fingerprint file's metadata as JSON: width, height, nmse, make, model,
+ * crc32 (the bytes' stored checksum) and more. The file holds the fingerprint
+ * bytes alone or inside the program's ".fnp" container; either is verified whole.
+ * Only regular files are read. */
 LUMICREST_EXPORT lumicrest_error_code get_metadata_sensor_fingerprint(const wchar_t* path, wchar_t** outJson);
 
 /* Frees what get_sensor_fingerprint allocated; safe on a zeroed struct. */

@@ -11,8 +11,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <new>
+#include <utility>
 #include <vector>
 
 using namespace lumicrest;
@@ -64,6 +67,10 @@ std::string requirePath(const wchar_t* path)
 
 std::vector<unsigned char> readWholeFile(const std::string& path)
 {
+    // A FIFO or a device would block the open or never end; only regular files.
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(std::filesystem::u8path(path), error))
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file is not a regular file");
     std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file cannot be opened");
@@ -77,7 +84,43 @@ std::vector<unsigned char> readWholeFile(const std::string& path)
     return bytes;
 }
 
-std::string metadataJson(const FingerprintData& fp)
+uint32_t bigEndian32(const unsigned char* p)
+{
+    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
+}
+
+// The program keeps the fingerprint bytes inside a container of its own: a
+// big-endian 64-bit version 2, then two byte arrays (32-bit length, 0xFFFFFFFF
+// for none, then the bytes), metadata and fingerprint. Reading the bytes out of
+// it here lets the program have a file verified without a copy of the bytes.
+// Files of the engine's own format start with the magic and are taken whole.
+std::pair<const unsigned char*, size_t> fingerprintBytesIn(const std::vector<unsigned char>& file)
+{
+    static const unsigned char containerVersion[8] = {0, 0, 0, 0, 0, 0, 0, 2};
+    if (file.size() < 16 || std::memcmp(file.data(), containerVersion, 8) != 0)
+        return {file.data(), file.size()};
+    size_t at = 8;
+    const auto array = [&]() -> std::pair<const unsigned char*, size_t> {
+        if (file.size() - at < 4)
+            fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
+        const uint32_t length = bigEndian32(file.data() + at);
+        at += 4;
+        if (length == 0xFFFFFFFFu)
+            return {nullptr, 0};
+        if (length > file.size() - at)
+            fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
+        const unsigned char* start = file.data() + at;
+        at += length;
+        return {start, length};
+    };
+    array(); // the program's metadata
+    const auto bytes = array();
+    if (at != file.size())
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container has bytes after its end");
+    return bytes;
+}
+
+std::string metadataJson(const FingerprintData& fp, uint32_t crc)
 {
     std::string json = "{\"width\":" + std::to_string(fp.width) + ",\"height\":" + std::to_string(fp.height);
     json += ",\"nmse\":[";
@@ -99,7 +142,9 @@ std::string metadataJson(const FingerprintData& fp)
     appendJsonNumber(json, fp.sigmaRef);
     json += ",\"sigma_match\":";
     appendJsonNumber(json, fp.sigmaMatch);
-    json += ",\"format_version\":" + std::to_string(FormatVersion) + "}";
+    json += ",\"format_version\":" + std::to_string(FormatVersion);
+    // Lets a caller holding its own copy of the bytes see that it is this one.
+    json += ",\"crc32\":" + std::to_string(crc) + "}";
     return json;
 }
 
@@ -204,9 +249,12 @@ LUMICREST_EXPORT lumicrest_error_code get_metadata_sensor_fingerprint(const wcha
     return guarded([&]() -> lumicrest_error_code {
         if (!outJson)
             fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
-        const std::vector<unsigned char> bytes = readWholeFile(requirePath(path));
-        const FingerprintData fp = parseFingerprint(bytes.data(), bytes.size());
-        *outJson = mallocWide(metadataJson(fp));
+        const std::vector<unsigned char> file = readWholeFile(requirePath(path));
+        const auto bytes = fingerprintBytesIn(file);
+        const FingerprintData fp = parseFingerprint(bytes.first, bytes.second, false);
+        uint32_t crc = 0;
+        std::memcpy(&crc, bytes.first + bytes.second - 4, 4); // parsing proved the length
+        *outJson = mallocWide(metadataJson(fp, crc));
         if (!*outJson)
             fail(LUMICREST_OUT_OF_MEMORY, "no memory for the answer");
         return LUMICREST_OK;

@@ -6,6 +6,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <future>
@@ -30,7 +31,13 @@ public:
     void f64(double v) { bytes(&v, 8); }
     void text(const std::string& s)
     {
-        const std::string cut = s.substr(0, MaxText);
+        // Cut at a character boundary, so the stored text stays valid UTF-8 and
+        // a reader cutting at the same limit gets the same text.
+        size_t n = std::min(s.size(), MaxText);
+        if (n < s.size())
+            while (n > 0 && (static_cast<unsigned char>(s[n]) & 0xC0) == 0x80)
+                --n;
+        const std::string cut = s.substr(0, n);
         u16(static_cast<uint16_t>(cut.size()));
         m_out.insert(m_out.end(), cut.begin(), cut.end());
     }
@@ -231,7 +238,7 @@ std::vector<unsigned char> serializeFingerprint(const FingerprintData& fp)
     return out;
 }
 
-FingerprintData parseFingerprint(const unsigned char* bytes, size_t size)
+FingerprintData parseFingerprint(const unsigned char* bytes, size_t size, bool decodeK)
 {
     if (!bytes || size < 4 + 4 + 4)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint bytes too short");
@@ -280,14 +287,21 @@ FingerprintData parseFingerprint(const unsigned char* bytes, size_t size)
     if (size - 4 - r.position() != 2 * pixels)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint length does not match its size");
     const unsigned char* src = bytes + r.position();
-    fp.k.reset(fp.width, fp.height);
-    float* k = fp.k.data();
+    // Without K the same values are checked, only not kept: metadata reading
+    // then costs no plane.
+    float* k = nullptr;
+    if (decodeK)
+    {
+        fp.k.reset(fp.width, fp.height);
+        k = fp.k.data();
+    }
     for (size_t i = 0; i < pixels; ++i)
     {
         const float v = halfToFloat(static_cast<uint16_t>(src[2 * i] | (src[2 * i + 1] << 8))) * scale;
         if (!std::isfinite(v))
             fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint holds a non-finite value");
-        k[i] = v;
+        if (k)
+            k[i] = v;
     }
     return fp;
 }

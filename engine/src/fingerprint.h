@@ -43,8 +43,9 @@ constexpr uint32_t FormatVersion = 1;
 // The bytes: little-endian, "LMCF" magic, version, header, K as 16-bit floats,
 // CRC-32 of all that precedes it.
 std::vector<unsigned char> serializeFingerprint(const FingerprintData& fp);
-// Throws Failure(450) on a bad magic, version, length or checksum.
-FingerprintData parseFingerprint(const unsigned char* bytes, size_t size);
+// Throws Failure(450) on a bad magic, version, length, checksum or value.
+// Without decodeK every check is made but K is left empty.
+FingerprintData parseFingerprint(const unsigned char* bytes, size_t size, bool decodeK = true);
 
 // The fingerprint behind a struct: the engine's own object when the engine made
 // it, otherwise the bytes parsed once and kept in a small cache.

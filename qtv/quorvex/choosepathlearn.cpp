@@ -96,6 +96,14 @@ void CChoosePathLearn::onNext()
             QX_SELFCHECK(QStringLiteral("cutting a list that is not longer than the maximum"));
         photos = photos.mid(0, maximumImages);
     }
+    // Refused before the destination is asked for: a photo counted twice
+    // would weigh double in the fingerprint and in its photo count.
+    const QString duplicate = CFingerprint::duplicatePhotoMessage(photos);
+    if (!duplicate.isEmpty())
+    {
+        qcontrols::CMessageBoxFactory::warning(this, tr("Duplicate reference photos"), duplicate);
+        return;
+    }
 
     const QString destination = qcontrols::CFileChooser::getSaveFileName(
         this, tr("Select destination for fingerprint"), CSettings::lastRecognizer().absolutePath(),

@@ -2,9 +2,10 @@
 
 #include "qutils/debugutils.h"
 #include "qutils/fileutils.h"
-#include "qutils/tempfolder.h"
+#include "qutils/platform.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QDataStream>
 #include <QDateTime>
 #include <QDir>
@@ -13,6 +14,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSaveFile>
+#include <QSet>
+#include <QTemporaryFile>
+#include <QtEndian>
 
 #include <cstdlib>
 #include <vector>
@@ -106,6 +110,110 @@ QString jsonText(const QJsonValue& value)
     return value.toVariant().toString();
 }
 
+// The member of the metadata object that guards the others; older files lack it.
+const QString ChecksumKey = QStringLiteral("checksum");
+
+// A SHA-256 over the stored properties' texts (each member's name, the length
+// of its text and the text, so no two sets read alike) and the engine bytes.
+// The engine bytes enter by their length and their CRC-32 trailer: the engine
+// verifies that trailer against every byte on load and before every match, and
+// hashing the 20 MB of a 10 MP fingerprint here would cost 0.2 s per load.
+QString propertiesChecksum(const QStringList& texts, const QByteArray& engineBytes)
+{
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    int i = 0;
+    for (CFingerprint::EInfoType id : StoredProperties)
+    {
+        const QByteArray text = texts.value(i++).toUtf8();
+        hash.addData(CFingerprint::key(id).toUtf8() + '\0' + QByteArray::number(text.size()) + ':' + text);
+    }
+    hash.addData(QByteArray::number(engineBytes.size()) + ':' + engineBytes.right(4));
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+// What the engine's own header says about a fingerprint.
+struct SEngineHeader
+{
+    int width = 0;
+    int height = 0;
+    int photos = 0;
+    double lastNmse = 0.0;
+    QString make;
+    QString model;
+    quint32 crc = 0;
+};
+
+// Reads the header of a fingerprint file (the engine's bytes or a ".fnp" that
+// holds them) through the engine, which verifies the bytes as it goes.
+CFingerprint::EStatus readEngineHeader(const QString& path, SEngineHeader& header)
+{
+    const std::wstring native = QDir::toNativeSeparators(path).toStdWString();
+    wchar_t* json = nullptr;
+    const lumicrest_error_code code = get_metadata_sensor_fingerprint(native.c_str(), &json);
+    const QString text = json ? QString::fromWCharArray(json) : QString();
+    std::free(json);
+    if (code != LUMICREST_OK)
+    {
+        QX_WARNING << "The engine cannot read the fingerprint " << path << ": " << QString::number(code);
+        return CQuorvexAPI::fromEngineCode(code);
+    }
+    const QJsonObject object = QJsonDocument::fromJson(text.toUtf8()).object();
+    const QJsonArray nmse = object.value(QStringLiteral("nmse")).toArray();
+    header.width = jsonText(object.value(QStringLiteral("width"))).toInt(nullptr, 10);
+    header.height = jsonText(object.value(QStringLiteral("height"))).toInt(nullptr, 10);
+    header.photos = nmse.size();
+    header.lastNmse = nmse.isEmpty() ? 0.0 : jsonText(nmse.last()).toDouble();
+    header.make = jsonText(object.value(QStringLiteral("make")));
+    header.model = jsonText(object.value(QStringLiteral("model")));
+    header.crc = jsonText(object.value(QStringLiteral("crc32"))).toUInt(nullptr, 10);
+    return CQuorvexAPI::Success;
+}
+
+// The fingerprint keeps at most this many UTF-8 bytes of a camera name, cut
+// at a character boundary.
+constexpr int MaxCameraTextBytes = 4096;
+
+// A camera name as it is compared: up to the first NUL, cut where the
+// fingerprint cuts it, ASCII case folded as the engine folds it, outer blanks gone.
+QByteArray cameraKey(const QString& text)
+{
+    QByteArray bytes = text.toUtf8();
+    const int nul = bytes.indexOf('\0');
+    if (nul >= 0)
+        bytes.truncate(nul);
+    if (bytes.size() > MaxCameraTextBytes)
+    {
+        int n = MaxCameraTextBytes;
+        while (n > 0 && (static_cast<uchar>(bytes.at(n)) & 0xC0) == 0x80)
+            --n;
+        bytes.truncate(n);
+    }
+    for (char& c : bytes)
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    return bytes.trimmed();
+}
+
+// A digest of a photo's content: of its first 64 KiB, or of all of it. Empty
+// when the file is not a regular file or cannot be read.
+QByteArray contentDigest(const QFileInfo& photo, bool whole)
+{
+    QFile file;
+    if (!qutils::platform::openRegularFile(photo.absoluteFilePath(), file))
+        return QByteArray();
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (whole)
+    {
+        if (!hash.addData(&file))
+            return QByteArray();
+    }
+    else
+    {
+        hash.addData(file.read(64 * 1024));
+    }
+    return hash.result();
+}
+
 // The engine's opening progress call is already made by createFingerprint,
 // which promises its caller exactly one; this forwarder drops the engine's own.
 thread_local CFingerprint::ProgressFunction t_progress = nullptr;
@@ -164,33 +272,76 @@ std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus*
     EStatus& result = status ? *status : ignored;
     result = CQuorvexAPI::Success;
 
-    QFile in(file.absoluteFilePath());
-    if (!in.open(QIODevice::ReadOnly))
+    const QString path = file.absoluteFilePath();
+    QFile in;
+    if (!qutils::platform::openRegularFile(path, in))
     {
         result = CQuorvexAPI::CannotOpenFingerprint;
         return nullptr;
     }
+    const auto broken = [&](const char* why) {
+        QX_WARNING << "Fingerprint file " << path << " is broken: " << why;
+        result = CQuorvexAPI::FingerprintFileBroken;
+        return nullptr;
+    };
+    if (in.size() > MaxFileSize)
+        return broken("larger than any fingerprint");
     QDataStream stream(&in);
     stream.setVersion(QDataStream::Qt_5_0);
     qint64 version = 0;
     stream >> version;
+    if (stream.status() != QDataStream::Ok)
+        return broken("shorter than its version");
     if (version != FileVersion)
     {
         result = CQuorvexAPI::FingerprintUnsupportedVersion;
         return nullptr;
     }
-    // No further checks: damaged bytes are the engine's to report when used.
     QByteArray metadata;
     QByteArray bytes;
     stream >> metadata >> bytes;
+    if (stream.status() != QDataStream::Ok || !stream.atEnd())
+        return broken("its parts are incomplete or followed by other bytes");
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(metadata, &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return broken("its metadata is not a JSON object");
+    const QJsonObject object = document.object();
+    QStringList texts;
+    for (EInfoType id : StoredProperties)
+        texts.append(jsonText(object.value(key(id))));
+    if (object.contains(ChecksumKey) && jsonText(object.value(ChecksumKey)) != propertiesChecksum(texts, bytes))
+        return broken("its properties do not match their checksum");
+
+    // The engine verifies its bytes (magic, version, length, checksum, values)
+    // from the file itself: reading them from this copy would need a new
+    // engine function or a temporary file per load. The CRC-32 it reports ties
+    // its reading to this copy, whose trailer must carry the same value.
+    SEngineHeader header;
+    if (readEngineHeader(path, header) != CQuorvexAPI::Success)
+        return broken("the engine refuses its fingerprint bytes");
+    if (bytes.size() < 4 || header.crc != qFromLittleEndian<quint32>(bytes.constData() + bytes.size() - 4))
+        return broken("it changed while it was read");
 
     Properties properties;
-    const QJsonObject object = QJsonDocument::fromJson(metadata).object();
+    int i = 0;
     for (EInfoType id : StoredProperties)
     {
-        const QString name = key(id);
-        if (object.contains(name))
-            properties.insert(id, propertyFromText(id, jsonText(object.value(name))));
+        const QString& text = texts.at(i++);
+        if (object.contains(key(id)))
+            properties.insert(id, propertyFromText(id, text));
+    }
+    // Properties the engine's header also holds must agree with it. Left empty
+    // they claim nothing and stay empty (shown as unknown).
+    const QList<QPair<EInfoType, QVariant>> engineSays = {
+        {Width, header.width},       {Height, header.height}, {TrainingImagesCount, header.photos},
+        {Manufacturer, header.make}, {Model, header.model},
+    };
+    for (const auto& pair : engineSays)
+    {
+        if (!jsonText(object.value(key(pair.first))).isEmpty() &&
+            properties.value(pair.first).toString() != pair.second.toString())
+            return broken("its properties disagree with its fingerprint bytes");
     }
     return std::shared_ptr<CFingerprint>(new CFingerprint(properties, bytes));
 }
@@ -198,11 +349,15 @@ std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus*
 bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) const
 {
     QJsonObject object;
+    QStringList texts;
+    const QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(fp.data), fp.data ? fp.size : 0);
     for (EInfoType id : StoredProperties)
     {
         const QVariant value = m_properties.value(id);
-        object.insert(key(id), value.isValid() ? value.toString() : QString());
+        texts.append(value.isValid() ? value.toString() : QString());
+        object.insert(key(id), texts.last());
     }
+    object.insert(ChecksumKey, propertiesChecksum(texts, bytes));
 
     // Written to a temporary file and renamed over the target on success, so a
     // failed save never destroys an existing fingerprint.
@@ -211,8 +366,7 @@ bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) c
         return false;
     QDataStream stream(&out);
     stream.setVersion(QDataStream::Qt_5_0);
-    stream << FileVersion << QJsonDocument(object).toJson(QJsonDocument::Compact)
-           << QByteArray(reinterpret_cast<const char*>(fp.data), fp.data ? fp.size : 0);
+    stream << FileVersion << QJsonDocument(object).toJson(QJsonDocument::Compact) << bytes;
     if (stream.status() != QDataStream::Ok)
     {
         out.cancelWriting();
@@ -221,39 +375,40 @@ bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) c
     return out.commit();
 }
 
-void CFingerprint::readEngineMetadata(const fingerprint_binary_s& fp)
+CFingerprint::EStatus CFingerprint::readEngineMetadata(const fingerprint_binary_s& fp, const QFileInfo& target)
 {
-    // The engine describes a fingerprint only through its own file format.
-    const qutils::CTempFolder folder;
-    if (!folder.isValid())
+    // The engine describes a fingerprint only from a file. It goes beside the
+    // target, whose folder must be writable anyway (the temporary folder need
+    // not be), and disappears with this object.
+    QTemporaryFile file(target.absolutePath() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"));
+    if (!file.open() || file.write(reinterpret_cast<const char*>(fp.data), fp.size) != fp.size || !file.flush())
     {
-        QX_WARNING << "No temporary folder for the fingerprint's metadata";
-        return;
+        QX_WARNING << "Cannot write the fingerprint beside " << target.absoluteFilePath() << ": " << file.errorString();
+        return CQuorvexAPI::CannotStoreFingerprint;
     }
-    const std::wstring path = QDir::toNativeSeparators(folder.filePath(QStringLiteral("fingerPrint"))).toStdWString();
-    if (CQuorvexAPI::fromEngineCode(save_fingerprint_to_disk(&fp, path.c_str())) != CQuorvexAPI::Success)
-        return;
-    wchar_t* json = nullptr;
-    const EStatus status = CQuorvexAPI::fromEngineCode(get_metadata_sensor_fingerprint(path.c_str(), &json));
-    const QString text = json ? QString::fromWCharArray(json) : QString();
-    freeText(json);
+    SEngineHeader header;
+    const EStatus status = readEngineHeader(file.fileName(), header);
     if (status != CQuorvexAPI::Success)
-        return;
-
-    const QJsonObject object = QJsonDocument::fromJson(text.toUtf8()).object();
-    const QJsonArray nmse = object.value(QStringLiteral("nmse")).toArray();
-    setProperty(Width, jsonText(object.value(QStringLiteral("width"))).toInt(nullptr, 10));
-    setProperty(Height, jsonText(object.value(QStringLiteral("height"))).toInt(nullptr, 10));
-    setProperty(TrainingImagesCount, nmse.size());
-    setProperty(Manufacturer, jsonText(object.value(QStringLiteral("make"))));
-    setProperty(Model, jsonText(object.value(QStringLiteral("model"))));
+        return status;
+    setProperty(Width, header.width);
+    setProperty(Height, header.height);
+    setProperty(TrainingImagesCount, header.photos);
+    setProperty(Manufacturer, header.make);
+    setProperty(Model, header.model);
     setProperty(CreationDate, QDateTime::currentDateTime());
-    setProperty(NMSE, nmse.isEmpty() ? 0.0 : jsonText(nmse.last()).toDouble());
+    setProperty(NMSE, header.lastNmse);
+    return CQuorvexAPI::Success;
 }
 
 CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photos, const QFileInfo& target,
                                                       ProgressFunction progress, lumicrest_error_code* engineCode)
 {
+    const QString duplicate = duplicatePhotoMessage(photos);
+    if (!duplicate.isEmpty())
+    {
+        QX_WARNING << "Fingerprint creation refused: " << duplicate;
+        return CQuorvexAPI::CannotCreateFingerprint;
+    }
     std::vector<std::wstring> paths;
     paths.reserve(static_cast<size_t>(photos.size()));
     for (const QFileInfo& photo : photos)
@@ -303,12 +458,91 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
     if (lens.isEmpty())
         lens = QCoreApplication::translate("CFingerprint", "unknown");
 
+    // Never saved without the metadata: a fingerprint without its size, camera
+    // and photo count would mislead every later use.
     CFingerprint record;
     record.setProperty(LensInfo, lens);
-    record.readEngineMetadata(fp);
-    const bool saved = record.save(target, fp);
+    EStatus saved = record.readEngineMetadata(fp, target);
+    if (saved == CQuorvexAPI::Success && !record.save(target, fp))
+        saved = CQuorvexAPI::CannotStoreFingerprint;
     release_fingerprint(&fp);
-    return saved ? CQuorvexAPI::Success : CQuorvexAPI::CannotStoreFingerprint;
+    return saved;
+}
+
+QString CFingerprint::duplicatePhotoMessage(const QFileInfoList& photos)
+{
+    const auto message = [&](int first, int second) {
+        return QCoreApplication::translate("CFingerprint",
+                                           "The reference photos %1 and %2 are the same photo. Each photo may be "
+                                           "used only once.")
+            .arg(QDir::toNativeSeparators(photos.at(first).filePath()),
+                 QDir::toNativeSeparators(photos.at(second).filePath()));
+    };
+    // The same file under another spelling or through a link.
+    QHash<QString, int> byPath;
+    QHash<qint64, int> sizeCount;
+    for (int i = 0; i < photos.size(); ++i)
+    {
+        const QString canonical = photos.at(i).canonicalFilePath();
+        if (!canonical.isEmpty())
+        {
+            const auto it = byPath.constFind(canonical);
+            if (it != byPath.constEnd())
+                return message(it.value(), i);
+            byPath.insert(canonical, i);
+        }
+        ++sizeCount[photos.at(i).size()];
+    }
+    // Copies and hard links: only files of one size can be equal; their heads
+    // are compared first, so only look-alikes are read whole.
+    QHash<QByteArray, int> byHead;
+    QHash<QByteArray, int> byContent;
+    QSet<int> readWhole;
+    // Index of an earlier photo with the same content, or -1.
+    const auto earlierCopy = [&](int i) {
+        if (readWhole.contains(i))
+            return -1;
+        readWhole.insert(i);
+        const QByteArray digest = contentDigest(photos.at(i), true);
+        if (digest.isEmpty())
+            return -1;
+        const auto it = byContent.constFind(digest);
+        if (it != byContent.constEnd())
+            return it.value();
+        byContent.insert(digest, i);
+        return -1;
+    };
+    for (int i = 0; i < photos.size(); ++i)
+    {
+        // An empty file is no photo (the engine refuses it by name), so two are no copies.
+        const qint64 size = photos.at(i).size();
+        if (size == 0 || sizeCount.value(size) < 2)
+            continue;
+        const QByteArray head = contentDigest(photos.at(i), false);
+        if (head.isEmpty())
+            continue;
+        const QByteArray headKey = QByteArray::number(size) + ':' + head;
+        const auto it = byHead.constFind(headKey);
+        if (it == byHead.constEnd())
+        {
+            byHead.insert(headKey, i);
+            continue;
+        }
+        earlierCopy(it.value());
+        const int copy = earlierCopy(i);
+        if (copy >= 0)
+            return message(copy, i);
+    }
+    return QString();
+}
+
+bool CFingerprint::sameCamera(const QString& makeA, const QString& modelA, const QString& makeB, const QString& modelB)
+{
+    const QByteArray a = cameraKey(makeA);
+    const QByteArray b = cameraKey(makeB);
+    if (a.isEmpty() || b.isEmpty())
+        return true;
+    return a == b && cameraKey(modelA) == cameraKey(modelB);
 }
 
 QString CFingerprint::preparedPath(const QFileInfo& photo)
@@ -344,9 +578,9 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
         qutils::EXIFInfo::Properties exif;
         if (qutils::EXIFInfo::read(photo.absoluteFilePath(), exif))
         {
-            const QVariant make = exif.value(qutils::EXIFMetadataProperty::CameraManufacturer);
-            const QVariant model = exif.value(qutils::EXIFMetadataProperty::CameraModel);
-            if (property(Manufacturer) != make || property(Model) != model)
+            const QString make = exif.value(qutils::EXIFMetadataProperty::CameraManufacturer).toString();
+            const QString model = exif.value(qutils::EXIFMetadataProperty::CameraModel).toString();
+            if (!sameCamera(property(Manufacturer).toString(), property(Model).toString(), make, model))
                 return SAnalysisResult{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata};
         }
     }

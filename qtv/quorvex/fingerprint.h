@@ -37,6 +37,8 @@ public:
     using Properties = QMap<EInfoType, QVariant>;
 
     static constexpr qint64 FileVersion = 2;
+    // Larger files are refused unread: the engine's bytes are at most 2 GiB.
+    static constexpr qint64 MaxFileSize = qint64(1) << 31;
 
     virtual ~CFingerprint();
     // The engine struct points into the record's own bytes: never copied.
@@ -44,17 +46,28 @@ public:
     CFingerprint& operator=(const CFingerprint&) = delete;
 
     // Reads a ".fnp" file. Status 1 Success, 15 CannotOpenFingerprint (cannot
-    // be opened) or 17 FingerprintUnsupportedVersion; null on failure.
+    // be opened, or not a regular file), 16 FingerprintFileBroken (damaged:
+    // container, engine bytes, or properties disagreeing with them) or 17
+    // FingerprintUnsupportedVersion; null on failure.
     static std::shared_ptr<CFingerprint> load(const QFileInfo& file, EStatus* status);
     // Writes the properties and the given engine bytes. False only when the file
     // cannot be written; an existing file is replaced only by a complete new one.
     bool save(const QFileInfo& file, const fingerprint_binary_s& fp) const;
 
-    // Learns a fingerprint from the photos and saves it to target. engineCode,
-    // when given, receives the engine's own result value (550: out of memory,
-    // which the status alone does not tell apart from other fatal errors).
+    // Learns a fingerprint from the photos and saves it to target. Photos given
+    // twice are refused (28 CannotCreateFingerprint) before any learning.
+    // engineCode, when given, receives the engine's own result value (550: out
+    // of memory, which the status alone does not tell apart from other fatal errors).
     static EStatus createFingerprint(const QFileInfoList& photos, const QFileInfo& target, ProgressFunction progress,
                                      lumicrest_error_code* engineCode = nullptr);
+    // The first photo that is given twice (the same file under another name, or
+    // the same content), as a message naming both; empty when there is none.
+    static QString duplicatePhotoMessage(const QFileInfoList& photos);
+
+    // Whether two EXIF cameras are the same, by the rule learning applies:
+    // without case and outer blanks, and only as far as the fingerprint keeps
+    // the text. True when it cannot be told (either make is empty).
+    static bool sameCamera(const QString& makeA, const QString& modelA, const QString& makeB, const QString& modelB);
 
     // Matches one photo; safe from several threads at once. With
     // skipDifferentCamera, a photo whose EXIF camera differs from the
@@ -82,8 +95,9 @@ protected:
 private:
     // A record over bytes it owns (a loaded file).
     CFingerprint(const Properties& properties, const QByteArray& bytes);
-    // Fills the metadata of a new record through the engine's own file format.
-    void readEngineMetadata(const fingerprint_binary_s& fp);
+    // Fills the metadata of a new record from the engine's header; the bytes
+    // are written beside target for the engine to read.
+    EStatus readEngineMetadata(const fingerprint_binary_s& fp, const QFileInfo& target);
 
     QByteArray m_bytes;
     fingerprint_binary_s m_fingerprint{};

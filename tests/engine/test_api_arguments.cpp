@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -216,6 +218,31 @@ TEST(ApiArguments, SavingReadingAndReleasing)
     std::string truncated(reinterpret_cast<const char*>(held.bytes.data()), held.bytes.size() - 10);
     EXPECT_EQ(get_metadata_sensor_fingerprint(dir.file("cut.fnp", truncated).c_str(), &json),
               LUMICREST_FINGERPRINT_CANNOT_READ);
+
+    // The program's container (big-endian version 2, then metadata and bytes,
+    // each with a 32-bit length): the bytes are read from inside it, exactly.
+    const auto container = [](const std::string& bytes, const std::string& tail) {
+        std::string out("\0\0\0\0\0\0\0\x02", 8);
+        for (const std::string& part : {std::string("{}"), bytes})
+        {
+            for (int shift = 24; shift >= 0; shift -= 8)
+                out += static_cast<char>(part.size() >> shift);
+            out += part;
+        }
+        return out + tail;
+    };
+    const std::string raw(reinterpret_cast<const char*>(held.bytes.data()), held.bytes.size());
+    ASSERT_EQ(get_metadata_sensor_fingerprint(dir.file("wrapped.fnp", container(raw, "")).c_str(), &json),
+              LUMICREST_OK);
+    EXPECT_EQ(answer(json), meta);
+    EXPECT_NE(meta.find("\"crc32\":"), std::string::npos);
+    for (const std::string& bad : {container(raw, "x"), container(truncated, ""), container(raw, "").substr(0, 100)})
+        EXPECT_EQ(get_metadata_sensor_fingerprint(dir.file("bad.fnp", bad).c_str(), &json),
+                  LUMICREST_FINGERPRINT_CANNOT_READ);
+    const std::wstring fifo = dir.path("fifo.fnp");
+    ASSERT_EQ(mkfifo(fs::path(fifo).c_str(), 0600), 0);
+    EXPECT_EQ(get_metadata_sensor_fingerprint(fifo.c_str(), &json), LUMICREST_FINGERPRINT_CANNOT_READ)
+        << "refused, not waited on";
 
     // Release: safe on zeroed and caller-built structs, refuses null.
     fingerprint_binary_s zeroed{};

@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <tuple>
 #include <vector>
 
@@ -95,86 +97,6 @@ TEST(StatusTable, KeysTextsAndEngineValues)
     }
 }
 
-TEST(FingerprintFile, WrittenAndReadByteForByte)
-{
-    QTemporaryDir dir;
-    EXPECT_EQ(CFingerprint::key(CFingerprint::TrainingImagesCount), QStringLiteral("trainingimagescount"));
-    EXPECT_TRUE(CFingerprint::key(CFingerprint::Path).isEmpty());
-    EXPECT_EQ(CFingerprint::displayText(CFingerprint::NMSE), QStringLiteral("Normalised mean square error (NMSE)"));
-    EXPECT_EQ(CFingerprint::fileFilter(), QStringLiteral("Fingerprint Files (*.fnp)"));
-
-    // A record made from a file with every member, then written again.
-    QJsonObject meta;
-    meta.insert(QStringLiteral("width"), QStringLiteral("1600"));
-    meta.insert(QStringLiteral("height"), QStringLiteral("1200"));
-    meta.insert(QStringLiteral("trainingimagescount"), QStringLiteral("12"));
-    meta.insert(QStringLiteral("nmse"), QStringLiteral("0.0123456"));
-    meta.insert(QStringLiteral("manufacturer"), QStringLiteral("Veltrano"));
-    meta.insert(QStringLiteral("model"), QStringLiteral("QX-1"));
-    meta.insert(QStringLiteral("lensinfo"), QStringLiteral("unknown"));
-    meta.insert(QStringLiteral("creationdate"), QStringLiteral("2026-11-21T10:20:30"));
-    meta.insert(QStringLiteral("foo"), QStringLiteral("ignored"));
-    const QByteArray engineBytes("LMCF\x01\x02\x03", 7);
-    const QString original = dir.filePath(QStringLiteral("original.fnp"));
-    writeFile(original, fnpBytes(2, QJsonDocument(meta).toJson(), engineBytes));
-
-    CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
-    const auto fp = CFingerprint::load(QFileInfo(original), &status);
-    ASSERT_TRUE(fp);
-    EXPECT_EQ(status, CQuorvexAPI::Success);
-    EXPECT_EQ(fp->property(CFingerprint::Width).toInt(), 1600);
-    EXPECT_EQ(fp->property(CFingerprint::TrainingImagesCount).toInt(), 12);
-    EXPECT_DOUBLE_EQ(fp->property(CFingerprint::NMSE).toDouble(), 0.0123456);
-    EXPECT_EQ(fp->property(CFingerprint::CreationDate).toDateTime(),
-              QDateTime(QDate(2026, 11, 21), QTime(10, 20, 30)));
-    EXPECT_FALSE(fp->properties().contains(CFingerprint::Description)) << "absent members stay absent";
-    EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(fp->fingerprint().data), fp->fingerprint().size), engineBytes);
-
-    const QString copy = dir.filePath(QStringLiteral("copy.fnp"));
-    ASSERT_TRUE(fp->save(QFileInfo(copy), fp->fingerprint()));
-    const QByteArray written = readFile(copy);
-    QDataStream in(written);
-    in.setVersion(QDataStream::Qt_5_0);
-    qint64 version = 0;
-    QByteArray json;
-    QByteArray bytes;
-    in >> version >> json >> bytes;
-    EXPECT_EQ(written.left(8), QByteArray("\0\0\0\0\0\0\0\x02", 8)) << "big-endian 64-bit version 2";
-    EXPECT_EQ(version, 2);
-    EXPECT_EQ(bytes, engineBytes);
-    EXPECT_TRUE(in.atEnd());
-    const QJsonObject back = QJsonDocument::fromJson(json).object();
-    EXPECT_EQ(back.size(), 9) << json.toStdString();
-    EXPECT_FALSE(back.contains(QStringLiteral("foo")));
-    for (auto it = back.constBegin(); it != back.constEnd(); ++it)
-        EXPECT_TRUE(it.value().isString()) << it.key().toStdString();
-    EXPECT_EQ(back.value(QStringLiteral("description")).toString(), QString()) << "unset: empty string";
-    EXPECT_EQ(back.value(QStringLiteral("nmse")).toString(), QStringLiteral("0.0123456"));
-    EXPECT_EQ(back.value(QStringLiteral("width")).toString(), QStringLiteral("1600"));
-    EXPECT_TRUE(back.value(QStringLiteral("creationdate")).toString().startsWith(QStringLiteral("2026-11-21T10:20:30")));
-
-    // Versions other than 2, missing files, and truncated files of version 2.
-    for (qint64 v : {qint64(1), qint64(3), qint64(0)})
-    {
-        const QString path = dir.filePath(QStringLiteral("v%1.fnp").arg(v));
-        writeFile(path, fnpBytes(v, "{}", engineBytes));
-        EXPECT_FALSE(CFingerprint::load(QFileInfo(path), &status));
-        EXPECT_EQ(status, CQuorvexAPI::FingerprintUnsupportedVersion) << v;
-    }
-    EXPECT_FALSE(CFingerprint::load(QFileInfo(dir.filePath(QStringLiteral("none.fnp"))), &status));
-    EXPECT_EQ(status, CQuorvexAPI::CannotOpenFingerprint);
-    const QString truncated = dir.filePath(QStringLiteral("truncated.fnp"));
-    writeFile(truncated, readFile(original).left(40));
-    const auto partial = CFingerprint::load(QFileInfo(truncated), &status);
-    EXPECT_TRUE(partial) << "damage beyond the version is the engine's to report";
-    EXPECT_EQ(status, CQuorvexAPI::Success);
-
-    // A save that cannot happen leaves the existing file as it was.
-    EXPECT_FALSE(fp->save(QFileInfo(dir.filePath(QStringLiteral("no/such/folder/x.fnp"))), fp->fingerprint()));
-    ASSERT_TRUE(QDir().mkpath(dir.filePath(QStringLiteral("blocked.fnp/inner"))));
-    EXPECT_FALSE(fp->save(QFileInfo(dir.filePath(QStringLiteral("blocked.fnp"))), fp->fingerprint()));
-}
-
 class FingerprintEndToEnd : public ::testing::Test
 {
 protected:
@@ -200,8 +122,206 @@ protected:
         return path;
     }
 
+    // One small fingerprint learned once for the file tests.
+    static void SetUpTestSuite()
+    {
+        s_dir = std::make_unique<QTemporaryDir>();
+        const camsim::Camera camera(unit(7));
+        QFileInfoList references;
+        for (int i = 0; i < 3; ++i)
+        {
+            camsim::ShotConfig shot;
+            shot.sceneSeed = 60 + static_cast<uint64_t>(i);
+            const QString path = s_dir->filePath(QStringLiteral("learned%1.jpg").arg(i));
+            camera.shoot(shot, path.toStdString());
+            references.append(QFileInfo(path));
+        }
+        s_learned = s_dir->filePath(QStringLiteral("learned.fnp"));
+        ASSERT_EQ(CFingerprint::createFingerprint(references, QFileInfo(s_learned), nullptr), CQuorvexAPI::Success);
+    }
+    static void TearDownTestSuite() { s_dir.reset(); }
+
+    static std::unique_ptr<QTemporaryDir> s_dir;
+    static QString s_learned;
     QTemporaryDir m_dir;
 };
+
+std::unique_ptr<QTemporaryDir> FingerprintEndToEnd::s_dir;
+QString FingerprintEndToEnd::s_learned;
+
+TEST_F(FingerprintEndToEnd, FileWrittenAndReadByteForByte)
+{
+    QTemporaryDir& dir = m_dir;
+    EXPECT_EQ(CFingerprint::key(CFingerprint::TrainingImagesCount), QStringLiteral("trainingimagescount"));
+    EXPECT_TRUE(CFingerprint::key(CFingerprint::Path).isEmpty());
+    EXPECT_EQ(CFingerprint::displayText(CFingerprint::NMSE), QStringLiteral("Normalised mean square error (NMSE)"));
+    EXPECT_EQ(CFingerprint::fileFilter(), QStringLiteral("Fingerprint Files (*.fnp)"));
+
+    // A record made from a file with every member but no checksum (as files
+    // were written before there was one), over real engine bytes, then written again.
+    const QByteArray engineBytes = [] {
+        QDataStream in(readFile(s_learned));
+        in.setVersion(QDataStream::Qt_5_0);
+        qint64 version;
+        QByteArray json;
+        QByteArray bytes;
+        in >> version >> json >> bytes;
+        return bytes;
+    }();
+    ASSERT_GT(engineBytes.size(), 1024 * 768 * 2);
+    QJsonObject meta;
+    meta.insert(QStringLiteral("width"), QStringLiteral("1024"));
+    meta.insert(QStringLiteral("height"), QStringLiteral("768"));
+    meta.insert(QStringLiteral("trainingimagescount"), QStringLiteral("3"));
+    meta.insert(QStringLiteral("nmse"), QStringLiteral("0.0123456"));
+    meta.insert(QStringLiteral("manufacturer"), QStringLiteral("Veltrano"));
+    meta.insert(QStringLiteral("model"), QStringLiteral("QX-1"));
+    meta.insert(QStringLiteral("lensinfo"), QStringLiteral("unknown"));
+    meta.insert(QStringLiteral("creationdate"), QStringLiteral("2026-11-21T10:20:30"));
+    meta.insert(QStringLiteral("foo"), QStringLiteral("ignored"));
+    const QString original = dir.filePath(QStringLiteral("original.fnp"));
+    writeFile(original, fnpBytes(2, QJsonDocument(meta).toJson(), engineBytes));
+
+    CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+    const auto fp = CFingerprint::load(QFileInfo(original), &status);
+    ASSERT_TRUE(fp);
+    EXPECT_EQ(status, CQuorvexAPI::Success);
+    EXPECT_EQ(fp->property(CFingerprint::Width).toInt(), 1024);
+    EXPECT_EQ(fp->property(CFingerprint::TrainingImagesCount).toInt(), 3);
+    EXPECT_DOUBLE_EQ(fp->property(CFingerprint::NMSE).toDouble(), 0.0123456);
+    EXPECT_EQ(fp->property(CFingerprint::CreationDate).toDateTime(),
+              QDateTime(QDate(2026, 11, 21), QTime(10, 20, 30)));
+    EXPECT_FALSE(fp->properties().contains(CFingerprint::Description)) << "absent members stay absent";
+    EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(fp->fingerprint().data), fp->fingerprint().size), engineBytes);
+
+    const QString copy = dir.filePath(QStringLiteral("copy.fnp"));
+    ASSERT_TRUE(fp->save(QFileInfo(copy), fp->fingerprint()));
+    const QByteArray written = readFile(copy);
+    QDataStream in(written);
+    in.setVersion(QDataStream::Qt_5_0);
+    qint64 version = 0;
+    QByteArray json;
+    QByteArray bytes;
+    in >> version >> json >> bytes;
+    EXPECT_EQ(written.left(8), QByteArray("\0\0\0\0\0\0\0\x02", 8)) << "big-endian 64-bit version 2";
+    EXPECT_EQ(version, 2);
+    EXPECT_EQ(bytes, engineBytes);
+    EXPECT_TRUE(in.atEnd());
+    const QJsonObject back = QJsonDocument::fromJson(json).object();
+    EXPECT_EQ(back.size(), 10) << "nine properties and the checksum: " << json.toStdString();
+    EXPECT_FALSE(back.contains(QStringLiteral("foo")));
+    for (auto it = back.constBegin(); it != back.constEnd(); ++it)
+        EXPECT_TRUE(it.value().isString()) << it.key().toStdString();
+    EXPECT_EQ(back.value(QStringLiteral("checksum")).toString().size(), 64);
+    EXPECT_EQ(back.value(QStringLiteral("description")).toString(), QString()) << "unset: empty string";
+    EXPECT_EQ(back.value(QStringLiteral("nmse")).toString(), QStringLiteral("0.0123456"));
+    EXPECT_EQ(back.value(QStringLiteral("width")).toString(), QStringLiteral("1024"));
+    EXPECT_TRUE(back.value(QStringLiteral("creationdate")).toString().startsWith(QStringLiteral("2026-11-21T10:20:30")));
+
+    // Versions other than 2.
+    for (qint64 v : {qint64(1), qint64(3), qint64(0)})
+    {
+        const QString path = dir.filePath(QStringLiteral("v%1.fnp").arg(v));
+        writeFile(path, fnpBytes(v, "{}", engineBytes));
+        EXPECT_FALSE(CFingerprint::load(QFileInfo(path), &status));
+        EXPECT_EQ(status, CQuorvexAPI::FingerprintUnsupportedVersion) << v;
+    }
+    // A save that cannot happen leaves the existing file as it was.
+    EXPECT_FALSE(fp->save(QFileInfo(dir.filePath(QStringLiteral("no/such/folder/x.fnp"))), fp->fingerprint()));
+    ASSERT_TRUE(QDir().mkpath(dir.filePath(QStringLiteral("blocked.fnp/inner"))));
+    EXPECT_FALSE(fp->save(QFileInfo(dir.filePath(QStringLiteral("blocked.fnp"))), fp->fingerprint()));
+}
+
+TEST_F(FingerprintEndToEnd, DamagedOrUnreadableFilesAreRefused)
+{
+    const QByteArray good = readFile(s_learned);
+    QDataStream in(good);
+    in.setVersion(QDataStream::Qt_5_0);
+    qint64 version;
+    QByteArray json;
+    QByteArray engine;
+    in >> version >> json >> engine;
+    const QJsonObject meta = QJsonDocument::fromJson(json).object();
+    ASSERT_TRUE(meta.contains(QStringLiteral("checksum")));
+    const auto withMeta = [&](const QString& name, const QString& value, bool keepChecksum) {
+        QJsonObject changed = meta;
+        changed.insert(name, value);
+        if (!keepChecksum)
+            changed.remove(QStringLiteral("checksum"));
+        return fnpBytes(2, QJsonDocument(changed).toJson(), engine);
+    };
+    QByteArray flipped = good;
+    flipped[good.size() - 5000] = static_cast<char>(flipped.at(good.size() - 5000) ^ 0x10);
+    QByteArray makeFlipped = good;
+    const int makeAt = good.indexOf("Veltrano");
+    ASSERT_GT(makeAt, 0);
+    makeFlipped[makeAt] = static_cast<char>(makeFlipped.at(makeAt) ^ 0x01);
+    QJsonObject unchecked = meta;
+    unchecked.remove(QStringLiteral("checksum"));
+    unchecked.insert(QStringLiteral("width"), QString());
+    unchecked.insert(QStringLiteral("description"), QStringLiteral("written before checksums"));
+
+    const struct
+    {
+        const char* name;
+        QByteArray bytes;
+        CQuorvexAPI::EStatus status;
+    } cases[] = {
+        {"intact", good, CQuorvexAPI::Success},
+        {"old file, width left empty (claims nothing)", fnpBytes(2, QJsonDocument(unchecked).toJson(), engine),
+         CQuorvexAPI::Success},
+        {"cut to 1/16", good.left(good.size() / 16), CQuorvexAPI::FingerprintFileBroken},
+        {"cut by one byte", good.left(good.size() - 1), CQuorvexAPI::FingerprintFileBroken},
+        {"only the version", good.left(8), CQuorvexAPI::FingerprintFileBroken},
+        {"shorter than the version", good.left(3), CQuorvexAPI::FingerprintFileBroken},
+        {"empty", QByteArray(), CQuorvexAPI::FingerprintFileBroken},
+        {"a byte after the end", good + '\0', CQuorvexAPI::FingerprintFileBroken},
+        {"one bit of K flipped", flipped, CQuorvexAPI::FingerprintFileBroken},
+        {"one bit of the make flipped", makeFlipped, CQuorvexAPI::FingerprintFileBroken},
+        {"make changed, no checksum", withMeta(QStringLiteral("manufacturer"), QStringLiteral("Other"), false),
+         CQuorvexAPI::FingerprintFileBroken},
+        {"width changed, no checksum", withMeta(QStringLiteral("width"), QStringLiteral("2048"), false),
+         CQuorvexAPI::FingerprintFileBroken},
+        {"count changed, no checksum", withMeta(QStringLiteral("trainingimagescount"), QStringLiteral("9"), false),
+         CQuorvexAPI::FingerprintFileBroken},
+        {"description changed, stale checksum", withMeta(QStringLiteral("description"), QStringLiteral("x"), true),
+         CQuorvexAPI::FingerprintFileBroken},
+        {"metadata not an object", fnpBytes(2, "[1]", engine), CQuorvexAPI::FingerprintFileBroken},
+        {"metadata missing", fnpBytes(2, QByteArray(), engine), CQuorvexAPI::FingerprintFileBroken},
+        {"engine bytes missing", fnpBytes(2, json, QByteArray()), CQuorvexAPI::FingerprintFileBroken},
+    };
+    for (const auto& c : cases)
+    {
+        const QString path = m_dir.filePath(QStringLiteral("case.fnp"));
+        writeFile(path, c.bytes);
+        CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+        const auto fp = CFingerprint::load(QFileInfo(path), &status);
+        EXPECT_EQ(status, c.status) << c.name;
+        EXPECT_EQ(fp != nullptr, c.status == CQuorvexAPI::Success) << c.name;
+    }
+
+    // What is no regular file is refused at once, never waited on.
+    const QString fifo = m_dir.filePath(QStringLiteral("fifo.fnp"));
+    ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    for (const QString& path :
+         {fifo, QStringLiteral("/dev/zero"), m_dir.path(), m_dir.filePath(QStringLiteral("none.fnp"))})
+    {
+        CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+        EXPECT_FALSE(CFingerprint::load(QFileInfo(path), &status)) << path.toStdString();
+        EXPECT_EQ(status, CQuorvexAPI::CannotOpenFingerprint) << path.toStdString();
+    }
+
+    // An edited description is saved with a new checksum and loads again.
+    CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+    const auto fp = CFingerprint::load(QFileInfo(s_learned), &status);
+    ASSERT_TRUE(fp);
+    fp->setProperty(CFingerprint::Description, QStringLiteral("edited"));
+    const QString edited = m_dir.filePath(QStringLiteral("edited.fnp"));
+    ASSERT_TRUE(fp->save(QFileInfo(edited), fp->fingerprint()));
+    const auto back = CFingerprint::load(QFileInfo(edited), &status);
+    ASSERT_TRUE(back) << CQuorvexAPI::statusKey(status).toStdString();
+    EXPECT_EQ(back->property(CFingerprint::Description).toString(), QStringLiteral("edited"));
+}
 
 TEST_F(FingerprintEndToEnd, CreateLoadAndMatch)
 {
@@ -212,8 +332,18 @@ TEST_F(FingerprintEndToEnd, CreateLoadAndMatch)
         references.append(QFileInfo(shoot(camera, 10 + i, QStringLiteral("ref%1.jpg").arg(i))));
     const QFileInfo target(m_dir.filePath(QStringLiteral("camera.fnp")));
 
+    // With the temporary folder unusable (a path under a regular file, which
+    // even the superuser cannot write), the metadata is still all there.
+    const QByteArray oldTmp = qgetenv("TMPDIR");
+    writeFile(m_dir.filePath(QStringLiteral("plainfile")), "x");
+    qputenv("TMPDIR", QFile::encodeName(m_dir.filePath(QStringLiteral("plainfile/sub"))));
     g_calls.clear();
-    ASSERT_EQ(CFingerprint::createFingerprint(references, target, &record), CQuorvexAPI::Success);
+    const CQuorvexAPI::EStatus created = CFingerprint::createFingerprint(references, target, &record);
+    if (oldTmp.isNull())
+        qunsetenv("TMPDIR");
+    else
+        qputenv("TMPDIR", oldTmp);
+    ASSERT_EQ(created, CQuorvexAPI::Success);
     // One opening call, one per photo, the closing call.
     ASSERT_EQ(g_calls.size(), 6u);
     EXPECT_EQ(g_calls.front(), std::make_tuple(0, 0.0f, 0.0f));
@@ -255,6 +385,14 @@ TEST_F(FingerprintEndToEnd, CreateLoadAndMatch)
     EXPECT_TRUE(fp->match(relabelled, false).matched) << "with the rule off it is matched";
     const QFileInfo bare(shoot(camera, 52, QStringLiteral("bare.jpg"), [](camsim::ShotConfig& s) { s.writeExif = false; }));
     EXPECT_TRUE(fp->match(bare, true).matched) << "no EXIF block: never skipped";
+    const QFileInfo noMake(
+        shoot(camera, 53, QStringLiteral("nomake.jpg"), [](camsim::ShotConfig& s) { s.exifMake = ""; }));
+    EXPECT_TRUE(fp->match(noMake, true).matched) << "no make: cannot tell, so matched";
+    const QFileInfo spelled(shoot(camera, 54, QStringLiteral("spelled.jpg"), [](camsim::ShotConfig& s) {
+        s.exifMake = " VELTRANO ";
+        s.exifModel = "qx-1";
+    }));
+    EXPECT_TRUE(fp->match(spelled, true).matched) << "case and outer blanks do not tell cameras apart";
 
     const auto missing = fp->match(QFileInfo(m_dir.filePath(QStringLiteral("gone.jpg"))), false);
     EXPECT_FALSE(missing.matched);
@@ -287,6 +425,99 @@ TEST_F(FingerprintEndToEnd, LensComesFromTheFirstPhotoThatHasOneAndFailuresMapTo
     EXPECT_EQ(CFingerprint::createFingerprint(references.mid(0, 2), QFileInfo(m_dir.filePath(QStringLiteral("x/y.fnp"))),
                                               nullptr),
               CQuorvexAPI::CannotStoreFingerprint);
+}
+
+TEST(FingerprintCamera, OneRuleForEveryComparison)
+{
+    const QString longMake = QString(4095, QLatin1Char('m')) + QChar(0x00E9) + QString(900, QLatin1Char('n'));
+    const QString storedMake = QString(4095, QLatin1Char('m')); // cut before the two-byte letter
+    const struct
+    {
+        QString makeA, modelA, makeB, modelB;
+        bool same;
+    } cases[] = {
+        {"Veltrano", "QX-1", "Veltrano", "QX-1", true},
+        {"Veltrano", "QX-1", " veltrano\t", "qx-1 ", true},
+        {"Veltrano", "QX-1", "Veltrano", "QX-2", false},
+        {"Veltrano", "QX-1", "Other", "QX-1", false},
+        {"Veltrano", "QX-1", "", "QX-2", true},
+        {"", "", "Veltrano", "QX-1", true},
+        {"Veltrano", "QX-1", "Veltrano", "", false},
+        {"Veltrano", "QX-1", QStringLiteral("Veltrano") + QChar(0) + "junk", "QX-1", true},
+        {QString(QChar(0x00C9)), "", QString(QChar(0x00E9)), "", false}, // ASCII case only, as learning
+        {storedMake, "QX-1", longMake, "QX-1", true},
+        {storedMake.left(4000), "QX-1", longMake, "QX-1", false},
+    };
+    for (const auto& c : cases)
+    {
+        EXPECT_EQ(CFingerprint::sameCamera(c.makeA, c.modelA, c.makeB, c.modelB), c.same)
+            << c.makeA.left(20).toStdString() << "/" << c.modelA.toStdString() << " vs "
+            << c.makeB.left(20).toStdString() << "/" << c.modelB.toStdString();
+        EXPECT_EQ(CFingerprint::sameCamera(c.makeB, c.modelB, c.makeA, c.modelA), c.same) << "symmetric";
+    }
+}
+
+TEST_F(FingerprintEndToEnd, LongMakeIsStoredAndMatchedAlike)
+{
+    camsim::CameraConfig config = unit(5);
+    config.make = std::string(4095, 'm') + "\xC3\xA9" + std::string(900, 'n');
+    const camsim::Camera camera(config);
+    QFileInfoList references;
+    for (int i = 0; i < 3; ++i)
+        references.append(QFileInfo(shoot(camera, 70 + i, QStringLiteral("long%1.jpg").arg(i))));
+    const QFileInfo target(m_dir.filePath(QStringLiteral("long.fnp")));
+    ASSERT_EQ(CFingerprint::createFingerprint(references, target, nullptr), CQuorvexAPI::Success);
+    CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+    const auto fp = CFingerprint::load(target, &status);
+    ASSERT_TRUE(fp) << CQuorvexAPI::statusKey(status).toStdString();
+    EXPECT_EQ(fp->property(CFingerprint::Manufacturer).toString(), QString(4095, QLatin1Char('m')))
+        << "cut before a letter it cannot hold whole";
+    EXPECT_TRUE(fp->match(QFileInfo(shoot(camera, 80, QStringLiteral("long-q.jpg"))), true).matched);
+}
+
+TEST_F(FingerprintEndToEnd, DuplicatePhotosAreRefusedNamingBoth)
+{
+    const camsim::Camera camera(unit(6));
+    const QString a = shoot(camera, 90, QStringLiteral("a.jpg"));
+    const QString b = shoot(camera, 91, QStringLiteral("b.jpg"));
+    const QString c = shoot(camera, 92, QStringLiteral("c.jpg"));
+    ASSERT_TRUE(QFile::copy(a, m_dir.filePath(QStringLiteral("copy-of-a.jpg"))));
+    ASSERT_TRUE(QFile::link(b, m_dir.filePath(QStringLiteral("link-to-b.jpg"))));
+    ASSERT_TRUE(QDir(m_dir.path()).mkdir(QStringLiteral("sub")));
+    // Same size and head as c, different last byte: not a copy.
+    QByteArray almost = readFile(c);
+    almost[almost.size() - 3] = static_cast<char>(almost.at(almost.size() - 3) ^ 1);
+    writeFile(m_dir.filePath(QStringLiteral("almost-c.jpg")), almost);
+    writeFile(m_dir.filePath(QStringLiteral("empty1.jpg")), QByteArray());
+    writeFile(m_dir.filePath(QStringLiteral("empty2.jpg")), QByteArray());
+    const struct
+    {
+        QStringList photos;
+        QStringList named; // empty: no duplicate
+    } cases[] = {
+        {{"a.jpg", "b.jpg", "c.jpg", "almost-c.jpg"}, {}},
+        {{"a.jpg", "empty1.jpg", "empty2.jpg"}, {}}, // no photos: the engine names them
+        {{"a.jpg", "b.jpg", "a.jpg"}, {"a.jpg", "a.jpg"}},
+        {{"a.jpg", "b.jpg", "sub/../a.jpg"}, {"a.jpg", "sub/../a.jpg"}},
+        {{"a.jpg", "b.jpg", "link-to-b.jpg"}, {"b.jpg", "link-to-b.jpg"}},
+        {{"c.jpg", "copy-of-a.jpg", "b.jpg", "a.jpg"}, {"copy-of-a.jpg", "a.jpg"}},
+    };
+    for (const auto& t : cases)
+    {
+        QFileInfoList photos;
+        for (const QString& name : t.photos)
+            photos.append(QFileInfo(m_dir.path() + QLatin1Char('/') + name));
+        const QString message = CFingerprint::duplicatePhotoMessage(photos);
+        EXPECT_EQ(message.isEmpty(), t.named.isEmpty()) << message.toStdString();
+        if (!t.named.isEmpty())
+            EXPECT_TRUE(message.contains(m_dir.path() + QLatin1Char('/') + t.named[0] + QStringLiteral(" and ") +
+                                         m_dir.path() + QLatin1Char('/') + t.named[1]))
+                << message.toStdString();
+    }
+    const QFileInfo target(m_dir.filePath(QStringLiteral("dup.fnp")));
+    EXPECT_EQ(CFingerprint::createFingerprint({QFileInfo(a), QFileInfo(b), QFileInfo(a)}, target, nullptr),
+              CQuorvexAPI::CannotCreateFingerprint);
+    EXPECT_FALSE(target.exists());
 }
 
 TEST(FingerprintPath, PreparedForTheEngine)

@@ -155,14 +155,23 @@ TEST_F(HostileInputTest, AbsurdSizesAreRefusedBeforeAnythingIsAllocated)
     EXPECT_EQ(fp->match(QFileInfo(huge), false).status, CQuorvexAPI::BrokenImage) << "beyond what JPEG allows";
     EXPECT_EQ(fp->match(QFileInfo(bomb), false).status, CQuorvexAPI::LargeResolution);
     // Learning reads every photo in full: the same refusals, named by status.
-    const QFileInfoList withHuge = {QFileInfo(s_photo), QFileInfo(huge), QFileInfo(s_photo)};
+    // (Distinct files each time: a photo given twice is refused before the engine.)
+    const QFileInfoList withHuge = {QFileInfo(s_photo), QFileInfo(huge),
+                                    QFileInfo(s_dir->filePath(QStringLiteral("ref1.jpg")))};
     EXPECT_EQ(CFingerprint::createFingerprint(withHuge, QFileInfo(path(QStringLiteral("x.fnp"))), nullptr),
               CQuorvexAPI::BrokenImage);
-    const QFileInfoList withBomb = {QFileInfo(bomb), QFileInfo(bomb), QFileInfo(bomb)};
+    QFileInfoList withBomb = {QFileInfo(bomb)};
+    QFileInfoList shortOnes = {QFileInfo(short_)};
+    for (int i = 1; i < 3; ++i)
+    {
+        withBomb.append(QFileInfo(path(QStringLiteral("bomb%1.tif").arg(i))));
+        writeDeflateTiff(withBomb.last().filePath(), 30000, 30000 - i, 1 << 20);
+        shortOnes.append(QFileInfo(path(QStringLiteral("short%1.tif").arg(i))));
+        writeDeflateTiff(shortOnes.last().filePath(), 9000, 9000 - i, 1 << 16);
+    }
     EXPECT_EQ(CFingerprint::createFingerprint(withBomb, QFileInfo(path(QStringLiteral("y.fnp"))), nullptr),
               CQuorvexAPI::LargeResolution);
-    // Three of the short one are decoded until their data runs out.
-    const QFileInfoList shortOnes = {QFileInfo(short_), QFileInfo(short_), QFileInfo(short_)};
+    // Three short ones are decoded until their data runs out.
     EXPECT_EQ(CFingerprint::createFingerprint(shortOnes, QFileInfo(path(QStringLiteral("w.fnp"))), nullptr),
               CQuorvexAPI::BrokenImage);
     // Thumbnails and the preview never decode them at their claimed size.
@@ -202,7 +211,8 @@ TEST_F(HostileInputTest, EmptyAndVanishingPhotosGetAStatusAndTheRestGoOn)
         EXPECT_NE(result.status, CQuorvexAPI::Invalid) << "a real status: " << bad.toStdString();
     }
     // Learning with an empty photo names the failure instead of crashing.
-    EXPECT_NE(CFingerprint::createFingerprint({QFileInfo(good), QFileInfo(empty), QFileInfo(good)},
+    const QFileInfo other(s_dir->filePath(QStringLiteral("ref1.jpg")));
+    EXPECT_NE(CFingerprint::createFingerprint({QFileInfo(good), QFileInfo(empty), other},
                                               QFileInfo(path(QStringLiteral("z.fnp"))), nullptr),
               CQuorvexAPI::Success);
     EXPECT_TRUE(CImageModel::CPixmapThread::loadThumbnail(empty, QSize(100, 100)).isNull());

@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <locale>
 #include <sstream>
@@ -31,7 +33,7 @@ namespace
 const std::string Greeting = "thisIsNotLibraryAnswer;success\n";
 
 // A fingerprint file in the program's format: the version, the metadata and
-// bytes the engine would reject (enough for everything before the engine).
+// bytes the engine rejects, so that version 2 loads as a broken file.
 void writeFingerprintFile(const QString& path, qint64 version)
 {
     QFile file(path);
@@ -324,10 +326,14 @@ TEST(IntegrationServer, FingerprintsAreCachedPerFileAndFailuresStayUntilRestart)
     };
 
     QStringList loads;
-    const CIntegrationServer::Loader counting = [&loads](const QFileInfo& file, CQuorvexAPI::EStatus* status)
+    // The cache is under test, not loading: any file that exists stands for a usable fingerprint.
+    const auto usable = std::make_shared<CFakeFingerprint>(CFingerprint::SAnalysisResult{});
+    const CIntegrationServer::Loader counting =
+        [&loads, usable](const QFileInfo& file, CQuorvexAPI::EStatus* status) -> std::shared_ptr<CFingerprint>
     {
         loads << file.filePath();
-        return CFingerprint::load(file, status);
+        *status = file.exists() ? CQuorvexAPI::Success : CQuorvexAPI::CannotOpenFingerprint;
+        return file.exists() ? usable : nullptr;
     };
 
     CIntegrationServer server(true, counting);
@@ -385,7 +391,10 @@ TEST(IntegrationServer, FingerprintStatusReportsTheLoadResult)
     { return server.answerTo("fingerprintStatus;" + path.toStdString()); };
     EXPECT_EQ(status(missing), "thisIsNotLibraryAnswer;cannotopenfingerprint");
     EXPECT_EQ(status(version3), "thisIsNotLibraryAnswer;fingerprintunsupportedversion");
-    EXPECT_EQ(status(version2), "thisIsNotLibraryAnswer;success");
+    EXPECT_EQ(status(version2), "thisIsNotLibraryAnswer;fingerprintfilebroken");
+    const QString fifo = dir.filePath(QStringLiteral("fifo.fnp"));
+    ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    EXPECT_EQ(status(fifo), "thisIsNotLibraryAnswer;cannotopenfingerprint") << "refused, not waited on";
     EXPECT_EQ(server.answerTo("fingerprintStatus"), "thisIsNotLibraryAnswer;cannotopenfingerprint")
         << "a missing path is an empty one";
 }
@@ -618,7 +627,7 @@ TEST_F(ChildProcessTest, ClientTalksToTheRealProgram)
               CQuorvexAPI::CannotOpenFingerprint);
     EXPECT_EQ(client.fingerprintStatus(path(QStringLiteral("v3.fnp"))),
               CQuorvexAPI::FingerprintUnsupportedVersion);
-    EXPECT_EQ(client.fingerprintStatus(path(QStringLiteral("v2.fnp"))), CQuorvexAPI::Success);
+    EXPECT_EQ(client.fingerprintStatus(path(QStringLiteral("v2.fnp"))), CQuorvexAPI::FingerprintFileBroken);
 
     CQuorvexAPI::SAnalysisResult result = client.match(fnp, photo);
     EXPECT_FALSE(result.matched);
@@ -628,7 +637,7 @@ TEST_F(ChildProcessTest, ClientTalksToTheRealProgram)
 
     // Created now, the file is known to the server and still refused until it restarts.
     writeFingerprintFile(fnp, 2);
-    EXPECT_EQ(client.fingerprintStatus(fnp), CQuorvexAPI::Success);
+    EXPECT_EQ(client.fingerprintStatus(fnp), CQuorvexAPI::FingerprintFileBroken);
     EXPECT_EQ(client.match(fnp, photo).status, CQuorvexAPI::CannotOpenFingerprint);
 }
 
@@ -656,8 +665,9 @@ TEST_F(ChildProcessTest, FourThreadsShareOneClient)
     // so an answer delivered to the wrong caller shows up as a mismatch.
     const QString files[] = {path(QStringLiteral("v2.fnp")), path(QStringLiteral("v3.fnp")),
                              path(QStringLiteral("missing.fnp")), path(QStringLiteral("v2.fnp"))};
-    const CQuorvexAPI::EStatus expected[] = {CQuorvexAPI::Success, CQuorvexAPI::FingerprintUnsupportedVersion,
-                                             CQuorvexAPI::CannotOpenFingerprint, CQuorvexAPI::Success};
+    const CQuorvexAPI::EStatus expected[] = {
+        CQuorvexAPI::FingerprintFileBroken, CQuorvexAPI::FingerprintUnsupportedVersion,
+        CQuorvexAPI::CannotOpenFingerprint, CQuorvexAPI::FingerprintFileBroken};
     std::atomic<int> wrong{0};
     std::atomic<int> answered{0};
     std::vector<std::thread> threads;

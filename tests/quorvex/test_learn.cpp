@@ -131,6 +131,25 @@ TEST_F(LearnTest, ReferencePageChecksTheCountAndAsksForTheDestination)
     EXPECT_EQ(CSettings::lastRecognizer(), before);
     EXPECT_EQ(window.currentPage(), page);
 
+    // A copy among them is refused, naming both, before the destination is asked for.
+    for (const char* name : {"p000.jpg", "p002.jpg"})
+    {
+        QFile file(m_photos.filePath(QString::fromLatin1(name)));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("the same bytes");
+    }
+    page->listFolder(QDir(m_photos.path()), false);
+    {
+        CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        nextButton(*page)->click();
+        const auto shown = CDialogScript::shown();
+        ASSERT_EQ(shown.size(), 1);
+        EXPECT_EQ(shown.at(0).title, QStringLiteral("Duplicate reference photos"));
+        EXPECT_TRUE(shown.at(0).text.contains(QStringLiteral("p000.jpg")) &&
+                    shown.at(0).text.contains(QStringLiteral("p002.jpg")))
+            << shown.at(0).text.toStdString();
+    }
+
     // 200 pass without a question; 201 ask, and No keeps the page and all 201.
     touchPhotos(200);
     page->listFolder(QDir(m_photos.path()), false);

@@ -20,6 +20,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -647,10 +649,10 @@ TEST_F(CliTest, UnreadableFingerprintsExitWithTwo)
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_TRUE(result.err.contains(garbage));
 
-    // A proper file whose engine bytes are damaged: only the engine notices.
+    // A proper file with one bit flipped: refused on reading, by info too.
     QByteArray bytes = readBytes(s_fingerprint);
     ASSERT_GT(bytes.size(), 1000);
-    bytes[bytes.size() - 100] = static_cast<char>(bytes.at(bytes.size() - 100) ^ 0x5a);
+    bytes[bytes.size() - 100] = static_cast<char>(bytes.at(bytes.size() - 100) ^ 0x10);
     const QString damaged = path(QStringLiteral("damaged.fnp"));
     writeBytes(damaged, bytes);
     result = run({QStringLiteral("analyze"), QStringLiteral("-f"), damaged, QStringLiteral("--json"),
@@ -658,7 +660,20 @@ TEST_F(CliTest, UnreadableFingerprintsExitWithTwo)
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_TRUE(result.out.isEmpty()) << "no photo is reported as judged: " << result.out.toStdString();
     EXPECT_TRUE(result.err.contains(damaged));
-    EXPECT_TRUE(result.err.contains(QStringLiteral("Unable to open fingerprint")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("Fingerprint file is broken")));
+    const QString fifo = path(QStringLiteral("fifo.fnp"));
+    ASSERT_EQ(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    const QString cut = path(QStringLiteral("cut.fnp"));
+    writeBytes(cut, readBytes(s_fingerprint).left(bytes.size() / 16));
+    for (const QString& file : {damaged, cut, fifo, QStringLiteral("/dev/zero")})
+    {
+        result = run({QStringLiteral("info"), file});
+        EXPECT_EQ(result.exitCode, 2) << file.toStdString();
+        EXPECT_TRUE(result.out.isEmpty()) << file.toStdString() << ": " << result.out.toStdString();
+        EXPECT_TRUE(result.err.contains(file == damaged || file == cut ? QStringLiteral("Fingerprint file is broken")
+                                                                       : QStringLiteral("Unable to open fingerprint")))
+            << result.err.toStdString();
+    }
 }
 
 TEST_F(CliTest, LearningNeedsThreeUsablePhotos)
@@ -670,6 +685,14 @@ TEST_F(CliTest, LearningNeedsThreeUsablePhotos)
     ASSERT_EQ(lines(result.err).size(), 1) << result.err.toStdString();
     EXPECT_TRUE(result.err.contains(QStringLiteral("Not enough images")));
     EXPECT_TRUE(result.err.contains(QStringLiteral("at least 3")));
+    EXPECT_FALSE(QFile::exists(target));
+
+    // Three photos, one of them twice (once through another spelling): refused, naming both.
+    const QString twice = path(QStringLiteral("refs/../refs/ref-1.jpg"));
+    result = run(
+        {QStringLiteral("learn"), QStringLiteral("-o"), target, s_references.at(0), s_references.at(1), twice});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_TRUE(result.err.contains(s_references.at(0) + QStringLiteral(" and ") + twice)) << result.err.toStdString();
     EXPECT_FALSE(QFile::exists(target));
 
     // The engine refuses a photo below its size limit; the tool names it.
@@ -746,7 +769,8 @@ TEST_F(CliTest, MoreThanTwoHundredPhotosAreCutWithAWarning)
     const QDir many(path(QStringLiteral("many")));
     ASSERT_TRUE(many.mkpath(QStringLiteral(".")));
     for (int i = 0; i < 201; ++i)
-        writeBytes(many.filePath(QStringLiteral("p%1.jpg").arg(i, 3, 10, QLatin1Char('0'))), "not a photo");
+        writeBytes(many.filePath(QStringLiteral("p%1.jpg").arg(i, 3, 10, QLatin1Char('0'))),
+                   QByteArray("not photo ") + QByteArray::number(i)); // distinct, or they would be copies
 
     SRun result =
         run({QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("many.fnp")), many.path()});

@@ -81,6 +81,12 @@ int runLearn(const SCommandLine& commandLine)
     }
 
     // Checked before the long part, so a typo does not cost the whole learning.
+    const QString duplicate = CFingerprint::duplicatePhotoMessage(photos);
+    if (!duplicate.isEmpty())
+    {
+        CConsole::error(duplicate);
+        return ExitFailure;
+    }
     const QFileInfo target(commandLine.fingerprintFile);
     if (!target.absoluteDir().exists())
     {
