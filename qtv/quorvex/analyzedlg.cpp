@@ -204,7 +204,11 @@ void CAnalyzeDlg::onSingleAnalyzeFinished(int index)
     CImageModel::State state = CImageModel::Fail;
     QString text;
     if (result.status != CQuorvexAPI::Success)
+    {
         text = QStringLiteral("<b>%1</b>").arg(CQuorvexAPI::statusText(result.status));
+        if (!result.reason.isEmpty())
+            text += QStringLiteral("<br />") + result.reason.toHtmlEscaped();
+    }
     else if (!result.matched)
         text = tr("<b>No match</b>");
     else

@@ -40,7 +40,8 @@ struct SInfoEntry
 // Entered in this order; looked up by id.
 const QList<SInfoEntry>& infoTable()
 {
-    static const QList<SInfoEntry> s_table = [] {
+    static const QList<SInfoEntry> s_table = []
+    {
         using F = CFingerprint;
         const struct
         {
@@ -53,7 +54,8 @@ const QList<SInfoEntry>& infoTable()
             {F::Height, "Height", QT_TRANSLATE_NOOP("InfoType", "Photo height")},
             {F::Manufacturer, "Manufacturer", QT_TRANSLATE_NOOP("InfoType", "Camera manufacturer (EXIF)")},
             {F::Model, "Model", QT_TRANSLATE_NOOP("InfoType", "Camera model (EXIF)")},
-            {F::TrainingImagesCount, "TrainingImagesCount", QT_TRANSLATE_NOOP("InfoType", "Number of reference photos")},
+            {F::TrainingImagesCount, "TrainingImagesCount",
+             QT_TRANSLATE_NOOP("InfoType", "Number of reference photos")},
             {F::NMSE, "NMSE", QT_TRANSLATE_NOOP("InfoType", "Normalised mean square error (NMSE)")},
             {F::CreationDate, "CreationDate", QT_TRANSLATE_NOOP("InfoType", "Fingerprint created")},
             {F::Description, "Description", QT_TRANSLATE_NOOP("InfoType", "Fingerprint description")},
@@ -77,9 +79,9 @@ const SInfoEntry* infoEntry(CFingerprint::EInfoType id)
 
 // The properties a file holds, in the order they are written.
 const CFingerprint::EInfoType StoredProperties[] = {
-    CFingerprint::Width,       CFingerprint::Height,      CFingerprint::TrainingImagesCount,
+    CFingerprint::Width,       CFingerprint::Height,       CFingerprint::TrainingImagesCount,
     CFingerprint::NMSE,        CFingerprint::Manufacturer, CFingerprint::Model,
-    CFingerprint::Description, CFingerprint::LensInfo,    CFingerprint::CreationDate,
+    CFingerprint::Description, CFingerprint::LensInfo,     CFingerprint::CreationDate,
 };
 
 QVariant propertyFromText(CFingerprint::EInfoType id, const QString& text)
@@ -92,7 +94,8 @@ QVariant propertyFromText(CFingerprint::EInfoType id, const QString& text)
         return text.toInt(); // empty or malformed: 0
     case CFingerprint::NMSE:
         return text.toDouble();
-    case CFingerprint::CreationDate: {
+    case CFingerprint::CreationDate:
+    {
         QDateTime date = QDateTime::fromString(text, Qt::ISODateWithMs);
         if (!date.isValid())
             date = QDateTime::fromString(text, Qt::ISODate);
@@ -279,7 +282,8 @@ std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus*
         result = CQuorvexAPI::CannotOpenFingerprint;
         return nullptr;
     }
-    const auto broken = [&](const char* why) {
+    const auto broken = [&](const char* why)
+    {
         QX_WARNING << "Fingerprint file " << path << " is broken: " << why;
         result = CQuorvexAPI::FingerprintFileBroken;
         return nullptr;
@@ -310,7 +314,8 @@ std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus*
     QStringList texts;
     for (EInfoType id : StoredProperties)
         texts.append(jsonText(object.value(key(id))));
-    if (object.contains(ChecksumKey) && jsonText(object.value(ChecksumKey)) != propertiesChecksum(texts, bytes))
+    if (object.contains(ChecksumKey) &&
+        jsonText(object.value(ChecksumKey)) != propertiesChecksum(texts, bytes))
         return broken("its properties do not match their checksum");
 
     // The engine verifies its bytes (magic, version, length, checksum, values)
@@ -350,7 +355,8 @@ bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) c
 {
     QJsonObject object;
     QStringList texts;
-    const QByteArray bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(fp.data), fp.data ? fp.size : 0);
+    const QByteArray bytes =
+        QByteArray::fromRawData(reinterpret_cast<const char*>(fp.data), fp.data ? fp.size : 0);
     for (EInfoType id : StoredProperties)
     {
         const QVariant value = m_properties.value(id);
@@ -375,15 +381,19 @@ bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) c
     return out.commit();
 }
 
-CFingerprint::EStatus CFingerprint::readEngineMetadata(const fingerprint_binary_s& fp, const QFileInfo& target)
+CFingerprint::EStatus CFingerprint::readEngineMetadata(const fingerprint_binary_s& fp,
+                                                       const QFileInfo& target)
 {
     // The engine describes a fingerprint only from a file. It goes beside the
     // target, whose folder must be writable anyway (the temporary folder need
     // not be), and disappears with this object.
-    QTemporaryFile file(target.absolutePath() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"));
-    if (!file.open() || file.write(reinterpret_cast<const char*>(fp.data), fp.size) != fp.size || !file.flush())
+    QTemporaryFile file(target.absolutePath() + QStringLiteral("/.") + target.fileName() +
+                        QStringLiteral(".XXXXXX"));
+    if (!file.open() || file.write(reinterpret_cast<const char*>(fp.data), fp.size) != fp.size ||
+        !file.flush())
     {
-        QX_WARNING << "Cannot write the fingerprint beside " << target.absoluteFilePath() << ": " << file.errorString();
+        QX_WARNING << "Cannot write the fingerprint beside " << target.absoluteFilePath() << ": "
+                   << file.errorString();
         return CQuorvexAPI::CannotStoreFingerprint;
     }
     SEngineHeader header;
@@ -401,7 +411,8 @@ CFingerprint::EStatus CFingerprint::readEngineMetadata(const fingerprint_binary_
 }
 
 CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photos, const QFileInfo& target,
-                                                      ProgressFunction progress, lumicrest_error_code* engineCode)
+                                                      ProgressFunction progress,
+                                                      lumicrest_error_code* engineCode)
 {
     const QString duplicate = duplicatePhotoMessage(photos);
     if (!duplicate.isEmpty())
@@ -424,8 +435,9 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
     fingerprint_binary_s fp{};
     wchar_t* diagnostics = nullptr;
     wchar_t* warnings = nullptr;
-    const lumicrest_error_code code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &fp,
-                                                             &diagnostics, L"", true, &warnings, &forwardProgress);
+    const lumicrest_error_code code =
+        get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &fp, &diagnostics, L"",
+                               true, &warnings, &forwardProgress);
     t_progress = nullptr;
     if (engineCode)
         *engineCode = code;
@@ -471,10 +483,11 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
 
 QString CFingerprint::duplicatePhotoMessage(const QFileInfoList& photos)
 {
-    const auto message = [&](int first, int second) {
-        return QCoreApplication::translate("CFingerprint",
-                                           "The reference photos %1 and %2 are the same photo. Each photo may be "
-                                           "used only once.")
+    const auto message = [&](int first, int second)
+    {
+        return QCoreApplication::translate(
+                   "CFingerprint", "The reference photos %1 and %2 are the same photo. Each photo may be "
+                                   "used only once.")
             .arg(QDir::toNativeSeparators(photos.at(first).filePath()),
                  QDir::toNativeSeparators(photos.at(second).filePath()));
     };
@@ -499,7 +512,8 @@ QString CFingerprint::duplicatePhotoMessage(const QFileInfoList& photos)
     QHash<QByteArray, int> byContent;
     QSet<int> readWhole;
     // Index of an earlier photo with the same content, or -1.
-    const auto earlierCopy = [&](int i) {
+    const auto earlierCopy = [&](int i)
+    {
         if (readWhole.contains(i))
             return -1;
         readWhole.insert(i);
@@ -536,7 +550,8 @@ QString CFingerprint::duplicatePhotoMessage(const QFileInfoList& photos)
     return QString();
 }
 
-bool CFingerprint::sameCamera(const QString& makeA, const QString& modelA, const QString& makeB, const QString& modelB)
+bool CFingerprint::sameCamera(const QString& makeA, const QString& modelA, const QString& makeB,
+                              const QString& modelB)
 {
     const QByteArray a = cameraKey(makeA);
     const QByteArray b = cameraKey(makeB);
@@ -581,13 +596,22 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
             const QString make = exif.value(qutils::EXIFMetadataProperty::CameraManufacturer).toString();
             const QString model = exif.value(qutils::EXIFMetadataProperty::CameraModel).toString();
             if (!sameCamera(property(Manufacturer).toString(), property(Model).toString(), make, model))
-                return SAnalysisResult{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata};
+            {
+                SAnalysisResult skipped{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata};
+                skipped.reason =
+                    QCoreApplication::translate("CFingerprint",
+                                                "the photo was taken with %1 %2, the fingerprint is of %3 %4")
+                        .arg(make, model, property(Manufacturer).toString(), property(Model).toString());
+                return skipped;
+            }
         }
     }
 
-    const std::wstring path = preparedPath(photo).toStdWString();
+    const QString prepared = preparedPath(photo);
+    const std::wstring path = prepared.toStdWString();
     wchar_t* json = nullptr;
-    const lumicrest_error_code code = match_device_origins(&m_fingerprint, path.c_str(), 2, &json, &ignoreProgress);
+    const lumicrest_error_code code =
+        match_device_origins(&m_fingerprint, path.c_str(), 2, &json, &ignoreProgress);
     SAnalysisResult result;
     result.status = CQuorvexAPI::fromEngineCode(code);
     const QString text = json ? QString::fromWCharArray(json) : QString();
@@ -609,5 +633,14 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
     result.probability = jsonText(answer.value(QStringLiteral("probability"))).toDouble();
     result.correlation = jsonText(answer.value(QStringLiteral("corr"))).toDouble();
     result.pce = jsonText(answer.value(QStringLiteral("pce"))).toDouble();
+    if (result.status != CQuorvexAPI::Success)
+    {
+        // The engine names the file first; every place that shows the reason
+        // shows the photo already.
+        result.reason = jsonText(answer.value(QStringLiteral("reason")));
+        const QString named = prepared + QStringLiteral(": ");
+        if (result.reason.startsWith(named))
+            result.reason.remove(0, named.size());
+    }
     return result;
 }

@@ -235,6 +235,15 @@ QString CGalleryWidget::detailResultText(const QString& path, const QVariant& re
     if (result.canConvert<qutils::CQuorvexAPI::SAnalysisResult>())
     {
         const auto analysis = result.value<qutils::CQuorvexAPI::SAnalysisResult>();
+        // A photo the engine could not compare was not excluded: it says why instead.
+        if (analysis.status != qutils::CQuorvexAPI::Success)
+        {
+            verdict = tr("not compared: %1").arg(qutils::CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
+            if (!analysis.reason.isEmpty())
+                numbers = tr("<br/>Reason: %1").arg(analysis.reason.toHtmlEscaped());
+            return tr("Path: %1<br/><br/>Result: %2%3")
+                .arg(QDir::toNativeSeparators(path).toHtmlEscaped(), verdict, numbers);
+        }
         switch (classifyResult(analysis))
         {
         case EResultClass::VeryHigh:

@@ -113,7 +113,12 @@ QString CGeneratorTask::footerText()
 QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
 {
     if (result.status != CQuorvexAPI::Success)
-        return QStringLiteral("<h3>%1</h3>").arg(CQuorvexAPI::statusText(result.status).toHtmlEscaped());
+    {
+        QString text = QStringLiteral("<h3>%1</h3>").arg(CQuorvexAPI::statusText(result.status).toHtmlEscaped());
+        if (!result.reason.isEmpty())
+            text += QStringLiteral("<p>%1</p>").arg(result.reason.toHtmlEscaped());
+        return text;
+    }
     if (!result.matched)
         return QStringLiteral("<h3>%1</h3>").arg(tr("No match"));
     QString word = tr("low");

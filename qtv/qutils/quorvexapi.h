@@ -66,6 +66,10 @@ public:
         // The engine's search-corrected PCE, for the command-line tool and the
         // report; not carried by the integration protocol.
         double pce = 0.0;
+        // The engine's own account of why a photo could not be compared ("JPEG
+        // truncated: ..."), which the status text alone does not give; empty
+        // when there is none. Not carried by the integration protocol either.
+        QString reason;
     };
 
     // The lower-case key ("success"); empty for a code not in the table.

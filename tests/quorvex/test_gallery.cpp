@@ -455,6 +455,12 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
                     .contains(QStringLiteral("Result: no match<br/>")));
     EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("a&b"), QVariant()),
               QStringLiteral("Path: a&amp;b<br/><br/>Result: no match"));
+    // A photo that could not be compared is never shown as excluded.
+    result.status = qutils::CQuorvexAPI::BrokenImage;
+    result.reason = QStringLiteral("JPEG truncated: <scan 2>");
+    EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result)),
+              QStringLiteral("Path: p<br/><br/>Result: not compared: File cannot be opened"
+                             "<br/>Reason: JPEG truncated: &lt;scan 2&gt;"));
 
     // A double click on the live tile opens the preview.
     QSignalSpy doubled(item, &CGalleryItem::doubleClicked);

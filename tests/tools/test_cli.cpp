@@ -509,6 +509,14 @@ TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
     EXPECT_EQ(objects.at(1).value(QStringLiteral("path")).toString(), broken);
     EXPECT_EQ(objects.at(1).value(QStringLiteral("status")).toString(), QStringLiteral("brokenimage"));
     EXPECT_EQ(objects.at(1).value(QStringLiteral("class")).toString(), QStringLiteral("not found"));
+    // Each failure says why, beyond its status text, without repeating the path.
+    for (const QJsonObject& failed : {objects.at(0), objects.at(1)})
+    {
+        const QString reason = failed.value(QStringLiteral("reason")).toString();
+        EXPECT_FALSE(reason.isEmpty());
+        EXPECT_FALSE(reason.contains(failed.value(QStringLiteral("path")).toString())) << reason.toStdString();
+    }
+    EXPECT_TRUE(objects.at(2).value(QStringLiteral("reason")).toString().isEmpty());
     EXPECT_FALSE(objects.at(1).value(QStringLiteral("matched")).toBool());
     EXPECT_TRUE(objects.at(2).value(QStringLiteral("matched")).toBool());
 
@@ -522,7 +530,8 @@ TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
                             [&](const QString& c) { return out.at(1).startsWith(c + QLatin1Char(' ')); }))
         << out.at(1).toStdString();
     EXPECT_TRUE(out.at(2).startsWith(QStringLiteral("not found")));
-    EXPECT_TRUE(out.at(2).endsWith(QStringLiteral("(File cannot be opened)"))) << out.at(2).toStdString();
+    EXPECT_TRUE(out.at(2).contains(QStringLiteral("broken.jpg  (File cannot be opened: JPEG")))
+        << out.at(2).toStdString();
 }
 
 TEST_F(CliTest, UsageErrorsExitWithOne)

@@ -28,6 +28,12 @@ QString number(double value)
     return std::isfinite(value) ? QString::number(value, 'g', 12) : QStringLiteral("null");
 }
 
+// Why the photo was not processed, or the engine's account of a failure.
+QString reason(const SPhotoOutcome& outcome)
+{
+    return outcome.processed ? outcome.result.reason : outcome.reason;
+}
+
 QString statusKey(const SPhotoOutcome& outcome)
 {
     return CQuorvexAPI::statusKey(outcome.processed ? outcome.result.status : CQuorvexAPI::Invalid);
@@ -49,7 +55,7 @@ QString jsonLine(const SPhotoOutcome& outcome)
              outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
              number(outcome.processed ? r.probability : 0.0), number(outcome.processed ? r.correlation : 0.0),
              number(outcome.processed ? r.pce : 0.0), jsonString(statusKey(outcome)),
-             jsonString(className(outcome)), jsonString(outcome.reason));
+             jsonString(className(outcome)), jsonString(reason(outcome)));
 }
 
 QString csvHeader()
@@ -78,7 +84,7 @@ QString csvLine(const SPhotoOutcome& outcome)
         number(outcome.processed ? r.pce : 0.0),
         statusKey(outcome),
         className(outcome),
-        csvField(outcome.reason),
+        csvField(reason(outcome)),
     };
     return fields.join(QLatin1Char(','));
 }
@@ -101,10 +107,13 @@ QString tableLine(const SPhotoOutcome& outcome)
             .arg(outcome.processed ? QString::number(r.probability, 'f', 6) : QStringLiteral("-"), 11)
             .arg(outcome.processed ? QString::number(r.pce, 'f', 1) : QStringLiteral("-"), 10)
             .arg(outcome.path);
+    QStringList why;
     if (outcome.processed && r.status != CQuorvexAPI::Success)
-        line += QStringLiteral("  (%1)").arg(CQuorvexAPI::statusText(r.status));
-    else if (!outcome.processed && !outcome.reason.isEmpty())
-        line += QStringLiteral("  (%1)").arg(outcome.reason);
+        why << CQuorvexAPI::statusText(r.status);
+    if (!reason(outcome).isEmpty())
+        why << reason(outcome);
+    if (!why.isEmpty())
+        line += QStringLiteral("  (%1)").arg(why.join(QStringLiteral(": ")));
     return line;
 }
 

@@ -15,7 +15,7 @@ struct SPhotoOutcome
     QString path;         // as given
     QString absolutePath; // for the machine-readable files
     bool processed = false;
-    QString reason; // why a photo was not processed
+    QString reason; // why a photo was not processed (the result carries the reason of a failed one)
     qutils::CQuorvexAPI::SAnalysisResult result;
 };
 
