@@ -8,6 +8,7 @@
 
 #include "qcontrols/messageboxfactory.h"
 #include "qutils/debugutils.h"
+#include "qutils/platform.h"
 #include "qutils/quorvexapi.h"
 
 #include <QDateTime>
@@ -299,7 +300,9 @@ void CGalleryWidget::onPreviewShow(const QString& filePath)
     m_dateLabel->setText(dateText(filePath));
 
     // Decoded at the preview's size, never at the photo's full size.
-    QImageReader reader(filePath);
+    QFile file;
+    qutils::platform::openRegularFile(filePath, file); // a pipe would block the window
+    QImageReader reader(&file);
     reader.setAutoTransform(true);
     const QSize box(PreviewWidth - 24, PreviewWidth - 24);
     QSize size = reader.size();

@@ -4,6 +4,7 @@
 #include "qutils/exception.h"
 #include "qutils/fileutils.h"
 #include "qutils/htmltopdftask.h"
+#include "qutils/platform.h"
 #include "qutils/tempfolder.h"
 
 #include <QCoreApplication>
@@ -238,9 +239,10 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
 
 bool CGeneratorTask::writeThumbnail(const QString& photoPath, const QString& thumbnailPath)
 {
-    if (!QFileInfo(photoPath).isFile())
+    QFile file;
+    if (!qutils::platform::openRegularFile(photoPath, file))
         return false;
-    QImageReader reader(photoPath);
+    QImageReader reader(&file);
     reader.setAutoTransform(true);
     reader.setDecideFormatFromContent(true);
     // Decoded at the thumbnail's size, never at the photo's.

@@ -2,6 +2,7 @@
 
 #include "qutils/debugutils.h"
 #include "qutils/fileutils.h"
+#include "qutils/platform.h"
 #include "qutils/threadsync.h"
 
 #include <QDir>
@@ -317,7 +318,11 @@ QImage CImageModel::CPixmapThread::loadThumbnail(const QString& path, const QSiz
     if (qutils::EXIFInfo::read(path, properties))
         degrees = properties.value(qutils::EXIFMetadataProperty::Orientation, 0).toInt();
 
-    QImageReader reader(path);
+    // Never by path: a photo swapped for a pipe would block this thread for good.
+    QFile file;
+    if (!qutils::platform::openRegularFile(path, file))
+        return QImage();
+    QImageReader reader(&file);
     reader.setDecideFormatFromContent(true);
     // A picture that will be turned on its side must fit the transposed box.
     const bool sideways = degrees != 0 && degrees != 180;

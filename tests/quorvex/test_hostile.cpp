@@ -3,6 +3,7 @@
 // request line of ten megabytes, paths the protocol cannot carry. None may
 // crash, hang or take the machine's memory; each gets a clear answer.
 #include "fingerprint.h"
+#include "generatortask.h"
 #include "imagemodel.h"
 #include "integrationserver.h"
 #include "multiplethreadanalyzer.h"
@@ -258,6 +259,12 @@ TEST_F(HostileInputTest, FoldersThatLoopOrCannotBeReadStillList)
     }
     refusedNames.sort();
     EXPECT_EQ(refusedNames, (QStringList{QStringLiteral("a/pipe.jpg"), QStringLiteral("to-pipe.jpg")}));
+    // A photo swapped for a pipe after listing: thumbnails and the report refuse it at once.
+    EXPECT_TRUE(
+        CImageModel::CPixmapThread::loadThumbnail(root.filePath(QStringLiteral("to-pipe.jpg")), QSize(99, 99))
+            .isNull());
+    EXPECT_FALSE(CGeneratorTask::writeThumbnail(root.filePath(QStringLiteral("a/pipe.jpg")),
+                                                path(QStringLiteral("t.jpg"))));
 }
 
 TEST_F(HostileInputTest, FingerprintFileClaimingGigabytesIsRefused)
