@@ -585,6 +585,12 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("learn"), QStringLiteral("-o"), s_references.at(0), refs},
         {QStringLiteral("learn"), QStringLiteral("-o"), QStringLiteral("/dev/null"), refs},
         {QStringLiteral("learn"), QStringLiteral("-o"), notes, refs},
+        // Existing files that are not an earlier output of that kind, inputs of this run or not.
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--csv"), s_questioned.at(0),
+         s_questioned.at(1)},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"), s_references.at(0),
+         s_questioned.at(1)},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--report"), notes, s_questioned.at(1)},
     };
     for (const QStringList& arguments : cases)
     {
@@ -601,6 +607,12 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
     for (int i = 0; i < evidence.size(); ++i)
         EXPECT_EQ(readBytes(evidence.at(i)), before.at(i)) << evidence.at(i).toStdString();
     EXPECT_TRUE(QFileInfo(QStringLiteral("/dev/full")).exists() && !QFileInfo(QStringLiteral("/dev/full")).isFile());
+    // An earlier output of its own kind is replaced.
+    const QStringList again = {QStringLiteral("analyze"), QStringLiteral("-f"),          fp,
+                               QStringLiteral("--csv"),   path(QStringLiteral("a.csv")), QStringLiteral("--json"),
+                               path(QStringLiteral("a.jsonl")), s_questioned.at(1)};
+    ASSERT_EQ(run(again).exitCode, 0);
+    EXPECT_EQ(run(again).exitCode, 0);
 }
 
 TEST_F(CliTest, MissingFilesAndFoldersExitWithTwo)

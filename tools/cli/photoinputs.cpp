@@ -68,6 +68,31 @@ bool reportInputProblems(const SPhotoInputs& inputs)
     return true;
 }
 
+namespace
+{
+
+// An existing output is replaced only by a newer one of its own kind, so a
+// mistyped option value ("--csv photo-01.jpg photo-02.jpg") cannot turn a
+// photo, a fingerprint or someone's notes into our output.
+bool holdsOwnKind(const QString& option, const QString& path)
+{
+    QFile file;
+    if (!qutils::platform::openRegularFile(path, file))
+        return true; // absent: nothing to lose
+    const QByteArray head = file.read(16);
+    if (head.isEmpty())
+        return true;
+    if (option == QLatin1String("--json"))
+        return head.startsWith("{\"path\":");
+    if (option == QLatin1String("--csv"))
+        return head.startsWith("path,");
+    if (option == QLatin1String("--report"))
+        return head.startsWith("%PDF-");
+    return true; // learn -o checks its target as a fingerprint itself
+}
+
+} // namespace
+
 QString outputProblem(const QList<OutputOption>& outputs, const QStringList& inputs)
 {
     for (int i = 0; i < outputs.size(); ++i)
@@ -84,6 +109,9 @@ QString outputProblem(const QList<OutputOption>& outputs, const QStringList& inp
             if (qutils::isSameFile(path, outputs.at(j).second))
                 return QStringLiteral("%1 and %2 cannot write to the same file %3")
                     .arg(outputs.at(j).first, option, path);
+        if (!holdsOwnKind(option, path))
+            return QStringLiteral("%1 %2: it exists and is not an earlier %1 output; refusing to replace it")
+                .arg(option, path);
     }
     return QString();
 }
