@@ -15,6 +15,37 @@
 using namespace enginetest;
 using lumicrest::MemoryBudget;
 
+namespace
+{
+
+const int Width = 800;
+const int Height = 600;
+
+// count photos of the camera from consecutive scenes, named prefix0.jpg, prefix1.jpg, ...
+std::vector<std::string> shoot(const camsim::Camera& camera, const TempDir& dir, const std::string& prefix,
+                               int firstSeed, int count)
+{
+    std::vector<std::string> photos;
+    for (int i = 0; i < count; ++i)
+    {
+        camsim::ShotConfig shot;
+        shot.sceneSeed = static_cast<uint64_t>(firstSeed + i);
+        photos.push_back(dir.file(prefix + std::to_string(i) + ".jpg"));
+        camera.shoot(shot, photos.back());
+    }
+    return photos;
+}
+
+camsim::Camera smallCamera()
+{
+    camsim::CameraConfig config;
+    config.width = Width;
+    config.height = Height;
+    return camsim::Camera(config);
+}
+
+} // namespace
+
 TEST(MemoryBudget, LeasesWaitForRoomAndOversizedRequestsRunAlone)
 {
     MemoryBudget& budget = MemoryBudget::instance();
@@ -54,35 +85,17 @@ TEST(MemoryBudget, LeasesWaitForRoomAndOversizedRequestsRunAlone)
 TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
 {
     TempDir dir("lumicrest-budget");
-    camsim::CameraConfig config;
-    config.width = 800;
-    config.height = 600;
-    const camsim::Camera camera(config);
-    std::vector<std::string> references;
-    for (int i = 0; i < 4; ++i)
-    {
-        camsim::ShotConfig shot;
-        shot.sceneSeed = 70 + i;
-        references.push_back(dir.file("r" + std::to_string(i) + ".jpg"));
-        camera.shoot(shot, references.back());
-    }
-    Learned learned = learn(references);
+    const camsim::Camera camera = smallCamera();
+    Learned learned = learn(shoot(camera, dir, "r", 70, 4));
     ASSERT_EQ(learned.code, LUMICREST_OK);
-    std::vector<std::string> photos;
-    for (int i = 0; i < 6; ++i)
-    {
-        camsim::ShotConfig shot;
-        shot.sceneSeed = 80 + i;
-        photos.push_back(dir.file("q" + std::to_string(i) + ".jpg"));
-        camera.shoot(shot, photos.back());
-    }
+    const std::vector<std::string> photos = shoot(camera, dir, "q", 80, 6);
     std::vector<std::string> alone;
     for (const std::string& p : photos)
         alone.push_back(match(learned.fp, p).json);
 
     MemoryBudget& budget = MemoryBudget::instance();
     const uint64_t saved = budget.capacity();
-    const uint64_t oneMatch = lumicrest::constants::MatchBytesPerPixel * 800 * 600;
+    const uint64_t oneMatch = lumicrest::constants::MatchBytesPerPixel * Width * Height;
     budget.setCapacity(oneMatch + oneMatch / 2);
     budget.resetPeak();
     std::vector<std::string> together(photos.size());
@@ -104,19 +117,8 @@ TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
 TEST(MemoryBudget, LearningWithinTheBudgetOrRefusedAsOutOfMemory)
 {
     TempDir dir("lumicrest-budget-learn");
-    camsim::CameraConfig config;
-    config.width = 800;
-    config.height = 600;
-    const camsim::Camera camera(config);
-    std::vector<std::string> references;
-    for (int i = 0; i < 4; ++i)
-    {
-        camsim::ShotConfig shot;
-        shot.sceneSeed = 90 + i;
-        references.push_back(dir.file("r" + std::to_string(i) + ".jpg"));
-        camera.shoot(shot, references.back());
-    }
-    const uint64_t pixels = 800 * 600;
+    const std::vector<std::string> references = shoot(smallCamera(), dir, "r", 90, 4);
+    const uint64_t pixels = Width * Height;
     const uint64_t sums = lumicrest::constants::LearnSumsBytesPerPixel * pixels;
     const uint64_t photo = lumicrest::constants::LearnPhotoBytesPerPixel * pixels;
 

@@ -55,6 +55,21 @@ private:
     void (*m_oldHandler)(int) = nullptr;
 };
 
+// Runs a report task; the text of the exception it threw, or empty.
+QString reportError(const SReportInput& input)
+{
+    auto task = qutils::makeTask<CGeneratorTask>(input);
+    try
+    {
+        task->run();
+    }
+    catch (const qutils::CException& e)
+    {
+        return e.message();
+    }
+    return QString();
+}
+
 QByteArray readAll(const QString& path)
 {
     QFile file(path);
@@ -213,16 +228,7 @@ TEST_F(NothingLostTest, AReportThatCannotBeWrittenLeavesTheOldOneAndSaysSo)
     input.photosFolder = s_dir->path();
     input.reportPath = report;
     qutils::CHtmlToPdfTask::setConverterPath(wrapper);
-    auto task = qutils::makeTask<CGeneratorTask>(input);
-    QString error;
-    try
-    {
-        task->run();
-    }
-    catch (const qutils::CException& e)
-    {
-        error = e.message();
-    }
+    const QString error = reportError(input);
     qutils::CHtmlToPdfTask::setConverterPath(QString());
     EXPECT_EQ(error, QStringLiteral("Cannot store pdf"));
     EXPECT_EQ(readAll(report), before);
@@ -245,16 +251,7 @@ TEST_F(NothingLostTest, DevicesPipesAndFoldersAreNeverReplacedBySaving)
         SReportInput input;
         input.photos = s_photos;
         input.reportPath = target;
-        auto task = qutils::makeTask<CGeneratorTask>(input);
-        QString error;
-        try
-        {
-            task->run();
-        }
-        catch (const qutils::CException& e)
-        {
-            error = e.message();
-        }
+        const QString error = reportError(input);
         EXPECT_TRUE(error.startsWith(QStringLiteral("The report cannot be created!"))) << error.toStdString();
         EXPECT_TRUE(QFileInfo(target).exists() && !QFileInfo(target).isFile()) << "still what it was";
     }
