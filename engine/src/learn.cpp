@@ -47,13 +47,16 @@ struct Warning
     std::string text;
 };
 
+// The one rule for "same camera", which the program's different-camera check
+// applies too: ASCII case and outer ASCII white space do not count.
 std::string normalisedName(const std::string& s)
 {
     std::string out;
     for (char c : s)
-        out += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    const auto begin = out.find_first_not_of(' ');
-    const auto end = out.find_last_not_of(' ');
+        out += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    static const char* const blanks = " \t\n\v\f\r";
+    const auto begin = out.find_first_not_of(blanks);
+    const auto end = out.find_last_not_of(blanks);
     return begin == std::string::npos ? std::string() : out.substr(begin, end - begin + 1);
 }
 
@@ -531,9 +534,10 @@ LearnOutcome learnFingerprint(const std::vector<std::string>& paths, const Learn
                 {
                     fail(LUMICREST_REFERENCE_SIZE_DIFFERS, "size differs from the first photo");
                 }
-                if (checks && index > 0 && !photo->info.make.empty() && !firstMake.empty() &&
-                    (normalisedName(photo->info.make) != normalisedName(firstMake) ||
-                     normalisedName(photo->info.model) != normalisedName(firstModel)))
+                const std::string make = normalisedName(photo->info.make);
+                const std::string first = normalisedName(firstMake);
+                if (checks && index > 0 && !make.empty() && !first.empty() &&
+                    (make != first || normalisedName(photo->info.model) != normalisedName(firstModel)))
                     fail(LUMICREST_REFERENCE_CAMERA_DIFFERS, "EXIF camera differs from the first photo's");
                 if (photo->failure != LUMICREST_OK)
                     fail(photo->failure, photo->detail);

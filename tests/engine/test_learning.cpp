@@ -151,6 +151,13 @@ TEST_F(Learning, EachFailingCheckStopsAtItsPhoto)
         }
         release_fingerprint(&learned.fp);
     }
+    // ASCII case and outer white space make no other camera, as in the program's own check.
+    camsim::ShotConfig respelled = shot(3);
+    respelled.exifMake = " vELTRANO\t";
+    respelled.exifModel = "qx-1\r";
+    Learned learned = learn(twoGoodAnd(photo(respelled, "respelled.jpg")));
+    EXPECT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
+    release_fingerprint(&learned.fp);
 }
 
 TEST_F(Learning, ChecksCanBeSwitchedOffAndWeakPhotosWarn)
