@@ -510,9 +510,11 @@ TEST_F(FingerprintEndToEnd, DuplicatePhotosAreRefusedNamingBoth)
         const QString message = CFingerprint::duplicatePhotoMessage(photos);
         EXPECT_EQ(message.isEmpty(), t.named.isEmpty()) << message.toStdString();
         if (!t.named.isEmpty())
+        {
             EXPECT_TRUE(message.contains(m_dir.path() + QLatin1Char('/') + t.named[0] + QStringLiteral(" and ") +
                                          m_dir.path() + QLatin1Char('/') + t.named[1]))
                 << message.toStdString();
+        }
     }
     const QFileInfo target(m_dir.filePath(QStringLiteral("dup.fnp")));
     EXPECT_EQ(CFingerprint::createFingerprint({QFileInfo(a), QFileInfo(b), QFileInfo(a)}, target, nullptr),
