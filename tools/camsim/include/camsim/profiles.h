@@ -24,7 +24,8 @@ bool parseProfile(const std::string& name, Profile& profile);
 
 // Unit `unit` of the profile's make and model. `scale` shrinks each side
 // (0.5: a quarter of the pixels) for tests; the gain patterns grow by
-// 1/scale so the scores, which grow with the pixel count, keep their spread.
+// 1/scale^0.75 so the scores, which grow with the pixel count, keep about
+// the spread of the full size.
 CameraConfig camera(Profile profile, uint64_t unit, double scale = 1.0);
 CameraConfig dslr(uint64_t unit, double scale = 1.0);
 CameraConfig phone(uint64_t unit, double scale = 1.0);
