@@ -123,7 +123,7 @@ TEST_F(Accuracy, ScoresSpreadOverTheDecisionRegionOtherUnitNeverMatches)
     double highestOther = -1e300;
     for (int i = 0; i < Photos; ++i)
     {
-        const camsim::ShotConfig s = camsim::profiles::naturalShot(Profile, 500 + i);
+        const camsim::ShotConfig s = camsim::profiles::naturalShot(Profile, 2000 + i);
         const Matched mine = match(s_learned->fp, photo(*s_unit1, s, "same.jpg"));
         const Matched other = match(s_learned->fp, photo(*s_unit2, s, "other.jpg"));
         std::printf("photo %2d: same unit PCE %8.1f, other unit PCE %5.1f  (%s)\n", i, mine.pce(), other.pce(),

@@ -104,7 +104,7 @@ CameraConfig dslr(uint64_t unit, double factor)
     c.gain = 2.0;
     c.adcBits = 14;
     c.blackLevel = 512;
-    c.prnuSigma = 0.0055;
+    c.prnuSigma = 0.0038;
     c.modelPixelSigma = 0.0005;
     c.whiteBalance = {{2.1, 1.0, 1.5}};
     scale(c, factor);
