@@ -4,8 +4,11 @@
 //
 //   bench_engine [--sizes 10,24] [--out bench-results.json] [--cache DIR]
 //
-// Photos are made once per size in the cache folder and reused.
+// Photos are made once per size in the cache folder and reused. The camera is
+// the calibrated DSLR profile at each size: flat references, and questioned
+// photos drawn from its mix of ordinary and hard shots.
 #include "camsim/camera.h"
+#include "camsim/profiles.h"
 #include "lumicrest.h"
 #include "timing.h"
 
@@ -79,32 +82,27 @@ std::string photoPath(const fs::path& dir, const std::string& kind, int i)
 
 void makePhotos(const Size& size, const fs::path& dir)
 {
-    if (fs::exists(dir / "complete"))
+    // The marker names the camera, so photos of an older simulated camera are made anew.
+    if (fs::exists(dir / "complete-dslr"))
         return;
     fs::create_directories(dir);
-    camsim::CameraConfig config;
-    config.width = size.width;
-    config.height = size.height;
-    config.unitSeed = 1;
-    const camsim::Camera unit1(config);
-    config.unitSeed = 2;
-    const camsim::Camera unit2(config);
+    using namespace camsim::profiles;
+    const auto unit = [&size](uint64_t seed)
+    {
+        camsim::CameraConfig config = dslr(seed);
+        config.width = size.width;
+        config.height = size.height;
+        return config;
+    };
+    const camsim::Camera unit1(unit(1));
+    const camsim::Camera unit2(unit(2));
     std::fprintf(stderr, "making %d MP photos in %s ...\n", size.megapixels, dir.string().c_str());
     for (int i = 0; i < References; ++i)
-    {
-        camsim::ShotConfig shot;
-        shot.scene = i % 3 == 0 ? camsim::SceneKind::Flat : (i % 3 == 1 ? camsim::SceneKind::Gradient : camsim::SceneKind::Natural);
-        shot.sceneSeed = 100 + i;
-        unit1.shoot(shot, photoPath(dir, "ref", i));
-    }
+        unit1.shoot(referenceShot(Profile::Dslr, 100 + static_cast<uint64_t>(i)), photoPath(dir, "ref", i));
     for (int i = 0; i < Questions; ++i)
-    {
-        camsim::ShotConfig shot;
-        shot.scene = i % 2 ? camsim::SceneKind::Edges : camsim::SceneKind::Natural;
-        shot.sceneSeed = 500 + i;
-        (i < Questions / 2 ? unit1 : unit2).shoot(shot, photoPath(dir, "question", i));
-    }
-    std::ofstream(dir / "complete") << "ok\n";
+        (i < Questions / 2 ? unit1 : unit2)
+            .shoot(naturalShot(Profile::Dslr, 500 + static_cast<uint64_t>(i)), photoPath(dir, "question", i));
+    std::ofstream(dir / "complete-dslr") << "ok\n";
 }
 
 std::vector<std::wstring> wide(const std::vector<std::string>& paths)

@@ -1,6 +1,12 @@
 // Per-stage times of learning and matching on large simulated photos.
 //   bench_engine_stages [--size 3648x2736] [--refs 5] [--repeat 3]
+// With a profile, the score distribution of a calibrated camera instead:
+// learns unit 1 from --refs flat shots (default 10), then prints the PCE of
+// --true natural shots of unit 1 and --false shots of units 2, 3, ... of the
+// same model.
+//   bench_engine_stages --profile dslr|phone [--scale 1] [--refs 10] [--true 16] [--false 16]
 #include "camsim/camera.h"
+#include "camsim/profiles.h"
 #include "lumicrest.h"
 #include "timing.h"
 
@@ -10,7 +16,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -43,6 +52,137 @@ void printStages(const char* title, const lumicrest::StageTimes& t, double total
     std::printf(" %.3f | %.3f |\n", total - staged, total);
 }
 
+double pceOf(const std::string& json)
+{
+    const auto at = json.find("\"pce\":");
+    return at == std::string::npos ? 0.0 : std::atof(json.c_str() + at + 6);
+}
+
+std::string matchJson(const fingerprint_binary_s& fp, const fs::path& photo)
+{
+    wchar_t* json = nullptr;
+    match_device_origins(&fp, photo.wstring().c_str(), 2, &json, nullptr);
+    std::string answer;
+    for (const wchar_t* c = json; c && *c; ++c)
+        answer += static_cast<char>(*c);
+    std::free(json);
+    return answer;
+}
+
+double percentile(const std::vector<double>& sorted, double p)
+{
+    if (sorted.empty())
+        return 0.0;
+    const double at = p * static_cast<double>(sorted.size() - 1);
+    const size_t i = static_cast<size_t>(at);
+    const size_t j = std::min(i + 1, sorted.size() - 1);
+    return sorted[i] + (at - static_cast<double>(i)) * (sorted[j] - sorted[i]);
+}
+
+void printDistribution(const char* title, std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    std::printf("| %s | %zu | %.1f | %.1f | %.1f | %.1f | %.1f |", title, values.size(), values.front(),
+                percentile(values, 0.1), percentile(values, 0.5), percentile(values, 0.9), values.back());
+    std::printf("\n  sorted:");
+    for (double v : values)
+        std::printf(" %.1f", v);
+    std::printf("\n");
+}
+
+int profileDistribution(camsim::profiles::Profile profile, double scale, int refs, int trueCount, int falseCount,
+                        const fs::path& dir)
+{
+    using namespace camsim::profiles;
+    const auto began = std::chrono::steady_clock::now();
+    const camsim::Camera unit1(camera(profile, 1, scale));
+    const camsim::CameraConfig& c = unit1.config();
+    std::printf("profile %s at scale %.2f: %s %s, %dx%d (%.1f MP), %d flat references, %d true, %d false\n\n",
+                profileName(profile), scale, c.make.c_str(), c.model.c_str(), c.width, c.height,
+                c.width * static_cast<double>(c.height) / 1e6, refs, trueCount, falseCount);
+
+    std::vector<std::wstring> paths;
+    for (int i = 0; i < refs; ++i)
+    {
+        const fs::path p = dir / ("ref_" + std::to_string(i) + ".jpg");
+        unit1.shoot(referenceShot(profile, 100 + static_cast<uint64_t>(i)), p.string());
+        paths.push_back(p.wstring());
+    }
+    std::vector<const wchar_t*> pointers;
+    for (const auto& p : paths)
+        pointers.push_back(p.c_str());
+    fingerprint_binary_s fp{};
+    wchar_t* t1 = nullptr;
+    wchar_t* t2 = nullptr;
+    const lumicrest_error_code learned =
+        get_sensor_fingerprint(pointers.data(), refs, &fp, &t1, L"", true, &t2, nullptr);
+    std::free(t1);
+    std::free(t2);
+    if (learned != LUMICREST_OK)
+    {
+        std::fprintf(stderr, "learning failed: %d\n", learned);
+        return 1;
+    }
+
+    // Other units: four of them, the false photos spread over them.
+    std::vector<std::unique_ptr<camsim::Camera>> others;
+    for (uint64_t u = 2; u <= 5; ++u)
+        others.push_back(std::make_unique<camsim::Camera>(camera(profile, u, scale)));
+
+    std::vector<double> truePce(static_cast<size_t>(trueCount));
+    std::vector<double> falsePce(static_cast<size_t>(falseCount));
+    std::vector<std::string> notes(static_cast<size_t>(trueCount));
+    std::mutex lock;
+    int next = 0;
+    const auto worker = [&]()
+    {
+        for (;;)
+        {
+            int job;
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                job = next++;
+            }
+            if (job >= trueCount + falseCount)
+                return;
+            const bool same = job < trueCount;
+            const int k = same ? job : job - trueCount;
+            const camsim::ShotConfig shot = naturalShot(profile, 2000 + static_cast<uint64_t>(k));
+            const camsim::Camera& cam = same ? unit1 : *others[static_cast<size_t>(k) % others.size()];
+            const fs::path photo = dir / ("q_" + std::to_string(job) + ".jpg");
+            cam.shoot(shot, photo.string());
+            const double pce = pceOf(matchJson(fp, photo));
+            fs::remove(photo);
+            std::lock_guard<std::mutex> guard(lock);
+            if (same)
+            {
+                truePce[static_cast<size_t>(k)] = pce;
+                notes[static_cast<size_t>(k)] = describeShot(shot);
+            }
+            else
+                falsePce[static_cast<size_t>(k)] = pce;
+        }
+    };
+    std::vector<std::thread> threads;
+    const unsigned count = std::max(1u, std::min(2u, std::thread::hardware_concurrency()));
+    for (unsigned t = 0; t < count; ++t)
+        threads.emplace_back(worker);
+    for (std::thread& t : threads)
+        t.join();
+    release_fingerprint(&fp);
+
+    for (int k = 0; k < trueCount; ++k)
+        std::printf("  true %2d: PCE %8.1f  %s\n", k, truePce[static_cast<size_t>(k)],
+                    notes[static_cast<size_t>(k)].c_str());
+    std::printf("\n| photos | n | min | 10th pct | median | 90th pct | max |\n|---|---|---|---|---|---|---|\n");
+    if (trueCount > 0)
+        printDistribution("same camera", truePce);
+    if (falseCount > 0)
+        printDistribution("other units, same model", falsePce);
+    std::printf("\n%.0f s\n", seconds(began));
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -53,12 +193,28 @@ int main(int argc, char** argv)
     int repeat = 3;
     int questions = 0;
     double modelPixelSigma = -1.0;
+    std::string profileText;
+    double scale = 1.0;
+    int trueCount = 16;
+    int falseCount = 16;
+    bool refsGiven = false;
     for (int i = 1; i + 1 < argc; i += 2)
     {
-        if (!std::strcmp(argv[i], "--size"))
+        if (!std::strcmp(argv[i], "--profile"))
+            profileText = argv[i + 1];
+        else if (!std::strcmp(argv[i], "--scale"))
+            scale = std::atof(argv[i + 1]);
+        else if (!std::strcmp(argv[i], "--true"))
+            trueCount = std::atoi(argv[i + 1]);
+        else if (!std::strcmp(argv[i], "--false"))
+            falseCount = std::atoi(argv[i + 1]);
+        else if (!std::strcmp(argv[i], "--size"))
             std::sscanf(argv[i + 1], "%dx%d", &width, &height);
         else if (!std::strcmp(argv[i], "--refs"))
+        {
             refs = std::atoi(argv[i + 1]);
+            refsGiven = true;
+        }
         else if (!std::strcmp(argv[i], "--repeat"))
             repeat = std::atoi(argv[i + 1]);
         else if (!std::strcmp(argv[i], "--questions"))
@@ -68,6 +224,22 @@ int main(int argc, char** argv)
     }
     const fs::path dir = fs::temp_directory_path() / ("lumicrest-bench-" + std::to_string(std::rand()));
     fs::create_directories(dir);
+
+    if (!profileText.empty())
+    {
+        camsim::profiles::Profile profile;
+        if (!camsim::profiles::parseProfile(profileText, profile) || !(scale > 0 && scale <= 1) || trueCount < 1 ||
+            falseCount < 0)
+        {
+            std::fprintf(stderr, "bad --profile (plain, dslr, phone), --scale (0..1], --true or --false\n");
+            fs::remove_all(dir);
+            return 2;
+        }
+        const int code =
+            profileDistribution(profile, scale, refsGiven ? refs : 10, trueCount, falseCount, dir);
+        fs::remove_all(dir);
+        return code;
+    }
 
     camsim::CameraConfig config;
     config.width = width;

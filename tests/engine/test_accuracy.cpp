@@ -1,13 +1,17 @@
 // Learning and matching on simulated cameras, through the C interface: the
 // engine must tell two units of the same model apart and survive rotation,
-// cropping and recompression.
+// cropping and recompression. The cameras are the calibrated DSLR profile,
+// shrunk to 0.4 of each side (about 1 MP) to keep the suite fast, so the
+// scores spread over the decision region as real ones do.
 #include "camsim/camera.h"
 #include "camsim/imagefile.h"
+#include "camsim/profiles.h"
 #include "enginetestutils.h"
 #include "lumicrest.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -19,27 +23,24 @@ using namespace enginetest;
 namespace
 {
 
-constexpr int Width = 1280;
-constexpr int Height = 960;
+constexpr double Scale = 0.4;
+const camsim::profiles::Profile Profile = camsim::profiles::Profile::Dslr;
 
 camsim::CameraConfig unit(uint64_t seed)
 {
-    camsim::CameraConfig config;
-    config.make = "Veltrano";
-    config.model = "QX-1";
-    config.lens = "Tessan 35mm f/2";
-    config.width = Width;
-    config.height = Height;
-    config.unitSeed = seed;
-    return config;
+    return camsim::profiles::camera(Profile, seed, Scale);
 }
 
+const int Width = unit(1).width;
+const int Height = unit(1).height;
+
+// An ordinary daylight photo with the profile's light processing.
 camsim::ShotConfig shot(camsim::SceneKind scene, uint64_t seed, double exposure = 0.3)
 {
-    camsim::ShotConfig s;
+    camsim::ShotConfig s = camsim::profiles::referenceShot(Profile, seed);
     s.scene = scene;
-    s.sceneSeed = seed;
     s.exposure = exposure;
+    s.quality = 92;
     return s;
 }
 
@@ -53,12 +54,10 @@ protected:
         s_unit1 = new camsim::Camera(unit(1));
         s_unit2 = new camsim::Camera(unit(2));
         std::vector<std::string> references;
-        const camsim::SceneKind kinds[] = {camsim::SceneKind::Flat, camsim::SceneKind::Gradient,
-                                           camsim::SceneKind::Natural};
         for (int i = 0; i < 10; ++i)
         {
             const std::string path = s_dir->file("ref_" + std::to_string(i) + ".jpg");
-            s_unit1->shoot(shot(kinds[i % 3], 100 + i, 0.25 + 0.03 * (i % 4)), path);
+            s_unit1->shoot(camsim::profiles::referenceShot(Profile, 100 + i), path);
             references.push_back(path);
         }
         s_learned = new Learned(learn(references));
@@ -108,32 +107,43 @@ TEST_F(Accuracy, LearnedFromTenPhotos)
     EXPECT_EQ(jsonNumber(meta, "width"), Width);
     EXPECT_EQ(jsonNumber(meta, "height"), Height);
     EXPECT_EQ(jsonArrayLength(meta, "nmse"), 10) << meta;
-    EXPECT_NE(meta.find("\"make\":\"Veltrano\""), std::string::npos);
-    EXPECT_NE(meta.find("\"model\":\"QX-1\""), std::string::npos);
-    EXPECT_NE(meta.find("\"lens\":\"Tessan 35mm f/2\""), std::string::npos);
+    EXPECT_NE(meta.find("\"make\":\"" + s_unit1->config().make + "\""), std::string::npos) << meta;
+    EXPECT_NE(meta.find("\"model\":\"" + s_unit1->config().model + "\""), std::string::npos) << meta;
+    EXPECT_NE(meta.find("\"lens\":\"" + s_unit1->config().lens + "\""), std::string::npos) << meta;
 }
 
-TEST_F(Accuracy, SameUnitMatchesInTheHighestClassOtherUnitNever)
+TEST_F(Accuracy, ScoresSpreadOverTheDecisionRegionOtherUnitNeverMatches)
 {
-    double lowestSame = 1e300;
+    // The profile's mix of ordinary and hard shots (dark, clipped sky, foliage,
+    // strong compression): the same unit's scores must reach from the highest
+    // class down near the threshold, as real photos do, and another unit of the
+    // model must stay far below it on the very same scenes.
+    constexpr int Photos = 12;
+    std::vector<double> same;
     double highestOther = -1e300;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < Photos; ++i)
     {
-        const auto scene = i % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Edges;
-        const Matched same = match(s_learned->fp, photo(*s_unit1, shot(scene, 500 + i), "same.jpg"));
-        const Matched other = match(s_learned->fp, photo(*s_unit2, shot(scene, 500 + i), "other.jpg"));
-        std::printf("photo %d: same unit PCE %.1f, other unit PCE %.1f\n", i, same.pce(), other.pce());
-        ASSERT_EQ(same.code, LUMICREST_OK) << same.json;
+        const camsim::ShotConfig s = camsim::profiles::naturalShot(Profile, 2000 + i);
+        const Matched mine = match(s_learned->fp, photo(*s_unit1, s, "same.jpg"));
+        const Matched other = match(s_learned->fp, photo(*s_unit2, s, "other.jpg"));
+        std::printf("photo %2d: same unit PCE %8.1f, other unit PCE %5.1f  (%s)\n", i, mine.pce(), other.pce(),
+                    camsim::profiles::describeShot(s).c_str());
+        ASSERT_EQ(mine.code, LUMICREST_OK) << mine.json;
         ASSERT_EQ(other.code, LUMICREST_OK) << other.json;
-        EXPECT_TRUE(same.matched()) << same.json;
-        EXPECT_GE(same.probability(), 0.999) << "highest class: " << same.json;
-        EXPECT_EQ(same.orientation(), 0);
+        EXPECT_EQ(mine.matched(), mine.pce() >= 60) << mine.json;
+        if (mine.matched())
+            EXPECT_EQ(mine.orientation(), 0) << mine.json;
         EXPECT_FALSE(other.matched()) << other.json;
-        EXPECT_LT(other.probability(), 0.95);
-        lowestSame = std::min(lowestSame, same.pce());
+        EXPECT_LT(other.pce(), 25) << other.json;
+        same.push_back(mine.pce());
         highestOther = std::max(highestOther, other.pce());
     }
-    std::printf("same unit PCE >= %.1f, other unit PCE <= %.1f\n", lowestSame, highestOther);
+    std::sort(same.begin(), same.end());
+    std::printf("same unit PCE %.1f .. %.1f (median %.1f), other unit PCE <= %.1f\n", same.front(), same.back(),
+                same[Photos / 2], highestOther);
+    EXPECT_LT(same.front(), 200) << "no photo near the threshold: the profile has become too easy";
+    EXPECT_GE(same.back(), 400) << "no photo in the highest class";
+    EXPECT_GE(same[Photos / 2], 100) << "median below the medium class: the profile has become too hard";
 }
 
 TEST_F(Accuracy, RotatedCroppedAndRecompressedPhotosMatch)

@@ -1,6 +1,7 @@
 #include "camsim/camera.h"
 #include "camsim/cli.h"
 #include "camsim/imagefile.h"
+#include "camsim/profiles.h"
 #include "camsim/random.h"
 
 #include <gtest/gtest.h>
@@ -493,8 +494,8 @@ TEST(CamsimCamera, ScenesAndExposure)
     // Flat is flat; the others have structure, each its own.
     shot.exposure = ShotConfig().exposure;
     std::vector<std::vector<uint16_t>> seen;
-    for (SceneKind kind :
-         {SceneKind::Flat, SceneKind::Gradient, SceneKind::Texture, SceneKind::Edges, SceneKind::Natural})
+    for (SceneKind kind : {SceneKind::Flat, SceneKind::Gradient, SceneKind::Texture, SceneKind::Edges,
+                           SceneKind::Natural, SceneKind::Foliage, SceneKind::Sky})
     {
         SCOPED_TRACE(sceneKindName(kind));
         shot.scene = kind;
@@ -530,6 +531,82 @@ TEST(CamsimCamera, ScenesAndExposure)
         EXPECT_TRUE(parseSceneKind(sceneKindName(kind), parsed));
         EXPECT_EQ(parsed, kind);
     }
+
+    // What makes real photos hard: a sky exposed for the ground clips, foliage
+    // is busier pixel to pixel than an ordinary scene, denoising smooths a flat
+    // field and sharpening roughens it.
+    const auto busy = [](const Image& image)
+    {
+        double sum = 0;
+        for (int y = 0; y < image.height; ++y)
+            for (int x = 1; x < image.width; ++x)
+                sum += std::abs(image.at(x, y, 1) - image.at(x - 1, y, 1));
+        return sum / (image.height * (image.width - 1.0));
+    };
+    shot.scene = SceneKind::Sky;
+    shot.exposure = 0.7;
+    EXPECT_GT(fractionWhere(camera.render(shot), clipped), 0.2);
+    shot.exposure = ShotConfig().exposure;
+    shot.scene = SceneKind::Natural;
+    const double natural = busy(camera.render(shot));
+    shot.scene = SceneKind::Foliage;
+    EXPECT_GT(busy(camera.render(shot)), 2 * natural);
+    const double plain = busy(grey);
+    flat.denoise = 0.8;
+    EXPECT_LT(busy(camera.render(flat)), 0.7 * plain);
+    flat.denoise = 0;
+    flat.sharpen = 1.0;
+    EXPECT_GT(busy(camera.render(flat)), 1.3 * plain);
+}
+
+TEST(CamsimCamera, ProfilesDrawRealisticShots)
+{
+    using namespace profiles;
+    for (Profile profile : {Profile::Plain, Profile::Dslr, Profile::Phone})
+    {
+        SCOPED_TRACE(profileName(profile));
+        Profile parsed = Profile::Plain;
+        EXPECT_TRUE(parseProfile(profileName(profile), parsed));
+        EXPECT_EQ(parsed, profile);
+        const CameraConfig full = camera(profile, 3);
+        const CameraConfig small = camera(profile, 3, 0.4);
+        EXPECT_NO_THROW(validateCamera(full));
+        EXPECT_EQ(full.unitSeed, 3u);
+        EXPECT_EQ(small.width % 2, 0);
+        EXPECT_NEAR(small.width, 0.4 * full.width, 2);
+        EXPECT_NEAR(small.height, 0.4 * full.height, 2);
+        EXPECT_GE(small.prnuSigma, full.prnuSigma);
+        EXPECT_EQ(referenceShot(profile, 5).scene, SceneKind::Flat);
+
+        // Over many seeds: every hard kind of shot in a minority, the same seed the same shot.
+        int dark = 0, sky = 0, foliage = 0, strong = 0;
+        constexpr int Shots = 400;
+        for (uint64_t seed = 1; seed <= Shots; ++seed)
+        {
+            const ShotConfig s = naturalShot(profile, seed);
+            EXPECT_NO_THROW(validateShot(full, s));
+            EXPECT_EQ(describeShot(s), describeShot(naturalShot(profile, seed)));
+            dark += s.exposure < 0.07;
+            sky += s.scene == SceneKind::Sky;
+            foliage += s.scene == SceneKind::Foliage;
+            strong += s.quality < 85;
+        }
+        for (int count : {dark, sky, foliage, strong})
+        {
+            if (profile == Profile::Plain)
+                EXPECT_EQ(count, 0);
+            else
+            {
+                EXPECT_GT(count, Shots / 40);
+                EXPECT_LT(count, Shots / 3);
+            }
+        }
+    }
+    Profile parsed;
+    EXPECT_FALSE(parseProfile("compact", parsed));
+    // Units of one profile share make and model, so their model pattern too.
+    EXPECT_EQ(dslr(1).model, dslr(2).model);
+    EXPECT_NE(dslr(1).model, phone(1).model);
 }
 
 TEST(CamsimCamera, RefusesImpossibleParameters)
@@ -632,6 +709,9 @@ TEST_F(CamsimFiles, CommandLine)
         {"--out", out, "--exposure", "-1"},         // exposure
         {"--out", out, "--unit", "-3"},             // unsigned seed
         {"--out", out, "--prefix", "a/b"},          // prefix with a folder
+        {"--out", out, "--denoise", "1.5"},         // denoising range
+        {"--out", out, "--profile", "compact"},     // unknown profile
+        {"--out", out, "--profile", "dslr", "--quality", "80"}, // drawn by the profile
     };
     for (const auto& args : bad)
     {
@@ -693,6 +773,29 @@ TEST_F(CamsimFiles, CommandLine)
                               .c_str()),
               0);
     EXPECT_TRUE(fs::exists(path("bin/img_0002.jpg")));
+
+    // A profile sets the camera (other options still change it) and draws each shot.
+    ASSERT_EQ(parseCommandLine({"--profile", "phone", "--unit", "4", "--size", "320x240", "--out", "d"}, parsed), "");
+    EXPECT_EQ(parsed.camera.model, profiles::phone(4).model);
+    EXPECT_EQ(parsed.camera.unitSeed, 4u);
+    EXPECT_EQ(parsed.camera.width, 320);
+    EXPECT_DOUBLE_EQ(parsed.camera.prnuSigma, profiles::phone(4).prnuSigma);
+    o.str("");
+    ASSERT_EQ(runCommandLine({"--profile=dslr", "--size", "96x64", "--count", "2", "--scene", "flat", "--out",
+                              path("profiled"), "--format", "png"},
+                             o, e),
+              0)
+        << e.str();
+    EXPECT_EQ(readExif(path("profiled/img_0001.png")).model, profiles::dslr(1).model);
+    const Camera dslrCamera([] {
+        CameraConfig c = profiles::dslr(1);
+        c.width = 96;
+        c.height = 64;
+        return c;
+    }());
+    ShotConfig drawn = profiles::referenceShot(profiles::Profile::Dslr, combineSeeds(1, 2));
+    drawn.format = FileFormat::Png;
+    EXPECT_EQ(readImage(path("profiled/img_0002.png")).samples, dslrCamera.render(drawn).samples);
 
     // An output folder that cannot be made is a failure, not a usage error.
     std::ofstream(path("plainfile")) << "x";

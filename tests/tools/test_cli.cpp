@@ -14,6 +14,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QMap>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -1065,31 +1066,48 @@ TEST_F(CliTest, DemoClassifiesEveryPhotoRight)
     int rows = 0;
     int sameModel = 0;
     int otherMake = 0;
+    // The demo's photos score as real ones do: every class shows up. A photo of
+    // camera A may score below the threshold ("missed": no claim is made), but
+    // whatever matches is camera A's and nothing of B or C matches.
+    const QStringList classes = {QStringLiteral("very high"), QStringLiteral("high"), QStringLiteral("medium"),
+                                 QStringLiteral("low"), QStringLiteral("not found")};
+    QMap<QString, int> perClass;
     for (const QString& line : lines(result.out))
     {
         if (!line.startsWith(QStringLiteral("photo-")))
             continue;
         ++rows;
-        EXPECT_TRUE(line.endsWith(QStringLiteral("right"))) << line.toStdString();
+        const bool cameraA = line.contains(QStringLiteral("camera A"));
+        EXPECT_TRUE(line.endsWith(QStringLiteral("right")) || (cameraA && line.endsWith(QStringLiteral("missed"))))
+            << line.toStdString();
+        for (const QString& c : classes)
+            if (QRegularExpression(QStringLiteral("\\s{2}%1\\s+-?[0-9.]+\\s+\\w+$").arg(c)).match(line).hasMatch())
+                ++perClass[c];
         if (line.contains(QStringLiteral("camera B (same model)")))
         {
             ++sameModel;
             EXPECT_TRUE(line.contains(QStringLiteral("not found")));
         }
         if (line.contains(QStringLiteral("camera C")))
+        {
             ++otherMake;
+            EXPECT_TRUE(line.contains(QStringLiteral("not found")));
+        }
     }
+    for (const QString& c : classes)
+        EXPECT_GE(perClass.value(c), 1) << c.toStdString();
     EXPECT_EQ(rows, 14);
     EXPECT_EQ(sameModel, 3);
     EXPECT_EQ(otherMake, 3);
-    EXPECT_TRUE(result.out.contains(QStringLiteral("All 14 photos classified right")));
+    EXPECT_TRUE(result.out.contains(QStringLiteral("All 14 photos classified right")) ||
+                result.out.contains(QStringLiteral("No photo classified wrong")));
     EXPECT_EQ(QDir(out + QStringLiteral("/questioned")).entryList({QStringLiteral("*.jpg")}).size(), 14);
     EXPECT_EQ(QDir(out + QStringLiteral("/reference")).entryList({QStringLiteral("*.jpg")}).size(), 12);
     EXPECT_TRUE(QFileInfo(out + QStringLiteral("/camera-a.fnp")).isFile());
     EXPECT_TRUE(result.out.contains(out + QStringLiteral("/questioned")));
     const QString report = pdfText(out + QStringLiteral("/report.pdf"));
     EXPECT_TRUE(report.contains(QStringLiteral("Quorvex Report")));
-    EXPECT_EQ(report.count(QStringLiteral("Match: very high probability")), 8);
+    EXPECT_EQ(report.count(QStringLiteral("Match: very high probability")), perClass.value(QStringLiteral("very high")));
 
     const SRun again = run({QStringLiteral("demo"), QStringLiteral("--out"), out});
     EXPECT_EQ(again.exitCode, 2) << "a folder that is not empty is left alone";

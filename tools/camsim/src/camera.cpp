@@ -56,6 +56,70 @@ void require(bool ok, const std::string& message)
         throw Error(message);
 }
 
+// In-camera noise reduction and sharpening, one channel at a time. Both work
+// on the 3x3 neighbourhood (mirrored at the borders).
+void processImage(Image& image, double denoise, double sharpen)
+{
+    if (denoise <= 0 && sharpen <= 0)
+        return;
+    const int w = image.width;
+    const int h = image.height;
+    const float maxValue = static_cast<float>(image.maxValue());
+    const float threshold = 0.04f * maxValue;
+    const float strength = static_cast<float>(denoise);
+    const float amount = static_cast<float>(sharpen);
+    const auto mirror = [](int i, int n) { return i < 0 ? std::min(1, n - 1) : (i >= n ? std::max(0, n - 2) : i); };
+    std::vector<float> plane(static_cast<size_t>(w) * static_cast<size_t>(h));
+    std::vector<float> smooth(plane.size());
+    for (int c = 0; c < 3; ++c)
+    {
+        for (size_t i = 0; i < plane.size(); ++i)
+            plane[i] = image.samples[i * 3 + static_cast<size_t>(c)];
+        const auto at = [&](int x, int y)
+        { return plane[static_cast<size_t>(mirror(y, h)) * static_cast<size_t>(w) + static_cast<size_t>(mirror(x, w))]; };
+        if (strength > 0)
+        {
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                {
+                    const float centre = at(x, y);
+                    float sum = 0;
+                    int count = 0;
+                    for (int dy = -1; dy <= 1; ++dy)
+                        for (int dx = -1; dx <= 1; ++dx)
+                        {
+                            const float v = at(x + dx, y + dy);
+                            if (std::abs(v - centre) < threshold)
+                            {
+                                sum += v;
+                                ++count;
+                            }
+                        }
+                    smooth[static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x)] =
+                        centre + strength * (sum / static_cast<float>(count) - centre);
+                }
+            plane.swap(smooth);
+        }
+        if (amount > 0)
+        {
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x)
+                {
+                    const float blur = (4 * at(x, y) + 2 * (at(x - 1, y) + at(x + 1, y) + at(x, y - 1) + at(x, y + 1)) +
+                                        at(x - 1, y - 1) + at(x + 1, y - 1) + at(x - 1, y + 1) + at(x + 1, y + 1)) /
+                                       16.0f;
+                    const float centre = at(x, y);
+                    smooth[static_cast<size_t>(y) * static_cast<size_t>(w) + static_cast<size_t>(x)] =
+                        centre + amount * (centre - blur);
+                }
+            plane.swap(smooth);
+        }
+        for (size_t i = 0; i < plane.size(); ++i)
+            image.samples[i * 3 + static_cast<size_t>(c)] =
+                static_cast<uint16_t>(std::clamp(plane[i], 0.0f, maxValue) + 0.5f);
+    }
+}
+
 } // namespace
 
 void validateCamera(const CameraConfig& s)
@@ -85,6 +149,8 @@ void validateShot(const CameraConfig& camera, const ShotConfig& shot)
 {
     require(shot.exposure > 0 && shot.exposure <= 100, "exposure must lie in (0, 100]");
     require(shot.quality >= 1 && shot.quality <= 100, "JPEG quality must lie in 1..100");
+    require(shot.denoise >= 0 && shot.denoise <= 1, "denoising must lie in [0, 1]");
+    require(shot.sharpen >= 0 && shot.sharpen <= 3, "sharpening must lie in [0, 3]");
     require(shot.bits == 8 || shot.bits == 16, "bits must be 8 or 16");
     require(shot.bits == 8 || shot.format != FileFormat::Jpeg, "JPEG holds 8 bits only");
     require(shot.rotation == 0 || shot.rotation == 90 || shot.rotation == 180 || shot.rotation == 270,
@@ -311,6 +377,7 @@ Image Camera::develop(const Plane& raw, int bits) const
 Image Camera::render(const ShotConfig& shot) const
 {
     Image image = develop(exposeRaw(shot), shot.bits);
+    processImage(image, shot.denoise, shot.sharpen);
     if (shot.cropWidth > 0)
     {
         const int x = shot.cropX >= 0 ? shot.cropX : (image.width - shot.cropWidth) / 2;

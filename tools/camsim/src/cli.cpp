@@ -52,6 +52,10 @@ std::string usageText()
            "Simulates photos of one virtual camera and writes DIR/<prefix>_0001.jpg and so on.\n"
            "\n"
            "Camera:\n"
+           "  --profile NAME       plain (default), dslr or phone: a calibrated camera whose photos\n"
+           "                       draw scene, exposure, quality and processing from a realistic mix\n"
+           "                       (with --scene flat: its reference shots); other camera options\n"
+           "                       still apply on top\n"
            "  --make TEXT          make (default Veltrano)\n"
            "  --model TEXT         model (default QX-1); make and model fix the model-level pattern\n"
            "  --unit N             unit seed: the individual camera (default 1)\n"
@@ -62,12 +66,14 @@ std::string usageText()
            "  --count N            number of photos (default 1)\n"
            "  --first N            number of the first photo (default 1)\n"
            "  --seed N             seed of the scenes and noise (default 1)\n"
-           "  --scene KIND         flat, gradient, texture, edges or natural (default natural)\n"
+           "  --scene KIND         flat, gradient, texture, edges, natural, foliage or sky (default natural)\n"
            "  --exposure X         mean linear level, fraction of white (default 0.25; 0.02 dark, >1 "
            "clipped)\n"
            "  --format F           jpeg, tiff or png (default jpeg)\n"
            "  --bits 8|16          sample depth, 16 for tiff and png only (default 8)\n"
            "  --quality Q          JPEG quality 1..100 (default 92)\n"
+           "  --denoise X          in-camera noise reduction 0..1 (default 0)\n"
+           "  --sharpen X          in-camera sharpening 0..3 (default 0)\n"
            "  --crop WxH[+X+Y]     crop in sensor coordinates, centred without +X+Y\n"
            "  --rotate DEG         turn the stored pixels clockwise: 0, 90, 180, 270 (after the crop)\n"
            "  --orientation N      EXIF orientation tag 1..8, 0 for none (default 1), independent of "
@@ -82,6 +88,21 @@ std::string usageText()
 std::string parseCommandLine(const std::vector<std::string>& args, CommandLine& result)
 {
     CommandLine r;
+    // The profile sets the camera first, so the other options change it.
+    for (size_t i = 0; i < args.size(); ++i)
+    {
+        std::string value;
+        if (args[i] == "--profile" && i + 1 < args.size())
+            value = args[i + 1];
+        else if (args[i].rfind("--profile=", 0) == 0)
+            value = args[i].substr(10);
+        else
+            continue;
+        if (!profiles::parseProfile(value, r.profile))
+            return "bad value '" + value + "' for --profile (plain, dslr or phone)";
+        r.camera = profiles::camera(r.profile, 1);
+    }
+    std::vector<std::string> drawn; // options the profile draws per photo
     for (size_t i = 0; i < args.size(); ++i)
     {
         std::string name = args[i];
@@ -113,6 +134,11 @@ std::string parseCommandLine(const std::vector<std::string>& args, CommandLine& 
             value = args[++i];
         }
         const std::string bad = "bad value '" + value + "' for " + name;
+        if (name == "--profile")
+            continue; // handled above
+        if (name == "--exposure" || name == "--quality" || name == "--denoise" || name == "--sharpen" ||
+            (name == "--scene" && value != "flat" && value != "natural"))
+            drawn.push_back(name);
         if (name == "--make")
             r.camera.make = value;
         else if (name == "--model")
@@ -152,7 +178,7 @@ std::string parseCommandLine(const std::vector<std::string>& args, CommandLine& 
         else if (name == "--scene")
         {
             if (!parseSceneKind(value, r.shot.scene))
-                return bad + " (flat, gradient, texture, edges or natural)";
+                return bad + " (flat, gradient, texture, edges, natural, foliage or sky)";
         }
         else if (name == "--exposure")
         {
@@ -172,6 +198,16 @@ std::string parseCommandLine(const std::vector<std::string>& args, CommandLine& 
         else if (name == "--quality")
         {
             if (!parseNumber(value, r.shot.quality))
+                return bad;
+        }
+        else if (name == "--denoise")
+        {
+            if (!parseNumber(value, r.shot.denoise))
+                return bad;
+        }
+        else if (name == "--sharpen")
+        {
+            if (!parseNumber(value, r.shot.sharpen))
                 return bad;
         }
         else if (name == "--crop")
@@ -198,6 +234,8 @@ std::string parseCommandLine(const std::vector<std::string>& args, CommandLine& 
     }
     if (!r.help)
     {
+        if (r.profile != profiles::Profile::Plain && !drawn.empty())
+            return drawn.front() + " cannot be given with --profile, which draws it for every photo";
         if (r.outDir.empty())
             return "--out DIR is required";
         if (r.prefix.empty() || r.prefix.find('/') != std::string::npos)
@@ -244,6 +282,17 @@ int runCommandLine(const std::vector<std::string>& args, std::ostream& out, std:
         {
             ShotConfig shot = options.shot;
             shot.sceneSeed = combineSeeds(options.seed, static_cast<uint64_t>(n));
+            if (options.profile != profiles::Profile::Plain)
+            {
+                const ShotConfig drawn = options.shot.scene == SceneKind::Flat
+                                             ? profiles::referenceShot(options.profile, shot.sceneSeed)
+                                             : profiles::naturalShot(options.profile, shot.sceneSeed);
+                shot.scene = drawn.scene;
+                shot.exposure = drawn.exposure;
+                shot.quality = drawn.quality;
+                shot.denoise = drawn.denoise;
+                shot.sharpen = drawn.sharpen;
+            }
             char name[32];
             std::snprintf(name, sizeof name, "_%04d.", n);
             const std::string path = (std::filesystem::path(options.outDir) /

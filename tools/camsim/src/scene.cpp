@@ -85,14 +85,18 @@ const char* sceneKindName(SceneKind kind)
         return "edges";
     case SceneKind::Natural:
         return "natural";
+    case SceneKind::Foliage:
+        return "foliage";
+    case SceneKind::Sky:
+        return "sky";
     }
     return "?";
 }
 
 bool parseSceneKind(const std::string& name, SceneKind& kind)
 {
-    for (SceneKind k :
-         {SceneKind::Flat, SceneKind::Gradient, SceneKind::Texture, SceneKind::Edges, SceneKind::Natural})
+    for (SceneKind k : {SceneKind::Flat, SceneKind::Gradient, SceneKind::Texture, SceneKind::Edges,
+                        SceneKind::Natural, SceneKind::Foliage, SceneKind::Sky})
     {
         if (name == sceneKindName(k))
         {
@@ -230,6 +234,8 @@ Scene::Scene(SceneKind kind, uint64_t seed, int width, int height)
         d.edgeSoftness = 0.7;
         break;
     case SceneKind::Natural:
+    case SceneKind::Foliage:
+    case SceneKind::Sky:
     {
         // Lighting that varies smoothly across the frame (sky, shade, lamps).
         for (double f : {2.5, 5.0, 10.0})
@@ -240,7 +246,14 @@ Scene::Scene(SceneKind kind, uint64_t seed, int width, int height)
         for (int c = 0; c < 3; ++c)
             d.tint.emplace_back(random, width, height, size / 4.0);
         d.tintAmplitude = 0.25f;
-        randomTint(d.background, 0.6, 0.15);
+        // Above the horizon: the background, a bright bluish sky in Sky scenes.
+        if (kind == SceneKind::Sky)
+        {
+            randomTint(d.background, 8.0, 0.05);
+            d.background[2] *= 1.3f;
+        }
+        else
+            randomTint(d.background, 0.6, 0.15);
         // A horizon-like straight edge, then objects.
         Shape horizon;
         horizon.type = Shape::HalfPlane;
@@ -252,13 +265,38 @@ Scene::Scene(SceneKind kind, uint64_t seed, int width, int height)
         horizon.rowFirst = 0;
         horizon.rowLast = height - 1;
         d.shapes.push_back(horizon);
+        if (kind == SceneKind::Sky)
+            horizon.offset = horizon.cosA * width / 2.0 + horizon.sinA * height * random.uniform(0.3, 0.55);
+        // Objects stand on the ground, under the sky.
+        const size_t firstObject = d.shapes.size();
         addShapes(6 + random.below(9), 0.03, 0.2, 0.8, 0.3);
-        // Grass, foliage, fabric: fine texture in patches.
-        d.textureMask.emplace_back(random, width, height, size / 6.0);
-        for (double cell : {2.5, 6.0})
+        if (kind == SceneKind::Sky)
+            for (size_t i = firstObject; i < d.shapes.size(); ++i)
+            {
+                Shape& s = d.shapes[i];
+                s.cy = std::max(s.cy, height * 0.6);
+                const double reach = s.type == Shape::Disk ? s.halfWidth : std::hypot(s.halfWidth, s.halfHeight);
+                s.rowFirst = std::max(0, static_cast<int>(std::floor(s.cy - reach - 2)));
+                s.rowLast = std::min(height - 1, static_cast<int>(std::ceil(s.cy + reach + 2)));
+            }
+        if (kind == SceneKind::Foliage)
         {
-            d.texture.emplace_back(random, width, height, cell);
-            d.textureAmplitude.push_back(cell < 3.0 ? 0.12f : 0.09f);
+            // Leaves everywhere: strong texture down to the pixel scale, no plain patches.
+            for (double cell : {1.3, 2.5, 5.0})
+            {
+                d.texture.emplace_back(random, width, height, cell);
+                d.textureAmplitude.push_back(0.3f);
+            }
+        }
+        else
+        {
+            // Grass, foliage, fabric: fine texture in patches.
+            d.textureMask.emplace_back(random, width, height, size / 6.0);
+            for (double cell : {2.5, 6.0})
+            {
+                d.texture.emplace_back(random, width, height, cell);
+                d.textureAmplitude.push_back(cell < 3.0 ? 0.12f : 0.09f);
+            }
         }
         d.edgeSoftness = 1.2;
         break;

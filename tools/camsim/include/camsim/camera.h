@@ -61,6 +61,13 @@ struct ShotConfig
     // ordinary photo, 0.02 a dark one, above 1 mostly clipped.
     double exposure = 0.25;
 
+    // In-camera processing of the developed pixels, stronger the higher the ISO.
+    // denoise 0..1: how far each pixel moves to the mean of its 3x3 neighbours
+    // that differ from it by less than 4 % of full scale (edges are kept).
+    // sharpen 0..3: unsharp-mask amount over a 3x3 blur.
+    double denoise = 0.0;
+    double sharpen = 0.0;
+
     FileFormat format = FileFormat::Jpeg;
     int quality = 92; // JPEG only
     int bits = 8;     // 16 for PNG and TIFF only

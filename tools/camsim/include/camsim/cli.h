@@ -1,6 +1,7 @@
 #pragma once
 
 #include "camsim/camera.h"
+#include "camsim/profiles.h"
 
 #include <cstdint>
 #include <iosfwd>
@@ -22,6 +23,10 @@ struct CommandLine
     std::string outDir;
     std::string prefix = "img";
     bool help = false;
+    // Not Plain: the camera is the profile's, and every photo's scene kind,
+    // exposure, quality and processing are drawn from its mix (flat scenes
+    // from its reference shots).
+    profiles::Profile profile = profiles::Profile::Plain;
 };
 
 std::string usageText();

@@ -17,6 +17,8 @@ enum class SceneKind
     Texture,  // fine multi-scale texture over the whole frame
     Edges,    // hard-edged shapes on a plain background
     Natural,  // smooth lighting, coloured objects, textured patches and edges
+    Foliage,  // a natural scene covered with dense fine texture (leaves, grass)
+    Sky,      // a natural scene under a bright sky, about 8 times the ground's level
 };
 
 const char* sceneKindName(SceneKind kind);
