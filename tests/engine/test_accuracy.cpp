@@ -132,7 +132,9 @@ TEST_F(Accuracy, ScoresSpreadOverTheDecisionRegionOtherUnitNeverMatches)
         ASSERT_EQ(other.code, LUMICREST_OK) << other.json;
         EXPECT_EQ(mine.matched(), mine.pce() >= 60) << mine.json;
         if (mine.matched())
+        {
             EXPECT_EQ(mine.orientation(), 0) << mine.json;
+        }
         EXPECT_FALSE(other.matched()) << other.json;
         EXPECT_LT(other.pce(), 25) << other.json;
         same.push_back(mine.pce());
