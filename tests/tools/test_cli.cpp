@@ -1224,6 +1224,31 @@ TEST_F(CliTest, ValidateCountsEveryPairOnce)
     const QString report = pdfText(reportPath);
     EXPECT_TRUE(report.contains(out.last())) << report.toStdString();
     EXPECT_TRUE(report.contains(QStringLiteral("crop-1600x1200")));
+
+#ifdef Q_OS_UNIX
+    // Stopped while matching, the study leaves no fingerprint or copy behind.
+    const QString temp = path(QStringLiteral("study-temp"));
+    ASSERT_TRUE(QDir().mkpath(temp));
+    QProcess process;
+    QProcessEnvironment env = childEnvironment(s_dir->path());
+    env.insert(QStringLiteral("TMPDIR"), temp);
+    process.setProcessEnvironment(env);
+    process.start(QStringLiteral(QUORVEX_CLI_PATH),
+                  {QStringLiteral("validate"), QStringLiteral("--variants"), QStringLiteral("--threads"),
+                   QStringLiteral("1"), set.path()});
+    ASSERT_TRUE(process.waitForStarted());
+    process.setReadChannel(QProcess::StandardError);
+    QByteArray err;
+    while (!err.contains("matching") && process.waitForReadyRead(60000))
+        err += process.readAllStandardError();
+    ASSERT_TRUE(err.contains("matching"));
+    ASSERT_FALSE(QDir(temp).isEmpty()) << "the fingerprints are there while it runs";
+    ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), SIGTERM), 0);
+    ASSERT_TRUE(process.waitForFinished(60000));
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 130) << (err + process.readAllStandardError()).toStdString();
+    EXPECT_TRUE(QDir(temp).entryList({QStringLiteral("quorvex-*")}, QDir::AllEntries | QDir::Hidden).isEmpty());
+#endif
 }
 
 TEST(CliFormat, CsvFieldsAreQuotedOnlyWhenNeeded)

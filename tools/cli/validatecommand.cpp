@@ -426,6 +426,7 @@ int runValidate(const SCommandLine& commandLine)
         if (!files.isEmpty())
         {
             CAnalyzeJob job(files, device.fingerprint, false, commandLine.threads);
+            job.setInterruptBaseline(interruptsAtStart);
             CConsole::note(QStringLiteral("matching %1 photos against %2 on %3 %4")
                                .arg(files.size())
                                .arg(device.name)
