@@ -1128,7 +1128,8 @@ TEST_F(CliTest, ValidateCountsEveryPairOnce)
         ASSERT_TRUE(QFile::copy(s_references.at(i), set.filePath(QStringLiteral("cam-a/reference/r%1.jpg").arg(i))));
     for (int i = 0; i < 3; ++i)
         ASSERT_TRUE(QFile::copy(s_questioned.at(i), set.filePath(QStringLiteral("cam-a/questioned/q%1.jpg").arg(i))));
-    ASSERT_TRUE(QFile::copy(path(QStringLiteral("extra/broken.jpg")), set.filePath(QStringLiteral("cam-a/questioned/x.jpg"))));
+    ASSERT_TRUE(QFile::copy(path(QStringLiteral("extra/broken.jpg")),
+                            set.filePath(QStringLiteral("cam-a/questioned/x.jpg"))));
     const camsim::Camera b(unit(2));
     for (int i = 0; i < 3; ++i)
         shoot(b, i == 0 ? camsim::SceneKind::Flat : camsim::SceneKind::Gradient, 50 + static_cast<uint64_t>(i),
@@ -1138,7 +1139,8 @@ TEST_F(CliTest, ValidateCountsEveryPairOnce)
     camsim::CameraConfig larger = unit(2);
     larger.width = 1280;
     larger.height = 960;
-    shoot(camsim::Camera(larger), camsim::SceneKind::Natural, 60, set.filePath(QStringLiteral("cam-b/questioned/z.jpg")));
+    shoot(camsim::Camera(larger), camsim::SceneKind::Natural, 60,
+          set.filePath(QStringLiteral("cam-b/questioned/z.jpg")));
     ASSERT_TRUE(QFile::copy(s_references.at(0), set.filePath(QStringLiteral("cam-c/reference/r.jpg"))));
 
     // An output that would replace a photo is refused before anything runs.
@@ -1337,7 +1339,8 @@ TEST(CliFormat, ValidationStatistics)
                                                       "weakest true PCE 55.0, strongest false PCE 70.0"));
     EXPECT_EQ(cli::confusionTable(pairs, {QStringLiteral("a"), QStringLiteral("b")},
                                   {QStringLiteral("a"), QStringLiteral("b")}),
-              QStringList({QStringLiteral("fingerprint  a         b"), QStringLiteral("a            1/1 +1nc  0/1 +1nc"),
+              QStringList({QStringLiteral("fingerprint  a         b"),
+                           QStringLiteral("a            1/1 +1nc  0/1 +1nc"),
                            QStringLiteral("b            1/1       0/1")}));
     EXPECT_EQ(cli::validationJsonLine(pairs.at(1)),
               QStringLiteral("{\"fingerprint\":\"a\",\"photo\":\"/s/a/q.jpg\",\"variant\":\"original\","
@@ -1379,7 +1382,8 @@ TEST(CliCommandLine, ValuesAndOrder)
     EXPECT_FALSE(same.error.isEmpty());
 
     const cli::SCommandLine study = cli::parseCommandLine(
-        {QStringLiteral("validate"), QStringLiteral("--variants"), QStringLiteral("--report=r.pdf"), QStringLiteral("s")});
+        {QStringLiteral("validate"), QStringLiteral("--variants"), QStringLiteral("--report=r.pdf"),
+         QStringLiteral("s")});
     ASSERT_EQ(study.command, cli::ECommand::Validate) << study.error.toStdString();
     EXPECT_TRUE(study.variants);
     EXPECT_EQ(study.reportFile, QStringLiteral("r.pdf"));

@@ -28,7 +28,8 @@ TEST(ValidateRealSet, NoFalseMatchAndNoMissedPhoto)
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
     process.setProcessEnvironment(env);
     process.setWorkingDirectory(dir.path());
-    process.start(QStringLiteral(QUORVEX_CLI_PATH), {QStringLiteral("validate"), QStringLiteral("--json"), json, set});
+    process.start(QStringLiteral(QUORVEX_CLI_PATH),
+                  {QStringLiteral("validate"), QStringLiteral("--json"), json, set});
     ASSERT_TRUE(process.waitForFinished(1700000));
     const QString out = QString::fromUtf8(process.readAllStandardOutput());
     ASSERT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
@@ -44,8 +45,8 @@ TEST(ValidateRealSet, NoFalseMatchAndNoMissedPhoto)
         const bool compared = o.value(QStringLiteral("status")).toString() == QStringLiteral("success") &&
                               o.value(QStringLiteral("reason")).toString().isEmpty();
         const bool matched = o.value(QStringLiteral("matched")).toBool();
-        const std::string pair = QString(o.value(QStringLiteral("fingerprint")).toString() + QStringLiteral(" x ") +
-                                         o.value(QStringLiteral("photo")).toString())
+        const std::string pair = QString(o.value(QStringLiteral("fingerprint")).toString() +
+                                         QStringLiteral(" x ") + o.value(QStringLiteral("photo")).toString())
                                      .toStdString();
         if (o.value(QStringLiteral("true_pair")).toBool())
             EXPECT_TRUE(compared && matched) << "missed: " << pair;

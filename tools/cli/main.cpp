@@ -22,7 +22,8 @@ int main(int argc, char** argv)
         qputenv("QT_QPA_PLATFORM", "offscreen");
         // Setting up the platform remarks on the environment ("XDG_RUNTIME_DIR not
         // set"), which would only mix into the tool's own messages.
-        const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+        const QtMessageHandler previous =
+            qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
         app = std::make_unique<QGuiApplication>(argc, argv);
         qInstallMessageHandler(previous);
     }

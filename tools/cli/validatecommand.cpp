@@ -36,7 +36,7 @@ struct SDevice
     QString name;
     QFileInfoList references;
     QList<QPair<QString, QString>> questioned; // path, and why it cannot be analysed (else empty)
-    QString failure;                            // why learning failed
+    QString failure;                           // why learning failed
     std::shared_ptr<const CFingerprint> fingerprint;
 };
 
@@ -53,9 +53,9 @@ struct SEntry
 const QStringList& variantNames()
 {
     static const QStringList names = {
-        QStringLiteral("original"),      QStringLiteral("rotated-90"),     QStringLiteral("exif-rotated"),
+        QStringLiteral("original"),       QStringLiteral("rotated-90"),    QStringLiteral("exif-rotated"),
         QStringLiteral("crop-1600x1200"), QStringLiteral("crop-1024x768"), QStringLiteral("jpeg-75"),
-        QStringLiteral("scaled-80"),     QStringLiteral("scaled-50"),
+        QStringLiteral("scaled-80"),      QStringLiteral("scaled-50"),
     };
     return names;
 }
@@ -83,8 +83,8 @@ QString readSet(const QString& setPath, QList<SDevice>& devices)
         const QString questioned = device.filePath(QStringLiteral("questioned"));
         if (!QFileInfo(reference).isDir() || !QFileInfo(questioned).isDir())
         {
-            CConsole::warning(QStringLiteral("%1: no reference/ and questioned/ folders; left out")
-                                  .arg(folder.filePath()));
+            CConsole::warning(
+                QStringLiteral("%1: no reference/ and questioned/ folders; left out").arg(folder.filePath()));
             continue;
         }
         SDevice entry;
@@ -101,7 +101,8 @@ QString readSet(const QString& setPath, QList<SDevice>& devices)
         devices.append(entry);
     }
     if (devices.isEmpty())
-        return QStringLiteral("no device in %1: each needs DEVICE/reference/ and DEVICE/questioned/").arg(setPath);
+        return QStringLiteral("no device in %1: each needs DEVICE/reference/ and DEVICE/questioned/")
+            .arg(setPath);
     return QString();
 }
 
@@ -171,7 +172,8 @@ QString saveJpeg(const QImage& image, const QString& path, int quality)
 {
     QImageWriter writer(path, "jpeg");
     writer.setQuality(quality);
-    return writer.write(image) ? QString() : QStringLiteral("the copy cannot be written: %1").arg(writer.errorString());
+    return writer.write(image) ? QString()
+                               : QStringLiteral("the copy cannot be written: %1").arg(writer.errorString());
 }
 
 // A copy whose only change is the EXIF orientation tag: shown turned by 90°,
@@ -215,7 +217,8 @@ QList<SEntry> makeCopies(const QString& device, const QString& original, const Q
     reader.setAutoTransform(false);
     const QImage image = reader.read();
     const QString readError =
-        image.isNull() ? QStringLiteral("the photo cannot be read for a copy: %1").arg(reader.errorString()) : QString();
+        image.isNull() ? QStringLiteral("the photo cannot be read for a copy: %1").arg(reader.errorString())
+                       : QString();
 
     const auto finish = [&](SEntry e, const std::function<QString()>& make)
     {
@@ -229,14 +232,16 @@ QList<SEntry> makeCopies(const QString& device, const QString& original, const Q
     };
     const auto pixels = [&](const QString& variant, const std::function<QImage()>& change, int quality)
     {
-        finish(entry(variant), [&]() -> QString {
-            if (!readError.isEmpty())
-                return readError;
-            const QImage changed = change();
-            if (changed.isNull())
-                return QStringLiteral("the photo is smaller than the crop");
-            return saveJpeg(changed, entry(variant).file, quality);
-        });
+        finish(entry(variant),
+               [&]() -> QString
+               {
+                   if (!readError.isEmpty())
+                       return readError;
+                   const QImage changed = change();
+                   if (changed.isNull())
+                       return QStringLiteral("the photo is smaller than the crop");
+                   return saveJpeg(changed, entry(variant).file, quality);
+               });
     };
     const auto crop = [&](int w, int h) -> QImage
     {
@@ -246,17 +251,24 @@ QList<SEntry> makeCopies(const QString& device, const QString& original, const Q
     };
     const auto scaled = [&](double factor)
     {
-        return image.scaled(qRound(image.width() * factor), qRound(image.height() * factor), Qt::IgnoreAspectRatio,
-                            Qt::SmoothTransformation);
+        return image.scaled(qRound(image.width() * factor), qRound(image.height() * factor),
+                            Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     };
-    pixels(QStringLiteral("rotated-90"), [&] { return image.transformed(QTransform().rotate(90)); }, CopyQuality);
+    pixels(
+        QStringLiteral("rotated-90"), [&] { return image.transformed(QTransform().rotate(90)); },
+        CopyQuality);
     finish(entry(QStringLiteral("exif-rotated")),
            [&] { return writeOrientationCopy(original, entry(QStringLiteral("exif-rotated")).file); });
-    pixels(QStringLiteral("crop-1600x1200"), [&] { return crop(1600, 1200); }, CopyQuality);
-    pixels(QStringLiteral("crop-1024x768"), [&] { return crop(1024, 768); }, CopyQuality);
-    pixels(QStringLiteral("jpeg-75"), [&] { return image; }, RecompressQuality);
-    pixels(QStringLiteral("scaled-80"), [&] { return scaled(0.8); }, CopyQuality);
-    pixels(QStringLiteral("scaled-50"), [&] { return scaled(0.5); }, CopyQuality);
+    pixels(
+        QStringLiteral("crop-1600x1200"), [&] { return crop(1600, 1200); }, CopyQuality);
+    pixels(
+        QStringLiteral("crop-1024x768"), [&] { return crop(1024, 768); }, CopyQuality);
+    pixels(
+        QStringLiteral("jpeg-75"), [&] { return image; }, RecompressQuality);
+    pixels(
+        QStringLiteral("scaled-80"), [&] { return scaled(0.8); }, CopyQuality);
+    pixels(
+        QStringLiteral("scaled-50"), [&] { return scaled(0.5); }, CopyQuality);
     return entries;
 }
 
@@ -351,7 +363,8 @@ int runValidate(const SCommandLine& commandLine)
         if (interruptedSince(interruptsAtStart))
             return stop();
         if (!device.failure.isEmpty())
-            CConsole::warning(QStringLiteral("%1 cannot be learned and is left out: %2").arg(device.name, device.failure));
+            CConsole::warning(
+                QStringLiteral("%1 cannot be learned and is left out: %2").arg(device.name, device.failure));
         else
             learned.append(device.name);
     }
@@ -370,7 +383,8 @@ int runValidate(const SCommandLine& commandLine)
     if (commandLine.variants)
     {
         CConsole::note(QStringLiteral("making changed copies of %1 photos").arg(photoCount));
-        copying = std::make_unique<CProgressLine>(QStringLiteral("Copied"), photoCount, CConsole::errIsTerminal());
+        copying =
+            std::make_unique<CProgressLine>(QStringLiteral("Copied"), photoCount, CConsole::errIsTerminal());
     }
     int copied = 0;
     for (const SDevice& device : devices)
@@ -379,8 +393,8 @@ int runValidate(const SCommandLine& commandLine)
             continue;
         for (const auto& photo : device.questioned)
         {
-            entries.append({device.name, photo.first, variantNames().first(), photo.second.isEmpty() ? photo.first : QString(),
-                            photo.second});
+            entries.append({device.name, photo.first, variantNames().first(),
+                            photo.second.isEmpty() ? photo.first : QString(), photo.second});
             if (!commandLine.variants)
                 continue;
             QList<SEntry> copies;
@@ -427,11 +441,12 @@ int runValidate(const SCommandLine& commandLine)
         {
             CAnalyzeJob job(files, device.fingerprint, false, commandLine.threads);
             job.setInterruptBaseline(interruptsAtStart);
-            CConsole::note(QStringLiteral("matching %1 photos against %2 on %3 %4")
-                               .arg(files.size())
-                               .arg(device.name)
-                               .arg(job.threadCount())
-                               .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
+            CConsole::note(
+                QStringLiteral("matching %1 photos against %2 on %3 %4")
+                    .arg(files.size())
+                    .arg(device.name)
+                    .arg(job.threadCount())
+                    .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
             const QList<SPhotoOutcome> outcomes = job.run();
             if (job.interrupted() || interruptedSince(interruptsAtStart))
                 return stop();
@@ -483,10 +498,12 @@ int runValidate(const SCommandLine& commandLine)
         }
         else
         {
-            deviceLines << QStringLiteral("  %1: left out, learning failed: %2").arg(device.name, device.failure);
+            deviceLines
+                << QStringLiteral("  %1: left out, learning failed: %2").arg(device.name, device.failure);
         }
     }
-    const QStringList variants = commandLine.variants ? variantNames() : QStringList(variantNames().mid(0, 1));
+    const QStringList variants =
+        commandLine.variants ? variantNames() : QStringList(variantNames().mid(0, 1));
 
     SValidationReport report;
     report.setPath = QFileInfo(setPath).absoluteFilePath();
@@ -502,13 +519,15 @@ int runValidate(const SCommandLine& commandLine)
         const QString error = writeValidationReport(report, commandLine.reportFile, temp.path());
         if (!error.isEmpty())
         {
-            CConsole::error(QStringLiteral("cannot write the report %1: %2").arg(commandLine.reportFile, error));
+            CConsole::error(
+                QStringLiteral("cannot write the report %1: %2").arg(commandLine.reportFile, error));
             exitCode = ExitFailure;
         }
         else
         {
-            reportLine = QStringLiteral("Report: %1").arg(QDir::toNativeSeparators(
-                QFileInfo(commandLine.reportFile).absoluteFilePath()));
+            reportLine =
+                QStringLiteral("Report: %1")
+                    .arg(QDir::toNativeSeparators(QFileInfo(commandLine.reportFile).absoluteFilePath()));
         }
         if (interruptedSince(interruptsAtStart))
             return stop();

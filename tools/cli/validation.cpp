@@ -243,8 +243,9 @@ QStringList statisticsLines(const QList<SValidationPair>& pairs)
 
 QStringList variantTable(const QList<SValidationPair>& pairs, const QStringList& variants)
 {
-    QStringList lines = {QStringLiteral("variant           true matched  not compared  false matched  not compared"
-                                        "  weakest true PCE  strongest false PCE")};
+    QStringList lines = {
+        QStringLiteral("variant           true matched  not compared  false matched  not compared"
+                       "  weakest true PCE  strongest false PCE")};
     for (const QString& variant : variants)
     {
         const SPairCounts c = countPairs(pairs, variant);
@@ -269,8 +270,9 @@ QStringList validationText(const SValidationReport& report)
                  .arg(report.fingerprints.size());
     lines << report.deviceLines;
     lines << QString();
-    lines << QStringLiteral("Original photos, matched/compared (+N nc: N pairs not compared); rows: fingerprint, "
-                            "columns: the photos' device");
+    lines << QStringLiteral(
+        "Original photos, matched/compared (+N nc: N pairs not compared); rows: fingerprint, "
+        "columns: the photos' device");
     lines << confusionTable(report.pairs, report.fingerprints, report.photoDevices);
     lines << QString();
     lines << statisticsLines(report.pairs);
@@ -284,11 +286,13 @@ QStringList validationText(const SValidationReport& report)
     for (const SValidationPair& pair : report.pairs)
         if (!pair.compared())
             notCompared << QStringLiteral("  %1 x %2 (%3): %4")
-                               .arg(pair.fingerprintDevice, pair.photoPath, pair.variant, pair.whyNotCompared());
+                               .arg(pair.fingerprintDevice, pair.photoPath, pair.variant,
+                                    pair.whyNotCompared());
     if (!notCompared.isEmpty())
     {
         lines << QString();
-        lines << QStringLiteral("Pairs not compared (%1), fingerprint x photo (variant): reason:").arg(notCompared.size());
+        lines << QStringLiteral("Pairs not compared (%1), fingerprint x photo (variant): reason:")
+                     .arg(notCompared.size());
         lines << notCompared;
     }
     return lines;

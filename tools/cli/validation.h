@@ -15,8 +15,8 @@ struct SValidationPair
 {
     QString fingerprintDevice;
     QString photoDevice;
-    QString photoPath; // the original photo, as listed
-    QString variant;   // "original", "rotated-90", ...
+    QString photoPath;      // the original photo, as listed
+    QString variant;        // "original", "rotated-90", ...
     bool processed = false; // the engine gave an answer
     QString reason;         // why the pair was not sent to the engine (a copy that could not be made)
     qutils::CQuorvexAPI::SAnalysisResult result;

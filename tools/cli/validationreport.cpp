@@ -55,8 +55,9 @@ void drawFrame(QPainter& painter, const SPlotArea& area, const QString& xLabel, 
     painter.setBrush(Qt::NoBrush);
     painter.drawRect(area.rect);
     painter.setFont(plotFont(13));
-    painter.drawText(QRectF(area.rect.left(), area.rect.bottom() + 30 * PlotScale, area.rect.width(), 22 * PlotScale),
-                     Qt::AlignCenter, xLabel);
+    painter.drawText(
+        QRectF(area.rect.left(), area.rect.bottom() + 30 * PlotScale, area.rect.width(), 22 * PlotScale),
+        Qt::AlignCenter, xLabel);
     painter.save();
     painter.translate(16 * PlotScale, area.rect.center().y());
     painter.rotate(-90);
@@ -191,8 +192,8 @@ QImage pceHistogram(const QList<SValidationPair>& pairs)
         drawYTick(painter, area, y, QString::number(y));
     drawXTick(painter, area, -1.0 / BinsPerDecade, QStringLiteral("\u2264 1"));
     for (int d = 1; d <= decades; ++d)
-        drawXTick(painter, area, d, d <= 4 ? QString::number(std::pow(10.0, d), 'f', 0)
-                                           : QStringLiteral("1e%1").arg(d));
+        drawXTick(painter, area, d,
+                  d <= 4 ? QString::number(std::pow(10.0, d), 'f', 0) : QStringLiteral("1e%1").arg(d));
     const auto drawBars = [&](const QVector<int>& counts, const QColor& colour, double offset)
     {
         QColor fill = colour;
@@ -241,7 +242,8 @@ QImage rocCurve(const QList<SValidationPair>& pairs)
     QImage image = blankPlot(520, 470);
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing);
-    SPlotArea area{QRectF(76 * PlotScale, 40 * PlotScale, 420 * PlotScale, 360 * PlotScale), 0.0, 1.0, 0.0, 1.0};
+    SPlotArea area{QRectF(76 * PlotScale, 40 * PlotScale, 420 * PlotScale, 360 * PlotScale), 0.0, 1.0, 0.0,
+                   1.0};
     painter.setFont(plotFont(15, true));
     painter.drawText(QRectF(0, 6 * PlotScale, image.width(), 26 * PlotScale), Qt::AlignCenter,
                      QStringLiteral("ROC over PCE (original photos)"));
@@ -263,7 +265,8 @@ QImage rocCurve(const QList<SValidationPair>& pairs)
             const double score = scored.at(i).first;
             for (; i < scored.size() && scored.at(i).first == score; ++i)
                 (scored.at(i).second ? tp : fp) += 1;
-            const QPointF point = area.at(static_cast<double>(fp) / negatives, static_cast<double>(tp) / positives);
+            const QPointF point =
+                area.at(static_cast<double>(fp) / negatives, static_cast<double>(tp) / positives);
             path.lineTo(point);
             if (score >= Threshold)
                 operating = point;
@@ -287,7 +290,8 @@ QImage rocCurve(const QList<SValidationPair>& pairs)
     return image;
 }
 
-QString writeValidationReport(const SValidationReport& report, const QString& pdfPath, const QString& workFolder)
+QString writeValidationReport(const SValidationReport& report, const QString& pdfPath,
+                              const QString& workFolder)
 {
     const QDir folder(workFolder);
     const QString histogramPath = folder.filePath(QStringLiteral("pce-histogram.png"));
@@ -312,17 +316,19 @@ QString writeValidationReport(const SValidationReport& report, const QString& pd
                 .arg(QDir::toNativeSeparators(report.setPath).toHtmlEscaped(),
                      QDateTime::currentDateTime().toString(Qt::ISODate));
     html += QStringLiteral("<p class=\"summary\">%1</p>").arg(summaryLine(report.pairs).toHtmlEscaped());
-    html += QStringLiteral("<p>A pair is a questioned photo and a device's fingerprint; it is true when the photo "
-                           "comes from that device. A pair matches at PCE 60 or more. Pairs the engine could not "
-                           "compare are counted apart, never as misses.</p>");
+    html += QStringLiteral(
+        "<p>A pair is a questioned photo and a device's fingerprint; it is true when the photo "
+        "comes from that device. A pair matches at PCE 60 or more. Pairs the engine could not "
+        "compare are counted apart, never as misses.</p>");
 
     html += QStringLiteral("<h2>Devices</h2><p>");
     for (const QString& line : report.deviceLines)
         html += line.trimmed().toHtmlEscaped() + QStringLiteral("<br/>");
     html += QStringLiteral("</p>");
 
-    html += QStringLiteral("<h2>Confusion table of the original photos</h2><p>matched/compared (+N nc: N pairs not "
-                           "compared); rows: fingerprint, columns: the photos' device</p>");
+    html += QStringLiteral(
+        "<h2>Confusion table of the original photos</h2><p>matched/compared (+N nc: N pairs not "
+        "compared); rows: fingerprint, columns: the photos' device</p>");
     const QList<QStringList> confusion =
         splitColumns(confusionTable(report.pairs, report.fingerprints, report.photoDevices));
     html += htmlTable(confusion.first(), confusion.mid(1));
@@ -334,14 +340,15 @@ QString writeValidationReport(const SValidationReport& report, const QString& pd
     {
         if (line.startsWith(QLatin1String("PCE ")) || line.startsWith(QLatin1String("true pairs ")) ||
             line.startsWith(QLatin1String("false pairs ")))
-            spread.append(line.split(QRegularExpression(QStringLiteral("\\s+(?=[-\\d])")), Qt::SkipEmptyParts));
+            spread.append(
+                line.split(QRegularExpression(QStringLiteral("\\s+(?=[-\\d])")), Qt::SkipEmptyParts));
         else if (!line.isEmpty())
             html += line.toHtmlEscaped() + QStringLiteral("<br/>");
     }
     html += QStringLiteral("</p>");
     if (!spread.isEmpty())
     {
-        spread.first() = QStringList{QStringLiteral("PCE"), QStringLiteral("pairs"), QStringLiteral("min"),
+        spread.first() = QStringList{QStringLiteral("PCE"), QStringLiteral("pairs"),  QStringLiteral("min"),
                                      QStringLiteral("10%"), QStringLiteral("median"), QStringLiteral("90%"),
                                      QStringLiteral("max")};
         html += htmlTable(spread.first(), spread.mid(1));
@@ -359,11 +366,12 @@ QString writeValidationReport(const SValidationReport& report, const QString& pd
 
     if (report.variants.size() > 1)
     {
-        html += QStringLiteral("<h2>Changed copies of the questioned photos</h2><p>rotated-90: pixels turned "
-                               "clockwise; exif-rotated: only the EXIF orientation tag changed; crops at a quarter "
-                               "of the spare width from the left and a third of the spare height from the top; "
-                               "jpeg-75: recompressed at quality 75; scaled: area-averaged. Geometric copies are "
-                               "saved as JPEG at quality 95.</p>");
+        html += QStringLiteral(
+            "<h2>Changed copies of the questioned photos</h2><p>rotated-90: pixels turned "
+            "clockwise; exif-rotated: only the EXIF orientation tag changed; crops at a quarter "
+            "of the spare width from the left and a third of the spare height from the top; "
+            "jpeg-75: recompressed at quality 75; scaled: area-averaged. Geometric copies are "
+            "saved as JPEG at quality 95.</p>");
         QList<QStringList> rows;
         for (const QString& variant : report.variants)
         {
@@ -374,17 +382,18 @@ QString writeValidationReport(const SValidationReport& report, const QString& pd
                          QString::number(c.falseNotCompared), pceText(c, report.pairs, true),
                          pceText(c, report.pairs, false)});
         }
-        html += htmlTable({QStringLiteral("variant"), QStringLiteral("true matched"), QStringLiteral("not compared"),
-                           QStringLiteral("false matched"), QStringLiteral("not compared"),
-                           QStringLiteral("weakest true PCE"), QStringLiteral("strongest false PCE")},
+        html += htmlTable({QStringLiteral("variant"), QStringLiteral("true matched"),
+                           QStringLiteral("not compared"), QStringLiteral("false matched"),
+                           QStringLiteral("not compared"), QStringLiteral("weakest true PCE"),
+                           QStringLiteral("strongest false PCE")},
                           rows);
     }
 
     QList<QStringList> notCompared;
     for (const SValidationPair& pair : report.pairs)
         if (!pair.compared())
-            notCompared.append({pair.fingerprintDevice, QDir::toNativeSeparators(pair.photoPath), pair.variant,
-                                pair.whyNotCompared()});
+            notCompared.append({pair.fingerprintDevice, QDir::toNativeSeparators(pair.photoPath),
+                                pair.variant, pair.whyNotCompared()});
     if (!notCompared.isEmpty())
     {
         html += QStringLiteral("<h2>Pairs not compared (%1)</h2>").arg(notCompared.size());
@@ -406,7 +415,8 @@ QString writeValidationReport(const SValidationReport& report, const QString& pd
         if (stream.status() != QTextStream::Ok || !file.flush())
             return QStringLiteral("the report document cannot be written to the temporary folder");
     }
-    auto conversion = qutils::makeTask<qutils::CHtmlToPdfTask>(htmlPath, QFileInfo(pdfPath).absoluteFilePath());
+    auto conversion =
+        qutils::makeTask<qutils::CHtmlToPdfTask>(htmlPath, QFileInfo(pdfPath).absoluteFilePath());
     conversion->setFooterLeft(QStringLiteral("Quorvex validation report"));
     try
     {

@@ -18,6 +18,7 @@ QImage rocCurve(const QList<SValidationPair>& pairs);
 // Writes the PDF validation report through the HTML converter, its working
 // files in workFolder; an error text when it cannot. Needs a GUI application
 // object (text is drawn into the plots).
-QString writeValidationReport(const SValidationReport& report, const QString& pdfPath, const QString& workFolder);
+QString writeValidationReport(const SValidationReport& report, const QString& pdfPath,
+                              const QString& workFolder);
 
 } // namespace cli
