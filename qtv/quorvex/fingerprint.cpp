@@ -633,14 +633,13 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
     result.probability = jsonText(answer.value(QStringLiteral("probability"))).toDouble();
     result.correlation = jsonText(answer.value(QStringLiteral("corr"))).toDouble();
     result.pce = jsonText(answer.value(QStringLiteral("pce"))).toDouble();
-    if (result.status != CQuorvexAPI::Success)
-    {
-        // The engine names the file first; every place that shows the reason
-        // shows the photo already.
-        result.reason = jsonText(answer.value(QStringLiteral("reason")));
-        const QString named = prepared + QStringLiteral(": ");
-        if (result.reason.startsWith(named))
-            result.reason.remove(0, named.size());
-    }
+    // A failure's account, or why a readable photo could not be compared at
+    // all ("size", "too small"): either way it is no verdict on the camera.
+    // The engine names the file first; every place that shows the reason
+    // shows the photo already.
+    result.reason = jsonText(answer.value(QStringLiteral("reason")));
+    const QString named = prepared + QStringLiteral(": ");
+    if (result.reason.startsWith(named))
+        result.reason.remove(0, named.size());
     return result;
 }

@@ -5,6 +5,7 @@
 #include "learnjob.h"
 #include "progressline.h"
 #include "resultformat.h"
+#include "validation.h"
 
 #include "camsim/camera.h"
 #include "camsim/imagefile.h"
@@ -573,6 +574,10 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("info"), fp, fp},
         {QStringLiteral("info"), QStringLiteral("--json=yes"), fp},
         {QStringLiteral("demo"), refs},
+        {QStringLiteral("validate")},
+        {QStringLiteral("validate"), refs, refs},
+        {QStringLiteral("validate"), QStringLiteral("--json"), QStringLiteral("-"), refs},
+        {QStringLiteral("validate"), QStringLiteral("--threads"), QStringLiteral("0"), refs},
         // Outputs that would destroy evidence or replace a device.
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--csv"), s_questioned.at(0),
          s_questioned.at(0), s_questioned.at(1)},
@@ -651,6 +656,14 @@ TEST_F(CliTest, MissingFilesAndFoldersExitWithTwo)
                   path(QStringLiteral("no/such/dir/out.csv")), s_questionedFolder});
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_TRUE(result.err.contains(QStringLiteral("out.csv")));
+
+    // A set that is missing, or has no DEVICE/reference/ and DEVICE/questioned/.
+    for (const QString& set : {missing, path(QStringLiteral("empty")), s_fingerprint})
+    {
+        result = run({QStringLiteral("validate"), set});
+        EXPECT_EQ(result.exitCode, 2) << set.toStdString();
+        EXPECT_TRUE(result.out.isEmpty());
+    }
 }
 
 TEST_F(CliTest, UnreadableFingerprintsExitWithTwo)
@@ -1033,6 +1046,9 @@ TEST_F(CliTest, HelpExplainsEveryOption)
                              "analyze",
                              "info",
                              "demo",
+                             "validate",
+                             "--variants",
+                             "SET_DIR",
                              "-o",
                              "--output",
                              "--recursive",
@@ -1116,6 +1132,145 @@ TEST_F(CliTest, DemoClassifiesEveryPhotoRight)
 
 // The pieces behind the outputs, directly.
 
+// A study of two cameras from the photos above: a broken file and a photo of
+// another size are counted as not compared, a device with too few reference
+// photos is left out, and the copies that cannot be made (a crop larger than
+// the photo) are not compared either.
+TEST_F(CliTest, ValidateCountsEveryPairOnce)
+{
+    const QDir set(path(QStringLiteral("set")));
+    for (const char* sub : {"cam-a/reference", "cam-a/questioned", "cam-b/reference", "cam-b/questioned",
+                            "cam-c/reference", "cam-c/questioned", "not-a-device"})
+        ASSERT_TRUE(set.mkpath(QString::fromLatin1(sub)));
+    for (int i = 0; i < s_references.size(); ++i)
+        ASSERT_TRUE(QFile::copy(s_references.at(i), set.filePath(QStringLiteral("cam-a/reference/r%1.jpg").arg(i))));
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(QFile::copy(s_questioned.at(i), set.filePath(QStringLiteral("cam-a/questioned/q%1.jpg").arg(i))));
+    ASSERT_TRUE(QFile::copy(path(QStringLiteral("extra/broken.jpg")),
+                            set.filePath(QStringLiteral("cam-a/questioned/x.jpg"))));
+    const camsim::Camera b(unit(2));
+    for (int i = 0; i < 3; ++i)
+        shoot(b, i == 0 ? camsim::SceneKind::Flat : camsim::SceneKind::Gradient, 50 + static_cast<uint64_t>(i),
+              set.filePath(QStringLiteral("cam-b/reference/r%1.jpg").arg(i)));
+    for (int i = 3; i < 5; ++i)
+        ASSERT_TRUE(QFile::copy(s_questioned.at(i), set.filePath(QStringLiteral("cam-b/questioned/q%1.jpg").arg(i))));
+    camsim::CameraConfig larger = unit(2);
+    larger.width = 1280;
+    larger.height = 960;
+    shoot(camsim::Camera(larger), camsim::SceneKind::Natural, 60,
+          set.filePath(QStringLiteral("cam-b/questioned/z.jpg")));
+    ASSERT_TRUE(QFile::copy(s_references.at(0), set.filePath(QStringLiteral("cam-c/reference/r.jpg"))));
+
+    // An output that would replace a photo is refused before anything runs.
+    const QString photo = set.filePath(QStringLiteral("cam-a/questioned/q0.jpg"));
+    const QByteArray photoBytes = readBytes(photo);
+    EXPECT_EQ(run({QStringLiteral("validate"), QStringLiteral("--json"), photo, set.path()}).exitCode, 1);
+    EXPECT_EQ(readBytes(photo), photoBytes);
+
+    const QString jsonPath = path(QStringLiteral("study.jsonl"));
+    const QString reportPath = path(QStringLiteral("study.pdf"));
+    const SRun result = run({QStringLiteral("validate"), QStringLiteral("--variants"), QStringLiteral("--json"),
+                             jsonPath, QStringLiteral("--report"), reportPath, set.path()},
+                            300000);
+    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
+    EXPECT_TRUE(result.err.contains(QStringLiteral("cam-c cannot be learned and is left out: not enough")));
+    EXPECT_TRUE(result.err.contains(QStringLiteral("not-a-device")));
+
+    const QList<QJsonObject> pairs = [&] {
+        QList<QJsonObject> objects;
+        for (const QString& line : lines(QString::fromUtf8(readBytes(jsonPath))))
+            objects.append(QJsonDocument::fromJson(line.toUtf8()).object());
+        return objects;
+    }();
+    const QStringList variants = {QStringLiteral("original"),      QStringLiteral("rotated-90"),
+                                  QStringLiteral("exif-rotated"),  QStringLiteral("crop-1600x1200"),
+                                  QStringLiteral("crop-1024x768"), QStringLiteral("jpeg-75"),
+                                  QStringLiteral("scaled-80"),     QStringLiteral("scaled-50")};
+    ASSERT_EQ(pairs.size(), 2 * 7 * variants.size()) << "two fingerprints, seven photos, every variant";
+    double weakestTrue = 1e300;
+    double strongestFalse = -1e300;
+    int trueCompared = 0;
+    int falseCompared = 0;
+    for (const QJsonObject& o : pairs)
+    {
+        SCOPED_TRACE(QJsonDocument(o).toJson(QJsonDocument::Compact).toStdString());
+        ASSERT_EQ(o.keys().size(), 9);
+        const QString fingerprint = o.value(QStringLiteral("fingerprint")).toString();
+        const QString photoPath = o.value(QStringLiteral("photo")).toString();
+        const QString variant = o.value(QStringLiteral("variant")).toString();
+        const bool truePair = o.value(QStringLiteral("true_pair")).toBool();
+        ASSERT_TRUE(variants.contains(variant));
+        EXPECT_TRUE(QFileInfo(photoPath).isAbsolute() && QFile::exists(photoPath)) << "the original photo";
+        EXPECT_EQ(truePair, photoPath.contains(QLatin1Char('/') + fingerprint + QLatin1Char('/')));
+        const bool compared = o.value(QStringLiteral("status")).toString() == QStringLiteral("success") &&
+                              o.value(QStringLiteral("reason")).toString().isEmpty();
+        // Not compared: the broken file, crops larger than the photo (q1 is portrait), and
+        // the larger photo unless cropped or scaled down to the fingerprint's size.
+        const QString name = QFileInfo(photoPath).fileName();
+        const bool expectCompared =
+            name != QLatin1String("x.jpg") && variant != variants.at(3) &&
+            !(name == QLatin1String("q1.jpg") && variant == variants.at(4)) &&
+            (name != QLatin1String("z.jpg") || variants.indexOf(variant) == 4 || variants.indexOf(variant) >= 6);
+        EXPECT_EQ(compared, expectCompared);
+        EXPECT_TRUE(compared || !o.value(QStringLiteral("matched")).toBool());
+        const double pce = o.value(QStringLiteral("pce")).toDouble();
+        if (variant == variants.at(0) && compared)
+        {
+            (truePair ? trueCompared : falseCompared) += 1;
+            if (truePair)
+                weakestTrue = qMin(weakestTrue, pce);
+            else
+                strongestFalse = qMax(strongestFalse, pce);
+            EXPECT_EQ(o.value(QStringLiteral("matched")).toBool(), truePair);
+        }
+    }
+    EXPECT_EQ(trueCompared, 5);
+    EXPECT_EQ(falseCompared, 5);
+
+    const QStringList out = lines(result.out);
+    ASSERT_FALSE(out.isEmpty());
+    EXPECT_EQ(out.last(), QStringLiteral("true pairs matched 5/5, false pairs matched 0/5, weakest true PCE %1, "
+                                         "strongest false PCE %2")
+                              .arg(weakestTrue, 0, 'f', 1)
+                              .arg(strongestFalse, 0, 'f', 1));
+    for (const QString& expected :
+         {QStringLiteral("cam-a        3/3 +1nc  0/2 +1nc"), QStringLiteral("cam-b        0/3 +1nc  2/2 +1nc"),
+          QStringLiteral("Not compared: 2 true pairs, 2 false pairs"),
+          QStringLiteral("AUC (a true pair scores above a false one): 1.0000"),
+          QStringLiteral("cam-c: left out, learning failed: not enough reference photos")})
+        EXPECT_TRUE(result.out.contains(expected)) << expected.toStdString() << "\n" << result.out.toStdString();
+    EXPECT_TRUE(result.out.contains(
+        QRegularExpression(QStringLiteral("\\ncrop-1600x1200 +0/0 +7 +0/0 +7 +- +-\\n"))));
+    const QString report = pdfText(reportPath);
+    EXPECT_TRUE(report.contains(out.last())) << report.toStdString();
+    EXPECT_TRUE(report.contains(QStringLiteral("crop-1600x1200")));
+
+#ifdef Q_OS_UNIX
+    // Stopped while matching, the study leaves no fingerprint or copy behind.
+    const QString temp = path(QStringLiteral("study-temp"));
+    ASSERT_TRUE(QDir().mkpath(temp));
+    QProcess process;
+    QProcessEnvironment env = childEnvironment(s_dir->path());
+    env.insert(QStringLiteral("TMPDIR"), temp);
+    process.setProcessEnvironment(env);
+    process.start(QStringLiteral(QUORVEX_CLI_PATH),
+                  {QStringLiteral("validate"), QStringLiteral("--variants"), QStringLiteral("--threads"),
+                   QStringLiteral("1"), set.path()});
+    ASSERT_TRUE(process.waitForStarted());
+    process.setReadChannel(QProcess::StandardError);
+    QByteArray err;
+    while (!err.contains("matching") && process.waitForReadyRead(60000))
+        err += process.readAllStandardError();
+    ASSERT_TRUE(err.contains("matching"));
+    ASSERT_FALSE(QDir(temp).isEmpty()) << "the fingerprints are there while it runs";
+    ASSERT_EQ(::kill(static_cast<pid_t>(process.processId()), SIGTERM), 0);
+    ASSERT_TRUE(process.waitForFinished(60000));
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 130) << (err + process.readAllStandardError()).toStdString();
+    EXPECT_TRUE(QDir(temp).entryList({QStringLiteral("quorvex-*")}, QDir::AllEntries | QDir::Hidden).isEmpty());
+#endif
+}
+
 TEST(CliFormat, CsvFieldsAreQuotedOnlyWhenNeeded)
 {
     EXPECT_EQ(cli::csvField(QStringLiteral("/a/b.jpg")), QStringLiteral("/a/b.jpg"));
@@ -1156,6 +1311,61 @@ TEST(CliFormat, OutcomesOfEveryKind)
                      QStringLiteral("Average time per image: 3.00 s")}));
 }
 
+TEST(CliFormat, ValidationStatistics)
+{
+    const struct
+    {
+        QList<double> truePces;
+        QList<double> falsePces;
+        double auc;
+        double median;
+        double p10; // of the true pairs
+    } cases[] = {
+        {{100, 200, 300}, {1, 2}, 1.0, 200, 120},
+        {{3, 1}, {1, 0}, 0.875, 2, 1.2},   // one tie counts half
+        {{5}, {5, 9}, 0.25, 5, 5},
+        {{}, {1}, -1.0, 0, 0},             // nothing to compare
+        {{-4, 10, 0, 7}, {}, -1.0, 3.5, -2.8},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.truePces.size());
+        EXPECT_DOUBLE_EQ(cli::areaUnderCurve(c.truePces, c.falsePces), c.auc);
+        const cli::SPceSpread spread = cli::pceSpread(c.truePces);
+        EXPECT_NEAR(spread.median, c.median, 1e-9);
+        EXPECT_NEAR(spread.p10, c.p10, 1e-9);
+    }
+
+    // A pair the engine answered with a reason is not compared, and neither is one it never saw.
+    const auto pair = [](const char* fp, const char* device, double pce, bool matched, const char* reason)
+    {
+        cli::SValidationPair p;
+        p.fingerprintDevice = QString::fromLatin1(fp);
+        p.photoDevice = QString::fromLatin1(device);
+        p.photoPath = QStringLiteral("/s/%1/q.jpg").arg(p.photoDevice);
+        p.variant = QStringLiteral("original");
+        p.processed = true;
+        p.result = {matched, 0.9, 0.01, qutils::CQuorvexAPI::Success, pce, QString::fromLatin1(reason)};
+        return p;
+    };
+    QList<cli::SValidationPair> pairs = {pair("a", "a", 139.24, true, ""), pair("a", "a", 0, false, "size"),
+                                         pair("a", "b", 4.56, false, ""), pair("b", "a", 70, true, ""),
+                                         pair("b", "b", 55, false, "")};
+    pairs.append(pairs.at(2));
+    pairs.last().processed = false;
+    EXPECT_EQ(cli::summaryLine(pairs), QStringLiteral("true pairs matched 1/2, false pairs matched 1/2, "
+                                                      "weakest true PCE 55.0, strongest false PCE 70.0"));
+    EXPECT_EQ(cli::confusionTable(pairs, {QStringLiteral("a"), QStringLiteral("b")},
+                                  {QStringLiteral("a"), QStringLiteral("b")}),
+              QStringList({QStringLiteral("fingerprint  a         b"),
+                           QStringLiteral("a            1/1 +1nc  0/1 +1nc"),
+                           QStringLiteral("b            1/1       0/1")}));
+    EXPECT_EQ(cli::validationJsonLine(pairs.at(1)),
+              QStringLiteral("{\"fingerprint\":\"a\",\"photo\":\"/s/a/q.jpg\",\"variant\":\"original\","
+                             "\"true_pair\":true,\"pce\":0,\"probability\":0.9,\"matched\":false,"
+                             "\"status\":\"success\",\"reason\":\"size\"}"));
+}
+
 TEST(CliFormat, ProgressAndLearningLines)
 {
     const cli::CProgressLine start(QStringLiteral("Analyzed"), 10, false);
@@ -1188,4 +1398,12 @@ TEST(CliCommandLine, ValuesAndOrder)
          QStringLiteral("r"), QStringLiteral("--csv"), QStringLiteral("r"), QStringLiteral("a")});
     EXPECT_EQ(same.command, cli::ECommand::None);
     EXPECT_FALSE(same.error.isEmpty());
+
+    const cli::SCommandLine study = cli::parseCommandLine(
+        {QStringLiteral("validate"), QStringLiteral("--variants"), QStringLiteral("--report=r.pdf"),
+         QStringLiteral("s")});
+    ASSERT_EQ(study.command, cli::ECommand::Validate) << study.error.toStdString();
+    EXPECT_TRUE(study.variants);
+    EXPECT_EQ(study.reportFile, QStringLiteral("r.pdf"));
+    EXPECT_EQ(study.paths, QStringList{QStringLiteral("s")});
 }

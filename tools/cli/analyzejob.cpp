@@ -51,7 +51,7 @@ int CAnalyzeJob::threadCount() const
 
 QList<SPhotoOutcome> CAnalyzeJob::run()
 {
-    m_interruptsSeen = qutils::platform::interruptCount();
+    m_interruptsSeen = m_interruptBaseline >= 0 ? m_interruptBaseline : qutils::platform::interruptCount();
     if (m_showProgress)
         m_progress = std::make_unique<CProgressLine>(QStringLiteral("Analyzed"), m_outcomes.size(),
                                                      CConsole::errIsTerminal());

@@ -39,6 +39,11 @@ public:
     // Whether progress goes to standard error (on by default).
     void setShowProgress(bool show) { m_showProgress = show; }
 
+    // Interrupts counted after this count stop the run; by default those
+    // after run() begins. A caller with earlier steps passes its own start, so
+    // a Ctrl-C just before the run is not lost.
+    void setInterruptBaseline(int count) { m_interruptBaseline = count; }
+
     // Runs until every photo is done or the run is stopped; the outcomes in list order.
     QList<SPhotoOutcome> run();
 
@@ -67,6 +72,7 @@ private:
     QEventLoop m_loop;
     QTimer m_tick;
     int m_interruptsSeen = 0;
+    int m_interruptBaseline = -1;
     bool m_interrupted = false;
     bool m_fingerprintUnreadable = false;
     double m_seconds = 0.0;

@@ -72,6 +72,8 @@ int runCli(const QStringList& arguments)
         return runInfo(commandLine);
     case ECommand::Demo:
         return runDemo(commandLine);
+    case ECommand::Validate:
+        return runValidate(commandLine);
     default:
         break;
     }

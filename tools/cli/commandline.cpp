@@ -97,6 +97,26 @@ QList<SOption> optionsFor(ECommand command)
                  return QString();
              }},
         };
+    case ECommand::Validate:
+        return {
+            {{QStringLiteral("--variants")},
+             false,
+             [](SCommandLine& c, const QString&)
+             {
+                 c.variants = true;
+                 return QString();
+             }},
+            {{QStringLiteral("--threads")},
+             true,
+             [](SCommandLine& c, const QString& v)
+             { return storeCount(c.threads, QStringLiteral("--threads"), v, 1024); }},
+            {{QStringLiteral("--json")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.jsonFile, v); }},
+            {{QStringLiteral("--report")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.reportFile, v); }},
+        };
     case ECommand::Demo:
         return {
             {{QStringLiteral("--out")},
@@ -139,6 +159,13 @@ QString checkComplete(const QString& name, SCommandLine& c)
             return QStringLiteral("'info' needs exactly one FILE.fnp");
         c.fingerprintFile = c.paths.takeFirst();
         return QString();
+    case ECommand::Validate:
+        if (c.paths.size() != 1)
+            return QStringLiteral("'validate' needs exactly one SET_DIR: a folder with a folder per device");
+        // The results go to standard output already; the lines must not mix.
+        if (c.jsonFile == QLatin1String("-"))
+            return QStringLiteral("'validate --json' needs a FILE");
+        return QString();
     case ECommand::Demo:
         if (!c.paths.isEmpty())
             return QStringLiteral("'demo' takes no PATH, only --out DIR");
@@ -175,9 +202,11 @@ SCommandLine parseCommandLine(const QStringList& arguments)
         result.command = ECommand::Info;
     else if (name == QLatin1String("demo"))
         result.command = ECommand::Demo;
+    else if (name == QLatin1String("validate"))
+        result.command = ECommand::Validate;
     else if (name.startsWith(QLatin1Char('-')))
         return failed(
-            QStringLiteral("unknown option '%1'; a command (learn, analyze, info, demo) comes first")
+            QStringLiteral("unknown option '%1'; a command (learn, analyze, info, demo, validate) comes first")
                 .arg(name));
     else
         return failed(QStringLiteral("unknown command '%1'").arg(name));
@@ -259,6 +288,8 @@ QString helpText()
         "                      [--json FILE|-] [--csv FILE] [--report FILE.pdf] PATH...\n"
         "  quorvex-cli info    [--json] FILE.fnp\n"
         "  quorvex-cli demo    [--out DIR]\n"
+        "  quorvex-cli validate [--variants] [--json FILE] [--report FILE.pdf] [--threads N]\n"
+        "                      SET_DIR\n"
         "  quorvex-cli --help | --version\n"
         "\n"
         "Tells which camera took a photo from the sensor's noise pattern: 'learn' builds a\n"
@@ -312,12 +343,40 @@ QString helpText()
         "  --out DIR                  where to put the photos and the fingerprint (a new or empty\n"
         "                             folder; default: a new folder in the temporary folder)\n"
         "\n"
+        "validate: a validation study on photos whose camera is known. SET_DIR holds a folder\n"
+        "per device, each with reference/ (photos to learn from) and questioned/ (photos to\n"
+        "match). Learns every device (one whose learning fails is reported and left out),\n"
+        "matches every questioned photo against every fingerprint on all cores and prints\n"
+        "the confusion table (fingerprint x photos' device: matched/compared), the true- and\n"
+        "false-positive rates at PCE 60, the PCE distribution of true and false pairs, the\n"
+        "AUC and the weakest true and strongest false pairs. Pairs the engine could not\n"
+        "compare are counted as not compared, never as misses. The last line sums it up:\n"
+        "'true pairs matched T/N, false pairs matched F/M, weakest true PCE x, strongest\n"
+        "false PCE y'. Exits 0 when the study ran, whatever its results.\n"
+        "  --variants                 also match changed copies of the questioned photos, made\n"
+        "                             in a temporary folder: rotated-90 (pixels, clockwise),\n"
+        "                             exif-rotated (only the EXIF orientation tag), crop-1600x1200\n"
+        "                             and crop-1024x768 (a quarter of the spare width from the\n"
+        "                             left, a third of the spare height from the top), jpeg-75\n"
+        "                             (recompressed at quality 75), scaled-80 and scaled-50\n"
+        "                             (area-averaged); geometric copies are saved as JPEG at\n"
+        "                             quality 95. Results are shown per variant\n"
+        "  --threads N                match N photos at a time (default: one per core)\n"
+        "  --json FILE                write one JSON object per pair and line; keys:\n"
+        "                             fingerprint (device), photo (path of the original),\n"
+        "                             variant, true_pair, pce, probability, matched, status,\n"
+        "                             reason (why a pair was not compared, else empty)\n"
+        "  --report FILE.pdf          also write a PDF validation report with the tables, PCE\n"
+        "                             histograms and the ROC curve\n"
+        "\n"
         "  -h, --help                 show this help\n"
         "  --version                  show the version\n"
         "\n"
         "Progress goes to standard error: one updating line on a terminal, otherwise a line\n"
         "every few seconds. Ctrl-C (or SIGTERM) during 'analyze' stops after the photos being\n"
-        "analyzed and writes the results so far, the rest as not processed.\n"
+        "analyzed and writes the results so far, the rest as not processed; during 'validate'\n"
+        "it stops after the photos being matched (or the device being learned) and removes\n"
+        "the temporary files.\n"
         "\n"
         "Exit codes: 0 done, 1 usage error, 2 failure, 130 interrupted.\n");
 }

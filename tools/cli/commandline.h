@@ -15,6 +15,7 @@ enum class ECommand
     Analyze,
     Info,
     Demo,
+    Validate,
 };
 
 // The exit codes scripts rely on.
@@ -43,11 +44,12 @@ struct SCommandLine
     int limit = 0; // learn: 0 means no limit of the user's own
     bool skipDifferentCamera = false;
     int threads = 0;    // 0: every core
-    QString jsonFile;   // analyze --json; "-" is standard output
+    QString jsonFile;   // analyze and validate --json; "-" is standard output for analyze
     QString csvFile;    // analyze --csv
-    QString reportFile; // analyze --report
+    QString reportFile; // analyze and validate --report
     bool json = false;  // info --json
     QString outDir;     // demo --out
+    bool variants = false; // validate --variants
 };
 
 // Parses the arguments without the program's name.

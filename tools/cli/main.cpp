@@ -7,11 +7,30 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QGuiApplication>
 
-// Core only: the tool runs on servers without a display.
+#include <memory>
+
+// Core only, as the tool runs on servers without a display; 'validate' draws
+// text into its plots, which needs a GUI application object, so it gets one
+// that never needs a display.
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
+    std::unique_ptr<QCoreApplication> app;
+    if (argc > 1 && qstrcmp(argv[1], "validate") == 0)
+    {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        // Setting up the platform remarks on the environment ("XDG_RUNTIME_DIR not
+        // set"), which would only mix into the tool's own messages.
+        const QtMessageHandler previous =
+            qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
+        app = std::make_unique<QGuiApplication>(argc, argv);
+        qInstallMessageHandler(previous);
+    }
+    else
+    {
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    }
     qutils::platform::reportFileSizeLimitAsError();
     // A reader that stops early (| head) must not end the run before its files are written.
     qutils::platform::ignoreBrokenPipe();

@@ -83,7 +83,7 @@ bool holdsOwnKind(const QString& option, const QString& path)
     if (head.isEmpty())
         return true;
     if (option == QLatin1String("--json"))
-        return head.startsWith("{\"path\":");
+        return head.startsWith("{\"path\":") || head.startsWith("{\"fingerprint\":");
     if (option == QLatin1String("--csv"))
         return head.startsWith("path,");
     if (option == QLatin1String("--report"))

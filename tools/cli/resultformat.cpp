@@ -15,19 +15,6 @@ namespace cli
 namespace
 {
 
-QString jsonString(const QString& text)
-{
-    // QJsonDocument does the escaping; the array brackets are cut off.
-    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
-    return QString::fromUtf8(array.mid(1, array.size() - 2));
-}
-
-// Enough digits to tell results apart; JSON has no NaN or infinity.
-QString number(double value)
-{
-    return std::isfinite(value) ? QString::number(value, 'g', 12) : QStringLiteral("null");
-}
-
 // Why the photo was not processed, or the engine's account of a failure.
 QString reason(const SPhotoOutcome& outcome)
 {
@@ -41,6 +28,18 @@ QString statusKey(const SPhotoOutcome& outcome)
 
 } // namespace
 
+QString jsonString(const QString& text)
+{
+    // QJsonDocument does the escaping; the array brackets are cut off.
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return QString::fromUtf8(array.mid(1, array.size() - 2));
+}
+
+QString jsonNumber(double value)
+{
+    return std::isfinite(value) ? QString::number(value, 'g', 12) : QStringLiteral("null");
+}
+
 QString className(const SPhotoOutcome& outcome)
 {
     return resultClassName(outcome.processed ? classifyResult(outcome.result) : EResultClass::NotProcessed);
@@ -53,8 +52,8 @@ QString jsonLine(const SPhotoOutcome& outcome)
                           "\"status\":%6,\"class\":%7,\"reason\":%8}")
         .arg(jsonString(outcome.absolutePath),
              outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
-             number(outcome.processed ? r.probability : 0.0), number(outcome.processed ? r.correlation : 0.0),
-             number(outcome.processed ? r.pce : 0.0), jsonString(statusKey(outcome)),
+             jsonNumber(outcome.processed ? r.probability : 0.0), jsonNumber(outcome.processed ? r.correlation : 0.0),
+             jsonNumber(outcome.processed ? r.pce : 0.0), jsonString(statusKey(outcome)),
              jsonString(className(outcome)), jsonString(reason(outcome)));
 }
 
@@ -79,9 +78,9 @@ QString csvLine(const SPhotoOutcome& outcome)
     const QStringList fields = {
         csvField(outcome.absolutePath),
         outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
-        number(outcome.processed ? r.probability : 0.0),
-        number(outcome.processed ? r.correlation : 0.0),
-        number(outcome.processed ? r.pce : 0.0),
+        jsonNumber(outcome.processed ? r.probability : 0.0),
+        jsonNumber(outcome.processed ? r.correlation : 0.0),
+        jsonNumber(outcome.processed ? r.pce : 0.0),
         statusKey(outcome),
         className(outcome),
         csvField(reason(outcome)),

@@ -19,6 +19,11 @@ struct SPhotoOutcome
     qutils::CQuorvexAPI::SAnalysisResult result;
 };
 
+// A JSON string literal, quotes included.
+QString jsonString(const QString& text);
+// Enough digits to tell results apart; null for NaN and infinity, which JSON lacks.
+QString jsonNumber(double value);
+
 // "very high", ..., "not found", or "not processed".
 QString className(const SPhotoOutcome& outcome);
 
