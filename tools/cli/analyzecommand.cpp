@@ -2,6 +2,7 @@
 #include "commands.h"
 #include "console.h"
 #include "photoinputs.h"
+#include "resultfile.h"
 #include "resultformat.h"
 
 #include "qutils/platform.h"
@@ -14,38 +15,6 @@ using qutils::CQuorvexAPI;
 
 namespace cli
 {
-
-namespace
-{
-
-// A results file written line by line and flushed, so an interrupted or
-// crashed run leaves every line it reported.
-class CResultFile
-{
-public:
-    explicit CResultFile(const QString& path) : m_file(path) {}
-
-    bool open() { return m_file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text); }
-    void writeLine(const QString& line)
-    {
-        if (m_file.write((line + QLatin1Char('\n')).toUtf8()) < 0 || !m_file.flush())
-            m_failed = true;
-    }
-    // Empty when every line was written.
-    QString close()
-    {
-        m_file.close();
-        return m_failed || m_file.error() != QFileDevice::NoError ? m_file.errorString() : QString();
-    }
-    QString errorString() const { return m_file.errorString(); }
-    QString path() const { return m_file.fileName(); }
-
-private:
-    QFile m_file;
-    bool m_failed = false;
-};
-
-} // namespace
 
 int runAnalyze(const SCommandLine& commandLine)
 {

@@ -47,6 +47,17 @@ QList<SOption> optionsFor(ECommand command)
                                 c.recursive = true;
                                 return QString();
                             }};
+    // Options analyze and validate share.
+    const SOption threads{{QStringLiteral("--threads")},
+                          true,
+                          [](SCommandLine& c, const QString& v)
+                          { return storeCount(c.threads, QStringLiteral("--threads"), v, 1024); }};
+    const SOption json{{QStringLiteral("--json")},
+                       true,
+                       [](SCommandLine& c, const QString& v) { return storeText(c.jsonFile, v); }};
+    const SOption report{{QStringLiteral("--report")},
+                         true,
+                         [](SCommandLine& c, const QString& v) { return storeText(c.reportFile, v); }};
     switch (command)
     {
     case ECommand::Learn:
@@ -73,19 +84,12 @@ QList<SOption> optionsFor(ECommand command)
                  c.skipDifferentCamera = true;
                  return QString();
              }},
-            {{QStringLiteral("--threads")},
-             true,
-             [](SCommandLine& c, const QString& v)
-             { return storeCount(c.threads, QStringLiteral("--threads"), v, 1024); }},
-            {{QStringLiteral("--json")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.jsonFile, v); }},
+            threads,
+            json,
             {{QStringLiteral("--csv")},
              true,
              [](SCommandLine& c, const QString& v) { return storeText(c.csvFile, v); }},
-            {{QStringLiteral("--report")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.reportFile, v); }},
+            report,
         };
     case ECommand::Info:
         return {
@@ -106,16 +110,9 @@ QList<SOption> optionsFor(ECommand command)
                  c.variants = true;
                  return QString();
              }},
-            {{QStringLiteral("--threads")},
-             true,
-             [](SCommandLine& c, const QString& v)
-             { return storeCount(c.threads, QStringLiteral("--threads"), v, 1024); }},
-            {{QStringLiteral("--json")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.jsonFile, v); }},
-            {{QStringLiteral("--report")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.reportFile, v); }},
+            threads,
+            json,
+            report,
         };
     case ECommand::Demo:
         return {

@@ -3,6 +3,7 @@
 #include "console.h"
 #include "photoinputs.h"
 #include "progressline.h"
+#include "resultfile.h"
 #include "validation.h"
 #include "validationreport.h"
 
@@ -272,34 +273,6 @@ QList<SEntry> makeCopies(const QString& device, const QString& original, const Q
     return entries;
 }
 
-// ---- output ---------------------------------------------------------------------
-
-class CJsonLines
-{
-public:
-    bool open(const QString& path)
-    {
-        m_file.setFileName(path);
-        return m_file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text);
-    }
-    bool isOpen() const { return m_file.isOpen(); }
-    void write(const QString& line)
-    {
-        if (m_file.write((line + QLatin1Char('\n')).toUtf8()) < 0 || !m_file.flush())
-            m_failed = true;
-    }
-    QString close()
-    {
-        m_file.close();
-        return m_failed || m_file.error() != QFileDevice::NoError ? m_file.errorString() : QString();
-    }
-    QString errorString() const { return m_file.errorString(); }
-
-private:
-    QFile m_file;
-    bool m_failed = false;
-};
-
 } // namespace
 
 int runValidate(const SCommandLine& commandLine)
@@ -333,8 +306,8 @@ int runValidate(const SCommandLine& commandLine)
         CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
         return ExitUsage;
     }
-    CJsonLines json;
-    if (!commandLine.jsonFile.isEmpty() && !json.open(commandLine.jsonFile))
+    CResultFile json(commandLine.jsonFile);
+    if (!commandLine.jsonFile.isEmpty() && !json.open())
     {
         CConsole::error(QStringLiteral("cannot write %1: %2").arg(commandLine.jsonFile, json.errorString()));
         return ExitFailure;
@@ -466,7 +439,7 @@ int runValidate(const SCommandLine& commandLine)
         }
         if (json.isOpen())
             for (const SValidationPair& pair : own)
-                json.write(validationJsonLine(pair));
+                json.writeLine(validationJsonLine(pair));
         pairs.append(own);
     }
 
