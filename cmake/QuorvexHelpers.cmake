@@ -39,7 +39,7 @@ function(quorvex_add_test)
     endif()
     set(_env "QT_QPA_PLATFORM=offscreen;QUORVEX_TEST_DATA_DIR=${PROJECT_SOURCE_DIR}/tests/data")
     if(QUORVEX_SANITIZE)
-        list(APPEND _env "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp"
+        list(APPEND _env "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/support/lsan.supp:print_suppressions=0"
                          "ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:detect_stack_use_after_return=1"
                          "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1")
     endif()
