@@ -337,14 +337,8 @@ int main(int argc, char** argv)
             shot.sceneSeed = 2000 + q;
             const fs::path photo = dir / "question.jpg";
             units[u]->shoot(shot, photo.string());
-            wchar_t* json = nullptr;
-            match_device_origins(&fp, photo.wstring().c_str(), 2, &json, nullptr);
-            std::string answer;
-            for (const wchar_t* c = json; c && *c; ++c)
-                answer += static_cast<char>(*c);
-            std::free(json);
-            const auto at = answer.find("\"pce\":");
-            const double pce = at == std::string::npos ? 0.0 : std::atof(answer.c_str() + at + 6);
+            const std::string answer = matchJson(fp, photo);
+            const double pce = pceOf(answer);
             low = std::min(low, pce);
             high = std::max(high, pce);
             matched += answer.find("\"sensor_matched\":1") != std::string::npos;
