@@ -91,6 +91,21 @@ void MemoryBudget::release(uint64_t bytes)
     m_released.notify_all();
 }
 
+void MemoryBudget::charge(uint64_t bytes)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_used += bytes;
+}
+
+void MemoryBudget::discharge(uint64_t bytes)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_used -= std::min(bytes, m_used);
+    }
+    m_released.notify_all();
+}
+
 int MemoryBudget::peakHolders() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -34,6 +34,11 @@ public:
         uint64_t m_bytes;
     };
 
+    // Memory held for longer than a call (caches): counted against the
+    // capacity without waiting, so later leases wait for it.
+    void charge(uint64_t bytes);
+    void discharge(uint64_t bytes);
+
     // For tests and benchmarks: the most leases held at once since the last reset.
     int peakHolders() const;
     void resetPeak();

@@ -29,6 +29,13 @@ struct FingerprintData
     Plane k;                  // the fingerprint K, zero-mean and filtered
 };
 
+// K resampled for resized photos, by size (scale.cpp).
+struct ScaledKCache;
+struct ScaledKCacheDeleter
+{
+    void operator()(ScaledKCache* cache) const noexcept;
+};
+
 // A fingerprint ready for matching; the spectrum of K is made once, on first use.
 struct LoadedFingerprint
 {
@@ -36,6 +43,8 @@ struct LoadedFingerprint
     std::once_flag spectrumOnce;
     Spectrum kSpectrum;
     double kEnergy = 0.0; // sum of K^2
+    std::mutex scaledMutex;
+    std::unique_ptr<ScaledKCache, ScaledKCacheDeleter> scaled; // made on first use
 };
 
 constexpr uint32_t FormatVersion = 1;

@@ -6,6 +6,7 @@
 #include "lumicrest.h"
 #include "pixelops.h"
 #include "residual.h"
+#include "scale.h"
 #include "status.h"
 #include "text.h"
 #include "timing.h"
@@ -158,6 +159,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
 {
     const FingerprintData& fp = fingerprint.data;
     MatchResult result;
+    const ScaleSearch search = scaleSearchFromEnvironment();
 
     // The size from the header first: photos that cannot fit are answered
     // without decoding them.
@@ -165,19 +167,31 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     int photoHeight = 0;
     readPhotoSize(path, photoWidth, photoHeight);
     int orientations[4];
-    if (candidateOrientations(photoWidth, photoHeight, fp.width, fp.height, 1, orientations) == 0)
+    ImpliedSize implied[2];
+    const auto impliedFor = [&](int w, int h, int exif) {
+        return search == ScaleSearch::Off ? 0 : impliedSizes(w, h, fp.width, fp.height, exif, implied);
+    };
+    const int fitting = candidateOrientations(photoWidth, photoHeight, fp.width, fp.height, 1, orientations);
+    if (fitting == 0 && impliedFor(photoWidth, photoHeight, 1) == 0)
     {
         result.reason = "size";
         return result;
     }
 
-    // Wait for room in the process-wide budget before the large allocations.
-    const MemoryBudget::Lease lease(MemoryBudget::instance(),
-                                    constants::MatchBytesPerPixel * static_cast<uint64_t>(fp.k.size()));
+    // Wait for room in the process-wide budget before the large allocations,
+    // including those of whichever scale search this photo may need.
+    const uint64_t photoPixels = static_cast<uint64_t>(photoWidth) * static_cast<uint64_t>(photoHeight);
+    uint64_t leased = constants::MatchBytesPerPixel * std::max<uint64_t>(fp.k.size(), photoPixels);
+    if (impliedFor(photoWidth, photoHeight, 1) > 0)
+        leased += 2 * ScaledBytesPerPixel * photoPixels;
+    else if (search == ScaleSearch::Full)
+        leased += ScaleSearchBytesPerPixel * static_cast<uint64_t>(fp.k.size());
+    const MemoryBudget::Lease lease(MemoryBudget::instance(), leased);
     Photo photo = readPhoto(path);
+    const int impliedCount = impliedFor(photo.width, photo.height, photo.info.orientation);
     const int candidates =
         candidateOrientations(photo.width, photo.height, fp.width, fp.height, photo.info.orientation, orientations);
-    if (candidates == 0)
+    if (candidates == 0 && impliedCount == 0)
     {
         result.reason = "size";
         return result;
@@ -206,13 +220,18 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     applyWeights(x, weights);
     weights = Plane();
 
-    prepareSpectrum(fingerprint);
+    // A whole resized photo: K resampled to its size first.
+    if (impliedCount > 0)
+        matchImpliedScale(fingerprint, x, implied, impliedCount, result);
+    const int scaleOneCandidates = result.matched ? 0 : candidates;
+    if (scaleOneCandidates > 0)
+        prepareSpectrum(fingerprint);
     Plane turned;
     Plane padded;
     Plane correlation;
     Spectrum spectrum;
-    bool first = true;
-    for (int i = 0; i < candidates; ++i)
+    bool first = result.positions == 0;
+    for (int i = 0; i < scaleOneCandidates; ++i)
     {
         const int r = orientations[i];
         // Upright photos are used in place; only turned or smaller ones are copied.
@@ -256,6 +275,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
         {
             first = false;
             result.pceRaw = peak.pce;
+            result.scale = 1.0;
             result.orientation = r;
             result.shiftX = peak.x;
             result.shiftY = peak.y;
@@ -286,8 +306,26 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
         if (result.pce >= constants::MatchThresholdPce)
             break; // a clear match already: further turns would only cost time
     }
-    result.matched = result.pce >= constants::MatchThresholdPce;
-    result.probability = probabilityForPce(result.pce);
+    // A crop whose size implies no scale: perhaps resized before it was cut.
+    if (search == ScaleSearch::Full && impliedCount == 0 && result.pce < constants::MatchThresholdPce)
+    {
+        int smaller[4];
+        int count = 0;
+        for (int i = 0; i < candidates; ++i)
+        {
+            const bool turnedSize = orientations[i] == 90 || orientations[i] == 270;
+            const int w = turnedSize ? photo.height : photo.width;
+            const int h = turnedSize ? photo.width : photo.height;
+            if (w != fp.width || h != fp.height)
+                smaller[count++] = orientations[i];
+        }
+        turned = Plane();
+        padded = Plane();
+        correlation = Plane();
+        spectrum = Spectrum();
+        matchScaleSearch(fingerprint, x, smaller, count, result);
+    }
+    finishMatch(result);
     return result;
 }
 
@@ -303,6 +341,8 @@ std::string matchResultJson(const MatchResult& r)
     appendJsonNumber(json, r.pce);
     json += ",\"pce_raw\":";
     appendJsonNumber(json, r.pceRaw);
+    json += ",\"scale\":";
+    appendJsonNumber(json, r.scale);
     json += ",\"orientation\":" + std::to_string(r.orientation);
     json += ",\"shift\":[" + std::to_string(r.shiftX) + "," + std::to_string(r.shiftY) + "]";
     json += ",\"positions\":" + std::to_string(r.positions);

@@ -14,8 +14,9 @@ struct MatchResult
     double corr = 0.0;
     double pce = 0.0;        // search-corrected, signed
     double pceRaw = 0.0;     // before the search correction
+    double scale = 1.0;      // the photo is K resized by this factor
     int orientation = 0;     // clockwise turn that aligns the photo with the fingerprint
-    int shiftX = 0;          // where the photo sits in the fingerprint (crops)
+    int shiftX = 0;          // where the photo sits in the (resampled) fingerprint
     int shiftY = 0;
     long long positions = 0; // positions examined, over all orientations tried
     std::string reason;      // why the photo could not be judged ("size", "too small"), or empty

@@ -384,6 +384,8 @@ Image Camera::render(const ShotConfig& shot) const
         const int y = shot.cropY >= 0 ? shot.cropY : (image.height - shot.cropHeight) / 2;
         image = cropImage(image, x, y, shot.cropWidth, shot.cropHeight);
     }
+    if (shot.resizeWidth > 0)
+        image = resizeImage(image, shot.resizeWidth, shot.resizeHeight);
     return rotateImage(image, shot.rotation);
 }
 

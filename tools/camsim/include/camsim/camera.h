@@ -73,11 +73,13 @@ struct ShotConfig
     int bits = 8;     // 16 for PNG and TIFF only
 
     // Applied to the developed pixels: first the crop (in sensor coordinates),
-    // then the clockwise rotation.
+    // then the resize, then the clockwise rotation.
     int cropWidth = 0; // 0: no crop
     int cropHeight = 0;
     int cropX = -1; // -1: centred
     int cropY = -1;
+    int resizeWidth = 0; // 0: no resize
+    int resizeHeight = 0;
     int rotation = 0;
 
     // EXIF. Orientation is written as given (0: no tag), whatever the pixel

@@ -56,4 +56,8 @@ Image rotateImage(const Image& image, int degrees);
 // Copies a rectangle that must lie inside the image.
 Image cropImage(const Image& image, int x, int y, int width, int height);
 
+// Resized as common resizers do: the mean over each output pixel's footprint
+// when shrinking, bilinear when enlarging (pixel centres aligned).
+Image resizeImage(const Image& image, int width, int height);
+
 } // namespace camsim

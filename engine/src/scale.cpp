@@ -1,0 +1,623 @@
+#include "scale.h"
+
+#include "budget.h"
+#include "constants.h"
+#include "fft.h"
+#include "pixelops.h"
+#include "status.h"
+#include "timing.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace lumicrest
+{
+
+namespace
+{
+
+constexpr double Pi = 3.14159265358979323846;
+constexpr int LanczosLobes = 3;
+
+double lanczos(double x)
+{
+    x = std::fabs(x);
+    if (x < 1e-9)
+        return 1.0;
+    if (x >= LanczosLobes)
+        return 0.0;
+    const double px = Pi * x;
+    return LanczosLobes * std::sin(px) * std::sin(px / LanczosLobes) / (px * px);
+}
+
+// The taps of one axis: for each output sample its first input index and
+// normalised weights, borders folded onto the edge sample.
+struct Taps
+{
+    int span = 0;
+    std::vector<int> first;
+    std::vector<float> weights; // span per output sample
+};
+
+Taps axisTaps(int inN, double s, int offset, int outN)
+{
+    const double stretch = s < 1.0 ? 1.0 / s : 1.0;
+    const double support = LanczosLobes * stretch;
+    Taps t;
+    t.span = static_cast<int>(std::ceil(2.0 * support)) + 1;
+    t.first.resize(static_cast<size_t>(outN));
+    t.weights.assign(static_cast<size_t>(outN) * t.span, 0.0f);
+    std::vector<double> w(static_cast<size_t>(t.span));
+    for (int i = 0; i < outN; ++i)
+    {
+        const double centre = (offset + i + 0.5) / s - 0.5;
+        const int lo = static_cast<int>(std::floor(centre - support)) + 1;
+        double sum = 0.0;
+        for (int k = 0; k < t.span; ++k)
+        {
+            w[k] = lanczos((lo + k - centre) / stretch);
+            sum += w[k];
+        }
+        // Indices outside the plane repeat the edge: fold their weight onto it,
+        // so each output sample reads a contiguous run of inputs.
+        const int first = std::clamp(lo, 0, std::max(0, inN - t.span));
+        float* out = &t.weights[static_cast<size_t>(i) * t.span];
+        for (int k = 0; k < t.span; ++k)
+        {
+            const int j = std::clamp(lo + k, 0, inN - 1);
+            const int slot = std::clamp(j - first, 0, t.span - 1);
+            out[slot] += static_cast<float>(w[k] / sum);
+        }
+        t.first[i] = first;
+    }
+    return t;
+}
+
+// Resampled K and its spectrum for one implied size, kept with the fingerprint.
+struct ScaledEntry
+{
+    int kWidth = 0;
+    int kHeight = 0;
+    Plane k;
+    Spectrum spectrum; // of k zero-padded to a smooth size
+    uint64_t bytes = 0;
+};
+
+} // namespace
+
+// Resampled fingerprints by size, most recent first; their bytes are charged to
+// the memory budget while they are held.
+struct ScaledKCache
+{
+    std::mutex mutex;
+    std::vector<std::shared_ptr<const ScaledEntry>> entries;
+    ~ScaledKCache()
+    {
+        for (const auto& e : entries)
+            MemoryBudget::instance().discharge(e->bytes);
+    }
+};
+
+void ScaledKCacheDeleter::operator()(ScaledKCache* cache) const noexcept
+{
+    delete cache;
+}
+
+ScaleSearch scaleSearchFromEnvironment()
+{
+    const char* text = std::getenv("LUMICREST_SCALE_SEARCH");
+    if (!text || !*text || std::strcmp(text, "full") == 0)
+        return ScaleSearch::Full;
+    if (std::strcmp(text, "sized") == 0)
+        return ScaleSearch::Sized;
+    if (std::strcmp(text, "off") == 0)
+        return ScaleSearch::Off;
+    fail(LUMICREST_INVALID_OPTION, "LUMICREST_SCALE_SEARCH must be full, sized or off");
+}
+
+int impliedSizes(int photoW, int photoH, int fpW, int fpH, int exifOrientation, ImpliedSize out[2])
+{
+    int order[4];
+    // Every turn "fits" a huge fingerprint: only the order of the hints is wanted.
+    const int n = candidateOrientations(1, 1, 2, 2, exifOrientation, order);
+    int count = 0;
+    bool seen[2] = {false, false};
+    for (int i = 0; i < n; ++i)
+    {
+        const bool turned = order[i] == 90 || order[i] == 270;
+        if (seen[turned])
+            continue;
+        seen[turned] = true;
+        const int w = turned ? photoH : photoW;
+        const int h = turned ? photoW : photoH;
+        if (w == fpW && h == fpH)
+            continue; // same size: no resampling
+        // Some s puts both sides within a pixel of s times K's.
+        const double lo = std::max((w - 1.0) / fpW, (h - 1.0) / fpH);
+        const double hi = std::min((w + 1.0) / fpW, (h + 1.0) / fpH);
+        const double s = 0.5 * (static_cast<double>(w) / fpW + static_cast<double>(h) / fpH);
+        if (lo > hi || s < MinScale || s > MaxImpliedScale)
+            continue;
+        ImpliedSize& size = out[count++];
+        size.kWidth = w;
+        size.kHeight = h;
+        size.orientations[0] = order[i];
+        size.orientations[1] = (order[i] + 180) % 360;
+    }
+    return count;
+}
+
+void resamplePlane(const Plane& in, double sx, double sy, int ox, int oy, int outW, int outH, Plane& out)
+{
+    StageTimer timer(Stage::Correlation);
+    const Taps tx = axisTaps(in.width(), sx, ox, outW);
+    const Taps ty = axisTaps(in.height(), sy, oy, outH);
+    // Only the input rows the output needs are filtered across.
+    const int rowFirst = ty.first.empty() ? 0 : ty.first.front();
+    const int rowLast = ty.first.empty() ? -1 : std::min(in.height() - 1, ty.first.back() + ty.span - 1);
+    Plane across(outW, std::max(0, rowLast - rowFirst + 1));
+    for (int y = rowFirst; y <= rowLast; ++y)
+    {
+        const float* src = in.row(y);
+        float* dst = across.row(y - rowFirst);
+        for (int i = 0; i < outW; ++i)
+        {
+            const float* w = &tx.weights[static_cast<size_t>(i) * tx.span];
+            const float* s = src + tx.first[i];
+            const int taps = std::min(tx.span, in.width() - tx.first[i]);
+            float sum = 0.0f;
+            for (int k = 0; k < taps; ++k)
+                sum += w[k] * s[k];
+            dst[i] = sum;
+        }
+    }
+    out.reset(outW, outH);
+    for (int j = 0; j < outH; ++j)
+    {
+        float* dst = out.row(j);
+        std::fill(dst, dst + outW, 0.0f);
+        const float* w = &ty.weights[static_cast<size_t>(j) * ty.span];
+        const int taps = std::min(ty.span, in.height() - ty.first[j]);
+        for (int k = 0; k < taps; ++k)
+        {
+            if (w[k] == 0.0f)
+                continue;
+            const float* src = across.row(ty.first[j] + k - rowFirst);
+            const float wk = w[k];
+            for (int i = 0; i < outW; ++i)
+                dst[i] += wk * src[i];
+        }
+    }
+}
+
+void blockAverage(const Plane& in, int b, Plane& out)
+{
+    const int w = in.width() / b;
+    const int h = in.height() / b;
+    out.reset(w, h);
+    const float scale = 1.0f / (static_cast<float>(b) * b);
+    for (int y = 0; y < h; ++y)
+    {
+        float* dst = out.row(y);
+        std::fill(dst, dst + w, 0.0f);
+        for (int k = 0; k < b; ++k)
+        {
+            const float* src = in.row(y * b + k);
+            for (int x = 0; x < w; ++x)
+            {
+                float sum = 0.0f;
+                for (int i = 0; i < b; ++i)
+                    sum += src[x * b + i];
+                dst[x] += sum;
+            }
+        }
+        for (int x = 0; x < w; ++x)
+            dst[x] *= scale;
+    }
+}
+
+int smoothFftSize(int n)
+{
+    for (int m = std::max(n, 1);; ++m)
+    {
+        int r = m;
+        for (int p : {2, 3, 5, 7})
+            while (r % p == 0)
+                r /= p;
+        if (r == 1)
+            return m;
+    }
+}
+
+namespace
+{
+
+// Copies `in` into the top-left corner of a zero plane of the given size.
+void padInto(const Plane& in, int width, int height, Plane& out)
+{
+    out.reset(width, height);
+    for (int y = 0; y < height; ++y)
+    {
+        float* row = out.row(y);
+        const int copied = y < in.height() ? std::min(in.width(), width) : 0;
+        if (copied)
+            std::copy(in.row(y), in.row(y) + copied, row);
+        std::fill(row + copied, row + width, 0.0f);
+    }
+}
+
+struct Peak
+{
+    double value = 0.0;
+    double pce = 0.0;
+    int x = 0; // may be negative: a shift that wraps around the plane
+    int y = 0;
+};
+
+// Highest value over shifts x0..x1, y0..y1 (wrapping), and its PCE against the
+// whole circular plane outside the exclusion square around it.
+Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1)
+{
+    StageTimer timer(Stage::Pce);
+    const int W = c.width();
+    const int H = c.height();
+    const auto wrap = [](int v, int n) { return ((v % n) + n) % n; };
+    Peak peak;
+    bool first = true;
+    for (int y = y0; y <= y1; ++y)
+    {
+        const float* row = c.row(wrap(y, H));
+        for (int x = x0; x <= x1; ++x)
+        {
+            const float v = row[wrap(x, W)];
+            if (first || v > peak.value)
+            {
+                first = false;
+                peak.value = v;
+                peak.x = x;
+                peak.y = y;
+            }
+        }
+    }
+    double total = 0.0;
+    for (size_t i = 0, n = c.size(); i < n; ++i)
+        total += static_cast<double>(c.data()[i]) * c.data()[i];
+    const int half = constants::PeakExclusion / 2;
+    const int spanX = std::min(constants::PeakExclusion, W);
+    const int spanY = std::min(constants::PeakExclusion, H);
+    double excluded = 0.0;
+    for (int dy = 0; dy < spanY; ++dy)
+        for (int dx = 0; dx < spanX; ++dx)
+        {
+            const double v = c.at(wrap(peak.x - half + dx, W), wrap(peak.y - half + dy, H));
+            excluded += v * v;
+        }
+    const double count = static_cast<double>(c.size()) - static_cast<double>(spanX) * spanY;
+    const double floor = count > 0 ? std::max(total - excluded, 0.0) / count : 0.0;
+    if (floor > 0.0)
+        peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
+    return peak;
+}
+
+// Circular correlation of x and k, both zero-padded to width x height:
+// c(d) = sum over p of x(p) k(p + d).
+void correlate(const Spectrum& xSpectrum, const Spectrum& kSpectrum, Spectrum& work, Plane& c)
+{
+    {
+        StageTimer timer(Stage::Correlation);
+        work.reset(kSpectrum.width(), kSpectrum.height());
+        const std::complex<float>* a = xSpectrum.data();
+        const std::complex<float>* b = kSpectrum.data();
+        std::complex<float>* s = work.data();
+        const size_t n = static_cast<size_t>(work.columns()) * work.height();
+        for (size_t j = 0; j < n; ++j)
+            s[j] = std::conj(a[j]) * b[j];
+    }
+    inverseFftDestructive(work, c);
+}
+
+// Normalised correlation of x with k where x, placed at (dx, dy) in k, overlaps it.
+double normalisedCorrelation(const Plane& x, const Plane& k, int dx, int dy)
+{
+    double cross = 0.0, xx = 0.0, kSum = 0.0, kk = 0.0, area = 0.0;
+    const int y0 = std::max(0, -dy), y1 = std::min(x.height(), k.height() - dy);
+    const int x0 = std::max(0, -dx), x1 = std::min(x.width(), k.width() - dx);
+    for (int y = y0; y < y1; ++y)
+    {
+        const float* xr = x.row(y);
+        const float* kr = k.row(y + dy) + dx;
+        for (int c = x0; c < x1; ++c)
+        {
+            cross += static_cast<double>(xr[c]) * kr[c];
+            xx += static_cast<double>(xr[c]) * xr[c];
+            kSum += kr[c];
+            kk += static_cast<double>(kr[c]) * kr[c];
+        }
+        area += std::max(0, x1 - x0);
+    }
+    const double kVar = area > 0 ? kk - kSum * kSum / area : 0.0;
+    return xx > 0 && kVar > 0 ? cross / std::sqrt(xx * kVar) : 0.0;
+}
+
+std::shared_ptr<const ScaledEntry> scaledK(LoadedFingerprint& fingerprint, int kWidth, int kHeight)
+{
+    ScaledKCache* cache = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(fingerprint.scaledMutex);
+        if (!fingerprint.scaled)
+            fingerprint.scaled.reset(new ScaledKCache);
+        cache = fingerprint.scaled.get();
+    }
+    {
+        std::lock_guard<std::mutex> lock(cache->mutex);
+        for (size_t i = 0; i < cache->entries.size(); ++i)
+            if (cache->entries[i]->kWidth == kWidth && cache->entries[i]->kHeight == kHeight)
+            {
+                auto found = cache->entries[i];
+                cache->entries.erase(cache->entries.begin() + static_cast<long>(i));
+                cache->entries.insert(cache->entries.begin(), found);
+                return found;
+            }
+    }
+    // Made outside the lock (two threads may both make it; one copy is kept).
+    const FingerprintData& fp = fingerprint.data;
+    auto entry = std::make_shared<ScaledEntry>();
+    entry->kWidth = kWidth;
+    entry->kHeight = kHeight;
+    resamplePlane(fp.k, static_cast<double>(kWidth) / fp.width, static_cast<double>(kHeight) / fp.height, 0, 0,
+                  kWidth, kHeight, entry->k);
+    {
+        Plane padded;
+        padInto(entry->k, smoothFftSize(kWidth), smoothFftSize(kHeight), padded);
+        forwardFft(padded, entry->spectrum);
+    }
+    entry->bytes = entry->k.size() * sizeof(float) +
+                   static_cast<uint64_t>(entry->spectrum.columns()) * entry->spectrum.height() * 8;
+    std::lock_guard<std::mutex> lock(cache->mutex);
+    for (const auto& e : cache->entries)
+        if (e->kWidth == kWidth && e->kHeight == kHeight)
+            return e;
+    MemoryBudget::instance().charge(entry->bytes);
+    cache->entries.insert(cache->entries.begin(), entry);
+    while (cache->entries.size() > static_cast<size_t>(ScaledCacheEntries))
+    {
+        MemoryBudget::instance().discharge(cache->entries.back()->bytes);
+        cache->entries.pop_back();
+    }
+    return entry;
+}
+
+// Keeps the better peak in result.
+void record(MatchResult& result, const Peak& peak, double scale, int orientation, const Plane& placed,
+            const Plane& k, bool first)
+{
+    if (!first && peak.pce <= result.pceRaw)
+        return;
+    result.pceRaw = peak.pce;
+    result.scale = scale;
+    result.orientation = orientation;
+    result.shiftX = peak.x;
+    result.shiftY = peak.y;
+    result.corr = normalisedCorrelation(placed, k, peak.x, peak.y);
+}
+
+} // namespace
+
+void finishMatch(MatchResult& result)
+{
+    // Held to the same false-alarm level whatever the search covered.
+    const double positions = static_cast<double>(std::max<long long>(result.positions, 1));
+    const double correction = std::max(0.0, 2.0 * std::log(positions / 2.0));
+    result.pce = result.pceRaw - correction;
+    result.matched = result.pce >= constants::MatchThresholdPce;
+    result.probability = probabilityForPce(result.pce);
+}
+
+void matchImpliedScale(LoadedFingerprint& fingerprint, const Plane& x, const ImpliedSize* sizes, int count,
+                       MatchResult& result)
+{
+    const FingerprintData& fp = fingerprint.data;
+    Plane turned;
+    Plane padded;
+    Plane c;
+    Spectrum spectrum;
+    Spectrum work;
+    const int window = ImpliedShiftWindow;
+    for (int i = 0; i < count; ++i)
+    {
+        const ImpliedSize& size = sizes[i];
+        const std::shared_ptr<const ScaledEntry> k = scaledK(fingerprint, size.kWidth, size.kHeight);
+        const double scale = 0.5 * (static_cast<double>(size.kWidth) / fp.width +
+                                    static_cast<double>(size.kHeight) / fp.height);
+        for (int r : size.orientations)
+        {
+            if (r != 0)
+                rotatePlane(x, r, turned);
+            const Plane& placed = r != 0 ? turned : x;
+            padInto(placed, k->spectrum.width(), k->spectrum.height(), padded);
+            forwardFft(padded, spectrum);
+            correlate(spectrum, k->spectrum, work, c);
+            const Peak peak = windowPeak(c, -window, window, -window, window);
+            const bool first = result.positions == 0;
+            result.positions += static_cast<long long>(2 * window + 1) * (2 * window + 1);
+            record(result, peak, scale, r, placed, k->k, first);
+            finishMatch(result);
+            if (result.matched)
+                return; // a clear match already
+        }
+    }
+}
+
+namespace
+{
+
+struct Candidate
+{
+    double pce = 0.0;
+    double scale = 1.0;
+    int x = 0;
+    int y = 0;
+};
+
+// Size of K resampled to scale s.
+int scaledSide(int n, double s)
+{
+    return static_cast<int>(std::floor(n * s + 1e-6));
+}
+
+} // namespace
+
+void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int* orientations, int count,
+                      MatchResult& result)
+{
+    const FingerprintData& fp = fingerprint.data;
+    Plane placedStore;
+    Plane kc;
+    Plane xc;
+    Plane ks;
+    Plane padded;
+    Plane c;
+    Spectrum xSpectrum;
+    Spectrum kSpectrum;
+    Spectrum work;
+    for (int t = 0; t < count; ++t)
+    {
+        const int r = orientations[t];
+        if (r != 0)
+            rotatePlane(x, r, placedStore);
+        const Plane& placed = r != 0 ? placedStore : x;
+        const int w = placed.width();
+        const int h = placed.height();
+        const int longSide = std::max(w, h);
+        // Scales at which the photo still fits inside the resampled K.
+        const double lowest = std::max({MinScale, static_cast<double>(w) / fp.width, static_cast<double>(h) / fp.height});
+        // The fine step moves the photo's far border by about half a pixel
+        // against its centre; the coarse pass runs on b x b block means at b
+        // times that step.
+        const double fineStep = 1.0 / longSide;
+        const int b = std::clamp(std::min(w, h) / 256, 1, 4);
+        const double coarseStep = b * fineStep;
+        if (lowest > 1.0 - fineStep)
+            continue;
+        const double fineScales = std::floor(std::log(1.0 / lowest) / fineStep) + 1.0;
+
+        // Coarse pass: every coarse step from just below 1 down to the lowest scale.
+        blockAverage(fp.k, b, kc);
+        blockAverage(placed, b, xc);
+        std::vector<Candidate> coarse;
+        for (double s = 1.0 - coarseStep; s >= lowest; s *= 1.0 - coarseStep)
+        {
+            const int kw = scaledSide(kc.width(), s);
+            const int kh = scaledSide(kc.height(), s);
+            if (kw < xc.width() || kh < xc.height())
+                break;
+            resamplePlane(kc, s, s, 0, 0, kw, kh, ks);
+            const int nw = smoothFftSize(kw);
+            const int nh = smoothFftSize(kh);
+            padInto(ks, nw, nh, padded);
+            forwardFft(padded, kSpectrum);
+            padInto(xc, nw, nh, padded);
+            forwardFft(padded, xSpectrum);
+            correlate(xSpectrum, kSpectrum, work, c);
+            const Peak peak = windowPeak(c, 0, kw - xc.width(), 0, kh - xc.height());
+            coarse.push_back({peak.pce, s, peak.x, peak.y});
+        }
+        // The few best, apart from each other by more than two coarse steps.
+        std::vector<Candidate> sorted = coarse;
+        std::sort(sorted.begin(), sorted.end(), [](const Candidate& a, const Candidate& c2) { return a.pce > c2.pce; });
+        std::vector<Candidate> best;
+        for (const Candidate& cand : sorted)
+        {
+            if (best.size() == 2)
+                break;
+            bool near = false;
+            for (const Candidate& kept : best)
+                near = near || std::fabs(std::log(cand.scale / kept.scale)) < 2.5 * coarseStep;
+            if (!near)
+                best.push_back(cand);
+        }
+
+        // Refinement at full resolution: a region of K around the coarse
+        // position, at fine steps within a coarse step of the candidate.
+        double bestScale = 0.0;
+        double bestPce = -1e300;
+        const int margin = b + 2;
+        for (const Candidate& cand : best)
+        {
+            const auto tryScale = [&](double s) {
+                const int kw = scaledSide(fp.width, s);
+                const int kh = scaledSide(fp.height, s);
+                if (kw < w || kh < h || s < lowest)
+                    return -1e300;
+                const int x0 = std::clamp(cand.x * b - margin, 0, kw - w);
+                const int y0 = std::clamp(cand.y * b - margin, 0, kh - h);
+                const int rw = std::min(kw - x0, w + 2 * margin);
+                const int rh = std::min(kh - y0, h + 2 * margin);
+                resamplePlane(fp.k, s, s, x0, y0, rw, rh, ks);
+                const int nw = smoothFftSize(rw);
+                const int nh = smoothFftSize(rh);
+                if (xSpectrum.width() != nw || xSpectrum.height() != nh)
+                {
+                    padInto(placed, nw, nh, padded);
+                    forwardFft(padded, xSpectrum);
+                }
+                padInto(ks, nw, nh, padded);
+                forwardFft(padded, kSpectrum);
+                correlate(xSpectrum, kSpectrum, work, c);
+                const Peak peak = windowPeak(c, 0, rw - w, 0, rh - h);
+                if (peak.pce > bestPce)
+                {
+                    bestPce = peak.pce;
+                    bestScale = s;
+                }
+                return peak.pce;
+            };
+            xSpectrum = Spectrum();
+            // Every other fine step first, then the neighbours of the best.
+            double localBest = cand.scale;
+            double localPce = -1e300;
+            for (int j = -b; j <= b; j += 2)
+            {
+                const double s = cand.scale * std::exp(j * fineStep);
+                const double p = tryScale(s);
+                if (p > localPce)
+                {
+                    localPce = p;
+                    localBest = s;
+                }
+            }
+            if (b > 1)
+                for (int j : {-1, 1})
+                    tryScale(localBest * std::exp(j * fineStep));
+        }
+        if (bestScale <= 0.0)
+            continue;
+
+        // The answer at the best scale: the crop search over the whole resampled K.
+        const int kw = scaledSide(fp.width, bestScale);
+        const int kh = scaledSide(fp.height, bestScale);
+        resamplePlane(fp.k, bestScale, bestScale, 0, 0, kw, kh, ks);
+        const int nw = smoothFftSize(kw);
+        const int nh = smoothFftSize(kh);
+        padInto(ks, nw, nh, padded);
+        forwardFft(padded, kSpectrum);
+        padInto(placed, nw, nh, padded);
+        forwardFft(padded, xSpectrum);
+        correlate(xSpectrum, kSpectrum, work, c);
+        const Peak peak = windowPeak(c, 0, kw - w, 0, kh - h);
+        const bool first = result.positions == 0;
+        // Every scale at the fine step counts, with the shifts at the largest.
+        const long long shiftsAtTop = static_cast<long long>(scaledSide(fp.width, 1.0 - fineStep) - w + 1) *
+                                      (scaledSide(fp.height, 1.0 - fineStep) - h + 1);
+        result.positions += static_cast<long long>(fineScales) * std::max(1LL, shiftsAtTop);
+        record(result, peak, bestScale, r, placed, ks, first);
+        finishMatch(result);
+        if (result.matched)
+            return;
+    }
+}
+
+} // namespace lumicrest
