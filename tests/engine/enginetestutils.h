@@ -107,6 +107,32 @@ struct Matched
     double probability() const { return jsonNumber(json, "probability"); }
     bool matched() const { return jsonNumber(json, "sensor_matched") == 1.0; }
     int orientation() const { return static_cast<int>(jsonNumber(json, "orientation")); }
+    double scale() const { return jsonNumber(json, "scale"); }
+};
+
+// Sets an environment variable for the life of the object.
+class ScopedEnvironment
+{
+public:
+    ScopedEnvironment(const char* name, const char* value) : m_name(name)
+    {
+#ifdef _WIN32
+        _putenv_s(name, value);
+#else
+        setenv(name, value, 1);
+#endif
+    }
+    ~ScopedEnvironment()
+    {
+#ifdef _WIN32
+        _putenv_s(m_name, "");
+#else
+        unsetenv(m_name);
+#endif
+    }
+
+private:
+    const char* m_name;
 };
 
 inline Matched match(const fingerprint_binary_s& fp, const std::string& photo)

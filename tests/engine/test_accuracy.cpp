@@ -195,6 +195,84 @@ TEST_F(Accuracy, RotatedCroppedAndRecompressedPhotosMatch)
     EXPECT_NE(tooLarge.json.find("\"reason\":\"size\""), std::string::npos) << tooLarge.json;
 }
 
+TEST_F(Accuracy, ResizedPhotosMatchAtTheirScale)
+{
+    // Whole photos resized (and turned) by a resizer: K is resampled to the
+    // photo's size. The sides round as a resizer rounds them.
+    struct Case
+    {
+        double factor;
+        int rotation;
+        bool sameUnit;
+    };
+    const Case cases[] = {{0.8, 0, true}, {0.5, 90, true}, {1.25, 0, true}, {0.8, 0, false}, {0.5, 90, false}};
+    for (const Case& c : cases)
+    {
+        camsim::ShotConfig s = shot(camsim::SceneKind::Natural, 1100);
+        s.resizeWidth = static_cast<int>(std::lround(Width * c.factor));
+        s.resizeHeight = static_cast<int>(std::lround(Height * c.factor));
+        s.rotation = c.rotation;
+        const Matched m = match(s_learned->fp, photo(c.sameUnit ? *s_unit1 : *s_unit2, s, "resized.jpg"));
+        std::printf("resized %.2f turned %d, %s unit: PCE %.1f -> %s\n", c.factor, c.rotation,
+                    c.sameUnit ? "same" : "other", m.pce(), m.json.c_str());
+        ASSERT_EQ(m.code, LUMICREST_OK) << m.json;
+        EXPECT_NE(m.json.find("\"reason\":\"\""), std::string::npos) << m.json;
+        EXPECT_EQ(m.matched(), c.sameUnit) << m.json;
+        if (c.sameUnit)
+        {
+            EXPECT_NEAR(m.scale(), c.factor, 0.01) << m.json;
+            EXPECT_EQ(m.orientation(), (360 - c.rotation) % 360) << m.json;
+        }
+    }
+
+    // Resized, then cropped: no size hint, so only the full search finds it.
+    camsim::ShotConfig cut = shot(camsim::SceneKind::Natural, 1101);
+    cut.resizeWidth = static_cast<int>(std::lround(Width * 0.7));
+    cut.resizeHeight = static_cast<int>(std::lround(Height * 0.7));
+    cut.cropWidth = Width * 3 / 5;
+    cut.cropHeight = Height / 2;
+    camsim::ShotConfig plain = shot(camsim::SceneKind::Natural, 1100);
+    plain.resizeWidth = static_cast<int>(std::lround(Width * 0.8));
+    plain.resizeHeight = static_cast<int>(std::lround(Height * 0.8));
+    const std::string resized = photo(*s_unit1, plain, "plain_resized.jpg");
+    plain.resizeWidth = static_cast<int>(std::lround(Width * 1.25));
+    plain.resizeHeight = static_cast<int>(std::lround(Height * 1.25));
+    const std::string enlarged = photo(*s_unit1, plain, "enlarged.jpg");
+    const std::string resizedCut = s_dir->file("resized_cut.jpg");
+    {
+        // The crop of the camera comes before its resize: cut the resized photo instead.
+        camsim::ShotConfig whole = cut;
+        whole.cropWidth = whole.cropHeight = 0;
+        const std::string full = photo(*s_unit1, whole, "resized_whole.jpg");
+        camsim::writeImage(camsim::cropImage(camsim::readImage(full), 20, 10, cut.cropWidth, cut.cropHeight),
+                           resizedCut, camsim::FileFormat::Jpeg, 92);
+    }
+    const Matched searched = match(s_learned->fp, resizedCut);
+    std::printf("resized 0.7 and cropped, full search: PCE %.1f -> %s\n", searched.pce(), searched.json.c_str());
+    EXPECT_TRUE(searched.matched()) << searched.json;
+    EXPECT_NEAR(searched.scale(), 0.7, 0.01) << searched.json;
+
+    // The search limit: sized skips the full search, off any resampling, and a
+    // typo fails instead of silently searching less.
+    {
+        const ScopedEnvironment sized("LUMICREST_SCALE_SEARCH", "sized");
+        const Matched m = match(s_learned->fp, resizedCut);
+        EXPECT_FALSE(m.matched()) << m.json;
+        EXPECT_EQ(m.scale(), 1.0) << m.json;
+        EXPECT_TRUE(match(s_learned->fp, resized).matched());
+    }
+    {
+        const ScopedEnvironment off("LUMICREST_SCALE_SEARCH", "off");
+        const Matched m = match(s_learned->fp, enlarged);
+        EXPECT_EQ(m.code, LUMICREST_OK);
+        EXPECT_NE(m.json.find("\"reason\":\"size\""), std::string::npos) << m.json;
+    }
+    {
+        const ScopedEnvironment typo("LUMICREST_SCALE_SEARCH", "ful");
+        EXPECT_EQ(match(s_learned->fp, resized).code, LUMICREST_INVALID_OPTION);
+    }
+}
+
 TEST_F(Accuracy, EightThreadsGiveTheAnswersOfOne)
 {
     // The fingerprint as the program holds it after loading a file: bytes only.

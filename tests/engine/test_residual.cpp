@@ -1,6 +1,7 @@
 // Noise residual and FFT: the fast code against slow, obvious versions.
 #include "fft.h"
 #include "residual.h"
+#include "scale.h"
 #include "status.h"
 
 #include <gtest/gtest.h>
@@ -484,4 +485,54 @@ TEST(Residual, RejectsBadInput)
     channelResidual(rgb[0], 3.0f, expected);
     channelResidual(inPlace, 3.0f, inPlace);
     EXPECT_EQ(maxAbsDiff(inPlace, expected), 0.0);
+}
+
+TEST(Resample, KeepsConstantsMapsSizesAndFindsImpliedScales)
+{
+    // Shrinking, enlarging, odd sizes and a window inside the output.
+    struct Case
+    {
+        int inW, inH, outW, outH, ox, oy;
+    };
+    for (const Case& c : {Case{101, 67, 81, 54, 0, 0}, Case{64, 48, 32, 24, 0, 0}, Case{33, 17, 41, 21, 0, 0},
+                          Case{200, 150, 30, 20, 70, 50}, Case{9, 7, 2, 1, 0, 0}})
+    {
+        lumicrest::Plane in(c.inW, c.inH);
+        in.fill(3.5f);
+        lumicrest::Plane out;
+        const double sx = c.ox ? 0.7 : static_cast<double>(c.outW) / c.inW;
+        const double sy = c.oy ? 0.7 : static_cast<double>(c.outH) / c.inH;
+        lumicrest::resamplePlane(in, sx, sy, c.ox, c.oy, c.outW, c.outH, out);
+        ASSERT_EQ(out.width(), c.outW);
+        ASSERT_EQ(out.height(), c.outH);
+        for (size_t i = 0; i < out.size(); ++i)
+            ASSERT_NEAR(out.data()[i], 3.5f, 1e-4f) << c.inW << "x" << c.inH << " -> " << c.outW << "x" << c.outH;
+    }
+    // A ramp keeps its pixel-centre positions: output i sits at (i + 0.5) / s - 0.5.
+    lumicrest::Plane ramp(400, 8);
+    for (int y = 0; y < 8; ++y)
+        for (int x = 0; x < 400; ++x)
+            ramp.at(x, y) = static_cast<float>(x);
+    lumicrest::Plane half;
+    lumicrest::resamplePlane(ramp, 0.5, 1.0, 0, 0, 200, 8, half);
+    EXPECT_NEAR(half.at(100, 4), 200.5, 1e-2);
+
+    // Both sides within one pixel of s times K's, in either turn; same size is no scale.
+    struct Size
+    {
+        int photoW, photoH, exif, expected, kWidth, firstTurn;
+    };
+    for (const Size& c : {Size{800, 601, 1, 1, 800, 0}, Size{801, 599, 1, 1, 801, 0}, Size{800, 602, 1, 0, 0, 0},
+                          Size{600, 800, 1, 1, 800, 90}, Size{600, 800, 6, 1, 800, 270}, Size{1000, 750, 1, 0, 0, 0},
+                          Size{1250, 937, 3, 1, 1250, 180}, Size{200, 150, 1, 0, 0, 0}})
+    {
+        lumicrest::ImpliedSize sizes[2];
+        const int n = lumicrest::impliedSizes(c.photoW, c.photoH, 1000, 750, c.exif, sizes);
+        ASSERT_EQ(n, c.expected) << c.photoW << "x" << c.photoH;
+        if (n)
+        {
+            EXPECT_EQ(sizes[0].kWidth, c.kWidth);
+            EXPECT_EQ(sizes[0].orientations[0], c.firstTurn);
+        }
+    }
 }
