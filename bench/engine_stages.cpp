@@ -321,6 +321,52 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "%s\n", answer.c_str());
     }
 
+    // Resized photos: the first of a size pays for resampling K, later ones reuse
+    // it; a resized crop of another camera runs the whole scale search.
+    struct Resized
+    {
+        const char* title;
+        const camsim::Camera* unit;
+        double factor;
+        int cropWidth;
+        int cropHeight;
+        int runs;
+    };
+    const Resized resizedCases[] = {
+        {"match, resized 0.8, first", &unit1, 0.8, 0, 0, 1},
+        {"match, resized 0.8, cached (best)", &unit1, 0.8, 0, 0, repeat},
+        {"scale search, resized 0.7 crop, same unit", &unit1, 0.7, width * 2 / 3, height / 2, 1},
+        {"scale search, resized 0.7 crop, other unit", &unit2, 0.7, width * 2 / 3, height / 2, 1},
+    };
+    for (const Resized& c : resizedCases)
+    {
+        camsim::ShotConfig shot;
+        shot.sceneSeed = 901;
+        shot.cropWidth = c.cropWidth;
+        shot.cropHeight = c.cropHeight;
+        shot.resizeWidth = static_cast<int>((c.cropWidth ? c.cropWidth : width) * c.factor + 0.5);
+        shot.resizeHeight = static_cast<int>((c.cropHeight ? c.cropHeight : height) * c.factor + 0.5);
+        const fs::path photo = dir / "resized.jpg";
+        c.unit->shoot(shot, photo.string());
+        lumicrest::StageTimes best;
+        double bestTime = 1e300;
+        std::string answer;
+        for (int r = 0; r < c.runs; ++r)
+        {
+            resetStages();
+            start = std::chrono::steady_clock::now();
+            answer = matchJson(fp, photo);
+            const double t = seconds(start);
+            if (t < bestTime)
+            {
+                bestTime = t;
+                best = lumicrest::threadStageTimes();
+            }
+        }
+        printStages(c.title, best, bestTime);
+        std::fprintf(stderr, "%s\n", answer.c_str());
+    }
+
     // PCE distributions: the reference unit and two other units of the same model.
     if (questions > 0)
         std::printf("\n| questioned photos | PCE min | PCE max | matched |\n|---|---|---|---|\n");

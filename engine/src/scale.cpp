@@ -462,6 +462,9 @@ struct Candidate
     int y = 0;
 };
 
+// Coarse candidates refined at full resolution, per turn.
+constexpr size_t RefinedCandidates = 3;
+
 // Size of K resampled to scale s.
 int scaledSide(int n, double s)
 {
@@ -477,12 +480,51 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
     Plane placedStore;
     Plane kc;
     Plane xc;
+    Plane km;
+    Plane xm;
     Plane ks;
     Plane padded;
     Plane c;
     Spectrum xSpectrum;
     Spectrum kSpectrum;
     Spectrum work;
+
+    // Crop search of xBase inside K (reduced by f: kBase) resampled to scale s,
+    // over the region [x0, x0 + rw) x [y0, y0 + rh) of the resampled K; the
+    // peak's position is in the resampled K's (reduced) pixels. x's spectrum is
+    // reused while the transform size stays the same.
+    const auto cropSearch = [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw, int rh) {
+        resamplePlane(kBase, s, s, x0, y0, rw, rh, ks);
+        const int nw = smoothFftSize(rw);
+        const int nh = smoothFftSize(rh);
+        if (xSpectrum.width() != nw || xSpectrum.height() != nh)
+        {
+            padInto(xBase, nw, nh, padded);
+            forwardFft(padded, xSpectrum);
+        }
+        padInto(ks, nw, nh, padded);
+        forwardFft(padded, kSpectrum);
+        correlate(xSpectrum, kSpectrum, work, c);
+        Peak peak = windowPeak(c, 0, rw - xBase.width(), 0, rh - xBase.height());
+        peak.x += x0;
+        peak.y += y0;
+        return peak;
+    };
+    // The same on a window of shifts around (cx, cy), margin pixels either way.
+    const auto localSearch = [&](const Plane& kBase, const Plane& xBase, double s, int cx, int cy, int margin) {
+        const int kw = scaledSide(kBase.width(), s);
+        const int kh = scaledSide(kBase.height(), s);
+        Peak none;
+        none.pce = -1e300;
+        if (kw < xBase.width() || kh < xBase.height())
+            return none;
+        const int x0 = std::clamp(cx - margin, 0, kw - xBase.width());
+        const int y0 = std::clamp(cy - margin, 0, kh - xBase.height());
+        const int rw = std::min(kw - x0, xBase.width() + 2 * margin);
+        const int rh = std::min(kh - y0, xBase.height() + 2 * margin);
+        return cropSearch(kBase, xBase, s, x0, y0, rw, rh);
+    };
+
     for (int t = 0; t < count; ++t)
     {
         const int r = orientations[t];
@@ -491,22 +533,33 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         const Plane& placed = r != 0 ? placedStore : x;
         const int w = placed.width();
         const int h = placed.height();
-        const int longSide = std::max(w, h);
         // Scales at which the photo still fits inside the resampled K.
-        const double lowest = std::max({MinScale, static_cast<double>(w) / fp.width, static_cast<double>(h) / fp.height});
+        const double lowest =
+            std::max({MinScale, static_cast<double>(w) / fp.width, static_cast<double>(h) / fp.height});
         // The fine step moves the photo's far border by about half a pixel
-        // against its centre; the coarse pass runs on b x b block means at b
-        // times that step.
-        const double fineStep = 1.0 / longSide;
+        // against its centre; the coarse pass runs on b x b block means at
+        // 1.5 b times that step (under a reduced pixel). A coarser pass would
+        // be cheaper but drowns matches of a few hundred in its noise.
+        const double fineStep = 1.0 / std::max(w, h);
         const int b = std::clamp(std::min(w, h) / 256, 1, 4);
-        const double coarseStep = b * fineStep;
+        const int reach = (3 * b + 1) / 2; // a coarse step, in fine steps
+        const double coarseStep = reach * fineStep;
         if (lowest > 1.0 - fineStep)
             continue;
-        const double fineScales = std::floor(std::log(1.0 / lowest) / fineStep) + 1.0;
+        // Positions the search stands for: every shift at every fine step.
+        long long searched = 0;
+        for (double s = 1.0 - fineStep; s >= lowest; s *= 1.0 - fineStep)
+        {
+            const long long across = scaledSide(fp.width, s) - w + 1;
+            const long long down = scaledSide(fp.height, s) - h + 1;
+            if (across > 0 && down > 0)
+                searched += across * down;
+        }
 
         // Coarse pass: every coarse step from just below 1 down to the lowest scale.
         blockAverage(fp.k, b, kc);
         blockAverage(placed, b, xc);
+        xSpectrum = Spectrum();
         std::vector<Candidate> coarse;
         for (double s = 1.0 - coarseStep; s >= lowest; s *= 1.0 - coarseStep)
         {
@@ -514,24 +567,16 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
             const int kh = scaledSide(kc.height(), s);
             if (kw < xc.width() || kh < xc.height())
                 break;
-            resamplePlane(kc, s, s, 0, 0, kw, kh, ks);
-            const int nw = smoothFftSize(kw);
-            const int nh = smoothFftSize(kh);
-            padInto(ks, nw, nh, padded);
-            forwardFft(padded, kSpectrum);
-            padInto(xc, nw, nh, padded);
-            forwardFft(padded, xSpectrum);
-            correlate(xSpectrum, kSpectrum, work, c);
-            const Peak peak = windowPeak(c, 0, kw - xc.width(), 0, kh - xc.height());
+            const Peak peak = cropSearch(kc, xc, s, 0, 0, kw, kh);
             coarse.push_back({peak.pce, s, peak.x, peak.y});
         }
         // The few best, apart from each other by more than two coarse steps.
-        std::vector<Candidate> sorted = coarse;
-        std::sort(sorted.begin(), sorted.end(), [](const Candidate& a, const Candidate& c2) { return a.pce > c2.pce; });
+        std::sort(coarse.begin(), coarse.end(),
+                  [](const Candidate& a, const Candidate& other) { return a.pce > other.pce; });
         std::vector<Candidate> best;
-        for (const Candidate& cand : sorted)
+        for (const Candidate& cand : coarse)
         {
-            if (best.size() == 2)
+            if (best.size() == RefinedCandidates)
                 break;
             bool near = false;
             for (const Candidate& kept : best)
@@ -540,58 +585,60 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
                 best.push_back(cand);
         }
 
-        // Refinement at full resolution: a region of K around the coarse
-        // position, at fine steps within a coarse step of the candidate.
+        // Refinement within a coarse step of each candidate: on 2 x 2 block
+        // means at every other fine step when the coarse pass was much
+        // coarser, then at full resolution on the fine steps around the best,
+        // each on the region of the resampled K around the position found.
+        const bool mid = b >= 3;
+        if (mid)
+        {
+            blockAverage(fp.k, 2, km);
+            blockAverage(placed, 2, xm);
+        }
         double bestScale = 0.0;
         double bestPce = -1e300;
-        const int margin = b + 2;
         for (const Candidate& cand : best)
         {
-            const auto tryScale = [&](double s) {
-                const int kw = scaledSide(fp.width, s);
-                const int kh = scaledSide(fp.height, s);
-                if (kw < w || kh < h || s < lowest)
-                    return -1e300;
-                const int x0 = std::clamp(cand.x * b - margin, 0, kw - w);
-                const int y0 = std::clamp(cand.y * b - margin, 0, kh - h);
-                const int rw = std::min(kw - x0, w + 2 * margin);
-                const int rh = std::min(kh - y0, h + 2 * margin);
-                resamplePlane(fp.k, s, s, x0, y0, rw, rh, ks);
-                const int nw = smoothFftSize(rw);
-                const int nh = smoothFftSize(rh);
-                if (xSpectrum.width() != nw || xSpectrum.height() != nh)
+            double around = cand.scale;
+            int px = cand.x * b;
+            int py = cand.y * b;
+            std::vector<int> steps;
+            if (mid)
+            {
+                xSpectrum = Spectrum();
+                double midPce = -1e300;
+                for (int j = -reach; j <= reach; j += 2)
                 {
-                    padInto(placed, nw, nh, padded);
-                    forwardFft(padded, xSpectrum);
+                    const double s = cand.scale * std::exp(j * fineStep);
+                    const Peak p = localSearch(km, xm, s, cand.x * b / 2, cand.y * b / 2, b / 2 + 2);
+                    if (p.pce > midPce)
+                    {
+                        midPce = p.pce;
+                        around = s;
+                        px = p.x * 2;
+                        py = p.y * 2;
+                    }
                 }
-                padInto(ks, nw, nh, padded);
-                forwardFft(padded, kSpectrum);
-                correlate(xSpectrum, kSpectrum, work, c);
-                const Peak peak = windowPeak(c, 0, rw - w, 0, rh - h);
-                if (peak.pce > bestPce)
+                steps = {-1, 0, 1};
+            }
+            else
+            {
+                for (int j = -reach; j <= reach; ++j)
+                    steps.push_back(j);
+            }
+            xSpectrum = Spectrum();
+            for (int j : steps)
+            {
+                const double s = around * std::exp(j * fineStep);
+                if (s < lowest)
+                    continue;
+                const Peak p = localSearch(fp.k, placed, s, px, py, mid ? 4 : b + 2);
+                if (p.pce > bestPce)
                 {
-                    bestPce = peak.pce;
+                    bestPce = p.pce;
                     bestScale = s;
                 }
-                return peak.pce;
-            };
-            xSpectrum = Spectrum();
-            // Every other fine step first, then the neighbours of the best.
-            double localBest = cand.scale;
-            double localPce = -1e300;
-            for (int j = -b; j <= b; j += 2)
-            {
-                const double s = cand.scale * std::exp(j * fineStep);
-                const double p = tryScale(s);
-                if (p > localPce)
-                {
-                    localPce = p;
-                    localBest = s;
-                }
             }
-            if (b > 1)
-                for (int j : {-1, 1})
-                    tryScale(localBest * std::exp(j * fineStep));
         }
         if (bestScale <= 0.0)
             continue;
@@ -599,20 +646,10 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         // The answer at the best scale: the crop search over the whole resampled K.
         const int kw = scaledSide(fp.width, bestScale);
         const int kh = scaledSide(fp.height, bestScale);
-        resamplePlane(fp.k, bestScale, bestScale, 0, 0, kw, kh, ks);
-        const int nw = smoothFftSize(kw);
-        const int nh = smoothFftSize(kh);
-        padInto(ks, nw, nh, padded);
-        forwardFft(padded, kSpectrum);
-        padInto(placed, nw, nh, padded);
-        forwardFft(padded, xSpectrum);
-        correlate(xSpectrum, kSpectrum, work, c);
-        const Peak peak = windowPeak(c, 0, kw - w, 0, kh - h);
+        xSpectrum = Spectrum();
+        const Peak peak = cropSearch(fp.k, placed, bestScale, 0, 0, kw, kh);
         const bool first = result.positions == 0;
-        // Every scale at the fine step counts, with the shifts at the largest.
-        const long long shiftsAtTop = static_cast<long long>(scaledSide(fp.width, 1.0 - fineStep) - w + 1) *
-                                      (scaledSide(fp.height, 1.0 - fineStep) - h + 1);
-        result.positions += static_cast<long long>(fineScales) * std::max(1LL, shiftsAtTop);
+        result.positions += std::max(1LL, searched);
         record(result, peak, bestScale, r, placed, ks, first);
         finishMatch(result);
         if (result.matched)

@@ -229,8 +229,8 @@ TEST_F(Accuracy, ResizedPhotosMatchAtTheirScale)
     camsim::ShotConfig cut = shot(camsim::SceneKind::Natural, 1101);
     cut.resizeWidth = static_cast<int>(std::lround(Width * 0.7));
     cut.resizeHeight = static_cast<int>(std::lround(Height * 0.7));
-    cut.cropWidth = Width * 3 / 5;
-    cut.cropHeight = Height / 2;
+    cut.cropWidth = cut.resizeWidth * 9 / 10;
+    cut.cropHeight = cut.resizeHeight * 4 / 5;
     camsim::ShotConfig plain = shot(camsim::SceneKind::Natural, 1100);
     plain.resizeWidth = static_cast<int>(std::lround(Width * 0.8));
     plain.resizeHeight = static_cast<int>(std::lround(Height * 0.8));
@@ -244,7 +244,7 @@ TEST_F(Accuracy, ResizedPhotosMatchAtTheirScale)
         camsim::ShotConfig whole = cut;
         whole.cropWidth = whole.cropHeight = 0;
         const std::string full = photo(*s_unit1, whole, "resized_whole.jpg");
-        camsim::writeImage(camsim::cropImage(camsim::readImage(full), 20, 10, cut.cropWidth, cut.cropHeight),
+        camsim::writeImage(camsim::cropImage(camsim::readImage(full), 30, 20, cut.cropWidth, cut.cropHeight),
                            resizedCut, camsim::FileFormat::Jpeg, 92);
     }
     const Matched searched = match(s_learned->fp, resizedCut);
