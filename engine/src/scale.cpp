@@ -460,6 +460,7 @@ struct Candidate
     double scale = 1.0;
     int x = 0;
     int y = 0;
+    int turn = 0; // index in the pair of turns
 };
 
 // Coarse candidates refined at full resolution, per turn.
@@ -477,7 +478,7 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
                       MatchResult& result)
 {
     const FingerprintData& fp = fingerprint.data;
-    Plane placedStore;
+    Plane turnedStore[2];
     Plane kc;
     Plane xc;
     Plane km;
@@ -485,18 +486,20 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
     Plane ks;
     Plane padded;
     Plane c;
+    Plane flipped;
     Spectrum xSpectrum;
     Spectrum kSpectrum;
     Spectrum work;
 
-    // Crop search of xBase inside K (reduced by f: kBase) resampled to scale s,
-    // over the region [x0, x0 + rw) x [y0, y0 + rh) of the resampled K; the
-    // peak's position is in the resampled K's (reduced) pixels. x's spectrum is
-    // reused while the transform size stays the same.
-    const auto cropSearch = [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw, int rh) {
+    // Resamples kBase (K reduced by some factor) to scale s over the region
+    // [x0, x0 + rw) x [y0, y0 + rh) of the result, and transforms it zero-padded
+    // to a smooth size at least `quantum`-rounded (so consecutive scales share
+    // sizes and x's spectrum). xBase's spectrum is remade when the size changes.
+    const auto transformRegion = [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw,
+                                     int rh, int quantum) {
         resamplePlane(kBase, s, s, x0, y0, rw, rh, ks);
-        const int nw = smoothFftSize(rw);
-        const int nh = smoothFftSize(rh);
+        const int nw = smoothFftSize((rw + quantum - 1) / quantum * quantum);
+        const int nh = smoothFftSize((rh + quantum - 1) / quantum * quantum);
         if (xSpectrum.width() != nw || xSpectrum.height() != nh)
         {
             padInto(xBase, nw, nh, padded);
@@ -504,11 +507,17 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         }
         padInto(ks, nw, nh, padded);
         forwardFft(padded, kSpectrum);
-        correlate(xSpectrum, kSpectrum, work, c);
-        Peak peak = windowPeak(c, 0, rw - xBase.width(), 0, rh - xBase.height());
+    };
+    const auto offsetPeak = [](Peak peak, int x0, int y0) {
         peak.x += x0;
         peak.y += y0;
         return peak;
+    };
+    // The crop search of xBase in that region.
+    const auto cropSearch = [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw, int rh) {
+        transformRegion(kBase, xBase, s, x0, y0, rw, rh, 1);
+        correlate(xSpectrum, kSpectrum, work, c);
+        return offsetPeak(windowPeak(c, 0, rw - xBase.width(), 0, rh - xBase.height()), x0, y0);
     };
     // The same on a window of shifts around (cx, cy), margin pixels either way.
     const auto localSearch = [&](const Plane& kBase, const Plane& xBase, double s, int cx, int cy, int margin) {
@@ -525,14 +534,34 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         return cropSearch(kBase, xBase, s, x0, y0, rw, rh);
     };
 
+    // Turns of one shape go together: the photo turned by 180 degrees more
+    // correlates through the same transforms (a convolution instead of a
+    // correlation, read at an offset), so the coarse pass serves both.
+    bool done[4] = {false, false, false, false};
     for (int t = 0; t < count; ++t)
     {
-        const int r = orientations[t];
-        if (r != 0)
-            rotatePlane(x, r, placedStore);
-        const Plane& placed = r != 0 ? placedStore : x;
-        const int w = placed.width();
-        const int h = placed.height();
+        if (done[orientations[t] / 90])
+            continue;
+        int turns[2] = {orientations[t], -1};
+        done[orientations[t] / 90] = true;
+        for (int u = t + 1; u < count; ++u)
+            if (orientations[u] == (turns[0] + 180) % 360)
+            {
+                turns[1] = orientations[u];
+                done[orientations[u] / 90] = true;
+            }
+        const int turnCount = turns[1] < 0 ? 1 : 2;
+        const Plane* placed[2] = {&x, nullptr};
+        for (int i = 0; i < turnCount; ++i)
+            if (turns[i] != 0)
+            {
+                rotatePlane(x, turns[i], turnedStore[i]);
+                placed[i] = &turnedStore[i];
+            }
+            else
+                placed[i] = &x;
+        const int w = placed[0]->width();
+        const int h = placed[0]->height();
         // Scales at which the photo still fits inside the resampled K.
         const double lowest =
             std::max({MinScale, static_cast<double>(w) / fp.width, static_cast<double>(h) / fp.height});
@@ -558,17 +587,47 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
 
         // Coarse pass: every coarse step from just below 1 down to the lowest scale.
         blockAverage(fp.k, b, kc);
-        blockAverage(placed, b, xc);
+        blockAverage(*placed[0], b, xc);
+        const int wc = xc.width();
+        const int hc = xc.height();
         xSpectrum = Spectrum();
         std::vector<Candidate> coarse;
         for (double s = 1.0 - coarseStep; s >= lowest; s *= 1.0 - coarseStep)
         {
             const int kw = scaledSide(kc.width(), s);
             const int kh = scaledSide(kc.height(), s);
-            if (kw < xc.width() || kh < xc.height())
+            if (kw < wc || kh < hc)
                 break;
-            const Peak peak = cropSearch(kc, xc, s, 0, 0, kw, kh);
-            coarse.push_back({peak.pce, s, peak.x, peak.y});
+            transformRegion(kc, xc, s, 0, 0, kw, kh, 32);
+            correlate(xSpectrum, kSpectrum, work, c);
+            const Peak peak = windowPeak(c, 0, kw - wc, 0, kh - hc);
+            coarse.push_back({peak.pce, s, peak.x, peak.y, 0});
+            if (turnCount == 2)
+            {
+                // Convolution of x and K; the turned photo's correlation at d
+                // is the convolution at d + (wc - 1, hc - 1).
+                {
+                    StageTimer timer(Stage::Correlation);
+                    work.reset(kSpectrum.width(), kSpectrum.height());
+                    const size_t n = static_cast<size_t>(work.columns()) * work.height();
+                    for (size_t j = 0; j < n; ++j)
+                        work.data()[j] = xSpectrum.data()[j] * kSpectrum.data()[j];
+                }
+                inverseFftDestructive(work, c);
+                const int nw = c.width();
+                const int nh = c.height();
+                flipped.reset(nw, nh);
+                for (int y = 0; y < nh; ++y)
+                {
+                    const float* src = c.row((y + hc - 1) % nh);
+                    float* dst = flipped.row(y);
+                    const int split = nw - (wc - 1) % nw;
+                    std::copy(src + (wc - 1) % nw, src + nw, dst);
+                    std::copy(src, src + (wc - 1) % nw, dst + split);
+                }
+                const Peak other = windowPeak(flipped, 0, kw - wc, 0, kh - hc);
+                coarse.push_back({other.pce, s, other.x, other.y, 1});
+            }
         }
         // The few best, apart from each other by more than two coarse steps.
         std::sort(coarse.begin(), coarse.end(),
@@ -576,11 +635,11 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         std::vector<Candidate> best;
         for (const Candidate& cand : coarse)
         {
-            if (best.size() == RefinedCandidates)
+            if (best.size() == RefinedCandidates * turnCount)
                 break;
             bool near = false;
             for (const Candidate& kept : best)
-                near = near || std::fabs(std::log(cand.scale / kept.scale)) < 2.5 * coarseStep;
+                near = near || (kept.turn == cand.turn && std::fabs(std::log(cand.scale / kept.scale)) < 2.5 * coarseStep);
             if (!near)
                 best.push_back(cand);
         }
@@ -591,69 +650,84 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         // each on the region of the resampled K around the position found.
         const bool mid = b >= 3;
         if (mid)
-        {
             blockAverage(fp.k, 2, km);
-            blockAverage(placed, 2, xm);
-        }
-        double bestScale = 0.0;
-        double bestPce = -1e300;
-        for (const Candidate& cand : best)
+        double bestScale[2] = {0.0, 0.0};
+        double bestPce[2] = {-1e300, -1e300};
+        for (int turn = 0; turn < turnCount; ++turn)
         {
-            double around = cand.scale;
-            int px = cand.x * b;
-            int py = cand.y * b;
-            std::vector<int> steps;
+            const Plane& photo = *placed[turn];
             if (mid)
+                blockAverage(photo, 2, xm);
+            for (const Candidate& cand : best)
             {
-                xSpectrum = Spectrum();
-                double midPce = -1e300;
-                for (int j = -reach; j <= reach; j += 2)
+                if (cand.turn != turn)
+                    continue;
+                double around = cand.scale;
+                int px = cand.x * b;
+                int py = cand.y * b;
+                std::vector<int> steps;
+                if (mid)
                 {
-                    const double s = cand.scale * std::exp(j * fineStep);
-                    const Peak p = localSearch(km, xm, s, cand.x * b / 2, cand.y * b / 2, b / 2 + 2);
-                    if (p.pce > midPce)
+                    xSpectrum = Spectrum();
+                    double midPce = -1e300;
+                    for (int j = -reach; j <= reach; j += 2)
                     {
-                        midPce = p.pce;
-                        around = s;
-                        px = p.x * 2;
-                        py = p.y * 2;
+                        const double s = cand.scale * std::exp(j * fineStep);
+                        const Peak p = localSearch(km, xm, s, cand.x * b / 2, cand.y * b / 2, b / 2 + 2);
+                        if (p.pce > midPce)
+                        {
+                            midPce = p.pce;
+                            around = s;
+                            px = p.x * 2;
+                            py = p.y * 2;
+                        }
+                    }
+                    steps = {-1, 0, 1};
+                }
+                else
+                {
+                    for (int j = -reach; j <= reach; ++j)
+                        steps.push_back(j);
+                }
+                xSpectrum = Spectrum();
+                for (int j : steps)
+                {
+                    const double s = around * std::exp(j * fineStep);
+                    if (s < lowest)
+                        continue;
+                    const Peak p = localSearch(fp.k, photo, s, px, py, mid ? 4 : b + 2);
+                    if (p.pce > bestPce[turn])
+                    {
+                        bestPce[turn] = p.pce;
+                        bestScale[turn] = s;
                     }
                 }
-                steps = {-1, 0, 1};
-            }
-            else
-            {
-                for (int j = -reach; j <= reach; ++j)
-                    steps.push_back(j);
-            }
-            xSpectrum = Spectrum();
-            for (int j : steps)
-            {
-                const double s = around * std::exp(j * fineStep);
-                if (s < lowest)
-                    continue;
-                const Peak p = localSearch(fp.k, placed, s, px, py, mid ? 4 : b + 2);
-                if (p.pce > bestPce)
-                {
-                    bestPce = p.pce;
-                    bestScale = s;
-                }
             }
         }
-        if (bestScale <= 0.0)
-            continue;
 
-        // The answer at the best scale: the crop search over the whole resampled K.
-        const int kw = scaledSide(fp.width, bestScale);
-        const int kh = scaledSide(fp.height, bestScale);
-        xSpectrum = Spectrum();
-        const Peak peak = cropSearch(fp.k, placed, bestScale, 0, 0, kw, kh);
+        // The answer at each turn's best scale: the crop search over the whole
+        // resampled K, the turn that looked better first.
+        int order[2] = {0, 1};
+        if (turnCount == 2 && bestPce[1] > bestPce[0])
+            std::swap(order[0], order[1]);
         const bool first = result.positions == 0;
-        result.positions += std::max(1LL, searched);
-        record(result, peak, bestScale, r, placed, ks, first);
-        finishMatch(result);
-        if (result.matched)
-            return;
+        result.positions += std::max(1LL, searched) * turnCount;
+        bool firstAnswer = first;
+        for (int i = 0; i < turnCount; ++i)
+        {
+            const int turn = order[i];
+            if (bestScale[turn] <= 0.0)
+                continue;
+            const int kw = scaledSide(fp.width, bestScale[turn]);
+            const int kh = scaledSide(fp.height, bestScale[turn]);
+            xSpectrum = Spectrum();
+            const Peak peak = cropSearch(fp.k, *placed[turn], bestScale[turn], 0, 0, kw, kh);
+            record(result, peak, bestScale[turn], turns[turn], *placed[turn], ks, firstAnswer);
+            firstAnswer = false;
+            finishMatch(result);
+            if (result.matched)
+                return;
+        }
     }
 }
 

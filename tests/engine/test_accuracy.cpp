@@ -225,12 +225,12 @@ TEST_F(Accuracy, ResizedPhotosMatchAtTheirScale)
         }
     }
 
-    // Resized, then cropped: no size hint, so only the full search finds it.
+    // Resized, cropped and turned: no size hint, so only the full search finds it.
     camsim::ShotConfig cut = shot(camsim::SceneKind::Natural, 1101);
     cut.resizeWidth = static_cast<int>(std::lround(Width * 0.7));
     cut.resizeHeight = static_cast<int>(std::lround(Height * 0.7));
-    cut.cropWidth = cut.resizeWidth * 9 / 10;
-    cut.cropHeight = cut.resizeHeight * 4 / 5;
+    cut.cropWidth = cut.resizeWidth - 40;
+    cut.cropHeight = cut.resizeHeight * 9 / 10;
     camsim::ShotConfig plain = shot(camsim::SceneKind::Natural, 1100);
     plain.resizeWidth = static_cast<int>(std::lround(Width * 0.8));
     plain.resizeHeight = static_cast<int>(std::lround(Height * 0.8));
@@ -244,13 +244,15 @@ TEST_F(Accuracy, ResizedPhotosMatchAtTheirScale)
         camsim::ShotConfig whole = cut;
         whole.cropWidth = whole.cropHeight = 0;
         const std::string full = photo(*s_unit1, whole, "resized_whole.jpg");
-        camsim::writeImage(camsim::cropImage(camsim::readImage(full), 30, 20, cut.cropWidth, cut.cropHeight),
-                           resizedCut, camsim::FileFormat::Jpeg, 92);
+        camsim::writeImage(
+            camsim::rotateImage(camsim::cropImage(camsim::readImage(full), 30, 20, cut.cropWidth, cut.cropHeight), 180),
+            resizedCut, camsim::FileFormat::Jpeg, 92);
     }
     const Matched searched = match(s_learned->fp, resizedCut);
     std::printf("resized 0.7 and cropped, full search: PCE %.1f -> %s\n", searched.pce(), searched.json.c_str());
     EXPECT_TRUE(searched.matched()) << searched.json;
     EXPECT_NEAR(searched.scale(), 0.7, 0.01) << searched.json;
+    EXPECT_EQ(searched.orientation(), 180) << searched.json;
 
     // The search limit: sized skips the full search, off any resampling, and a
     // typo fails instead of silently searching less.
