@@ -380,10 +380,19 @@ std::shared_ptr<const ScaledEntry> scaledK(LoadedFingerprint& fingerprint, int k
     for (const auto& e : cache->entries)
         if (e->kWidth == kWidth && e->kHeight == kHeight)
             return e;
+    // At most a few entries, and no more bytes than that many of K's own size:
+    // a much enlarged photo's K is used once and not kept.
+    const uint64_t limit = ScaledCacheEntries * ScaledBytesPerPixel * static_cast<uint64_t>(fp.k.size());
+    if (entry->bytes > limit)
+        return entry;
     MemoryBudget::instance().charge(entry->bytes);
     cache->entries.insert(cache->entries.begin(), entry);
-    while (cache->entries.size() > static_cast<size_t>(ScaledCacheEntries))
+    uint64_t held = 0;
+    for (const auto& e : cache->entries)
+        held += e->bytes;
+    while (cache->entries.size() > static_cast<size_t>(ScaledCacheEntries) || held > limit)
     {
+        held -= cache->entries.back()->bytes;
         MemoryBudget::instance().discharge(cache->entries.back()->bytes);
         cache->entries.pop_back();
     }
@@ -570,7 +579,10 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         // 1.5 b times that step (under a reduced pixel). A coarser pass would
         // be cheaper but drowns matches of a few hundred in its noise.
         const double fineStep = 1.0 / std::max(w, h);
-        const int b = std::clamp(std::min(w, h) / 256, 1, 4);
+        // b bounds the coarse pass to about 8 correlations of K's size: its
+        // work is K's pixels x (1 - lowest^2) x longer side / (3 b^3).
+        const double coarseWork = (1.0 - lowest * lowest) * std::max(w, h) / 24.0;
+        const int b = std::clamp(static_cast<int>(std::ceil(std::cbrt(std::max(coarseWork, 1.0)) - 1e-9)), 1, 4);
         const int reach = (3 * b + 1) / 2; // a coarse step, in fine steps
         const double coarseStep = reach * fineStep;
         if (lowest > 1.0 - fineStep)
