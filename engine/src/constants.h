@@ -41,6 +41,19 @@ constexpr double MaxProbability = 0.999999;
 // (measured: a match peaks at about 26, one more concurrent match costs about 29).
 constexpr uint64_t MatchBytesPerPixel = 30;
 
+// Resized photos.
+constexpr double MinScale = 0.25;          // the smallest scale the searches go down to
+constexpr double MaxImpliedScale = 4.0;    // a whole photo enlarged more is not resampled for
+// Largest shift, in pixels, tried around zero when the scale is implied: the
+// resizer's rounding of the output size moves the grid by a pixel or two.
+constexpr int ImpliedShiftWindow = 3;
+// Working memory of the scale search, per fingerprint pixel, beside a match's own.
+constexpr uint64_t ScaleSearchBytesPerPixel = 28;
+// A resampled K with its spectrum, per photo pixel (held in the cache).
+constexpr uint64_t ScaledBytesPerPixel = 12;
+constexpr int ScaledCacheEntries = 4;      // resampled fingerprints kept per fingerprint
+constexpr int RefinedCandidates = 3;       // coarse scales refined per turn
+
 // Learning's share of the budget, per photo pixel: the running sums with the
 // closing work of one photo and of the fingerprint (held for the whole run),
 // and one photo from decoding until it has been added to the sums.

@@ -183,9 +183,9 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     const uint64_t photoPixels = static_cast<uint64_t>(photoWidth) * static_cast<uint64_t>(photoHeight);
     uint64_t leased = constants::MatchBytesPerPixel * std::max<uint64_t>(fp.k.size(), photoPixels);
     if (impliedFor(photoWidth, photoHeight, 1) > 0)
-        leased += 2 * ScaledBytesPerPixel * photoPixels;
+        leased += 2 * constants::ScaledBytesPerPixel * photoPixels;
     else if (search == ScaleSearch::Full)
-        leased += ScaleSearchBytesPerPixel * static_cast<uint64_t>(fp.k.size());
+        leased += constants::ScaleSearchBytesPerPixel * static_cast<uint64_t>(fp.k.size());
     const MemoryBudget::Lease lease(MemoryBudget::instance(), leased);
     Photo photo = readPhoto(path);
     const int impliedCount = impliedFor(photo.width, photo.height, photo.info.orientation);

@@ -139,7 +139,7 @@ int impliedSizes(int photoW, int photoH, int fpW, int fpH, int exifOrientation, 
         const double lo = std::max((w - 1.0) / fpW, (h - 1.0) / fpH);
         const double hi = std::min((w + 1.0) / fpW, (h + 1.0) / fpH);
         const double s = 0.5 * (static_cast<double>(w) / fpW + static_cast<double>(h) / fpH);
-        if (lo > hi || s < MinScale || s > MaxImpliedScale)
+        if (lo > hi || s < constants::MinScale || s > constants::MaxImpliedScale)
             continue;
         ImpliedSize& size = out[count++];
         size.kWidth = w;
@@ -367,8 +367,8 @@ std::shared_ptr<const ScaledEntry> scaledK(LoadedFingerprint& fingerprint, int k
     auto entry = std::make_shared<ScaledEntry>();
     entry->kWidth = kWidth;
     entry->kHeight = kHeight;
-    resamplePlane(fp.k, static_cast<double>(kWidth) / fp.width, static_cast<double>(kHeight) / fp.height, 0, 0,
-                  kWidth, kHeight, entry->k);
+    resamplePlane(fp.k, static_cast<double>(kWidth) / fp.width, static_cast<double>(kHeight) / fp.height, 0,
+                  0, kWidth, kHeight, entry->k);
     {
         Plane padded;
         padInto(entry->k, smoothFftSize(kWidth), smoothFftSize(kHeight), padded);
@@ -382,7 +382,8 @@ std::shared_ptr<const ScaledEntry> scaledK(LoadedFingerprint& fingerprint, int k
             return e;
     // At most a few entries, and no more bytes than that many of K's own size:
     // a much enlarged photo's K is used once and not kept.
-    const uint64_t limit = ScaledCacheEntries * ScaledBytesPerPixel * static_cast<uint64_t>(fp.k.size());
+    const uint64_t limit =
+        constants::ScaledCacheEntries * constants::ScaledBytesPerPixel * static_cast<uint64_t>(fp.k.size());
     if (entry->bytes > limit)
         return entry;
     MemoryBudget::instance().charge(entry->bytes);
@@ -390,7 +391,7 @@ std::shared_ptr<const ScaledEntry> scaledK(LoadedFingerprint& fingerprint, int k
     uint64_t held = 0;
     for (const auto& e : cache->entries)
         held += e->bytes;
-    while (cache->entries.size() > static_cast<size_t>(ScaledCacheEntries) || held > limit)
+    while (cache->entries.size() > static_cast<size_t>(constants::ScaledCacheEntries) || held > limit)
     {
         held -= cache->entries.back()->bytes;
         MemoryBudget::instance().discharge(cache->entries.back()->bytes);
@@ -434,7 +435,7 @@ void matchImpliedScale(LoadedFingerprint& fingerprint, const Plane& x, const Imp
     Plane c;
     Spectrum spectrum;
     Spectrum work;
-    const int window = ImpliedShiftWindow;
+    const int window = constants::ImpliedShiftWindow;
     for (int i = 0; i < count; ++i)
     {
         const ImpliedSize& size = sizes[i];
@@ -472,9 +473,6 @@ struct Candidate
     int turn = 0; // index in the pair of turns
 };
 
-// Coarse candidates refined at full resolution, per turn.
-constexpr size_t RefinedCandidates = 3;
-
 // Size of K resampled to scale s.
 int scaledSide(int n, double s)
 {
@@ -504,8 +502,9 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
     // [x0, x0 + rw) x [y0, y0 + rh) of the result, and transforms it zero-padded
     // to a smooth size at least `quantum`-rounded (so consecutive scales share
     // sizes and x's spectrum). xBase's spectrum is remade when the size changes.
-    const auto transformRegion = [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw,
-                                     int rh, int quantum) {
+    const auto transformRegion =
+        [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw, int rh, int quantum)
+    {
         resamplePlane(kBase, s, s, x0, y0, rw, rh, ks);
         const int nw = smoothFftSize((rw + quantum - 1) / quantum * quantum);
         const int nh = smoothFftSize((rh + quantum - 1) / quantum * quantum);
@@ -517,19 +516,23 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         padInto(ks, nw, nh, padded);
         forwardFft(padded, kSpectrum);
     };
-    const auto offsetPeak = [](Peak peak, int x0, int y0) {
+    const auto offsetPeak = [](Peak peak, int x0, int y0)
+    {
         peak.x += x0;
         peak.y += y0;
         return peak;
     };
     // The crop search of xBase in that region.
-    const auto cropSearch = [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw, int rh) {
+    const auto cropSearch =
+        [&](const Plane& kBase, const Plane& xBase, double s, int x0, int y0, int rw, int rh)
+    {
         transformRegion(kBase, xBase, s, x0, y0, rw, rh, 1);
         correlate(xSpectrum, kSpectrum, work, c);
         return offsetPeak(windowPeak(c, 0, rw - xBase.width(), 0, rh - xBase.height()), x0, y0);
     };
     // The same on a window of shifts around (cx, cy), margin pixels either way.
-    const auto localSearch = [&](const Plane& kBase, const Plane& xBase, double s, int cx, int cy, int margin) {
+    const auto localSearch = [&](const Plane& kBase, const Plane& xBase, double s, int cx, int cy, int margin)
+    {
         const int kw = scaledSide(kBase.width(), s);
         const int kh = scaledSide(kBase.height(), s);
         Peak none;
@@ -572,8 +575,8 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         const int w = placed[0]->width();
         const int h = placed[0]->height();
         // Scales at which the photo still fits inside the resampled K.
-        const double lowest =
-            std::max({MinScale, static_cast<double>(w) / fp.width, static_cast<double>(h) / fp.height});
+        const double lowest = std::max(
+            {constants::MinScale, static_cast<double>(w) / fp.width, static_cast<double>(h) / fp.height});
         // The fine step moves the photo's far border by about half a pixel
         // against its centre; the coarse pass runs on b x b block means at
         // 1.5 b times that step (under a reduced pixel). A coarser pass would
@@ -582,7 +585,8 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         // b bounds the coarse pass to about 8 correlations of K's size: its
         // work is K's pixels x (1 - lowest^2) x longer side / (3 b^3).
         const double coarseWork = (1.0 - lowest * lowest) * std::max(w, h) / 24.0;
-        const int b = std::clamp(static_cast<int>(std::ceil(std::cbrt(std::max(coarseWork, 1.0)) - 1e-9)), 1, 4);
+        const int b =
+            std::clamp(static_cast<int>(std::ceil(std::cbrt(std::max(coarseWork, 1.0)) - 1e-9)), 1, 4);
         const int reach = (3 * b + 1) / 2; // a coarse step, in fine steps
         const double coarseStep = reach * fineStep;
         if (lowest > 1.0 - fineStep)
@@ -647,11 +651,12 @@ void matchScaleSearch(LoadedFingerprint& fingerprint, const Plane& x, const int*
         std::vector<Candidate> best;
         for (const Candidate& cand : coarse)
         {
-            if (best.size() == RefinedCandidates * turnCount)
+            if (best.size() == static_cast<size_t>(constants::RefinedCandidates * turnCount))
                 break;
             bool near = false;
             for (const Candidate& kept : best)
-                near = near || (kept.turn == cand.turn && std::fabs(std::log(cand.scale / kept.scale)) < 2.5 * coarseStep);
+                near = near || (kept.turn == cand.turn &&
+                                std::fabs(std::log(cand.scale / kept.scale)) < 2.5 * coarseStep);
             if (!near)
                 best.push_back(cand);
         }

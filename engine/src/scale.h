@@ -32,19 +32,6 @@ struct ImpliedSize
 };
 int impliedSizes(int photoW, int photoH, int fpW, int fpH, int exifOrientation, ImpliedSize out[2]);
 
-// The smallest scale the searches go down to.
-constexpr double MinScale = 0.25;
-constexpr double MaxImpliedScale = 4.0;
-// Largest shift, in pixels, tried around zero when the scale is implied: the
-// resizer's rounding of the output size moves the grid by a pixel or two.
-constexpr int ImpliedShiftWindow = 3;
-// Working memory of the scale search, per fingerprint pixel, beside a match's own.
-constexpr uint64_t ScaleSearchBytesPerPixel = 28;
-// A resampled K with its spectrum, per photo pixel (held in the cache).
-constexpr uint64_t ScaledBytesPerPixel = 12;
-// Resampled fingerprints kept per fingerprint.
-constexpr int ScaledCacheEntries = 4;
-
 // Lanczos-3 resampling with the pixel-centre mapping of common resizers:
 // output pixel (ox + i) samples input (ox + i + 0.5) / sx - 0.5 per axis; the
 // kernel is widened by 1 / s when shrinking, so it low-passes like a resizer.
