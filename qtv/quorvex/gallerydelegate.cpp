@@ -53,6 +53,8 @@ QString CGalleryDelegate::stateStyle(int state)
         return QStringLiteral("success_low");
     case CImageModel::Fail:
         return QStringLiteral("fail");
+    case CImageModel::NotCompared:
+        return QStringLiteral("not_compared");
     default:
         return QStringLiteral("normal");
     }
