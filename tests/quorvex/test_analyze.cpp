@@ -88,11 +88,11 @@ protected:
         return files;
     }
 
-    static camsim::Camera camera(uint64_t unit)
+    static camsim::Camera camera(uint64_t unit, int width = 1024, int height = 768)
     {
         camsim::CameraConfig config;
-        config.width = 1024;
-        config.height = 768;
+        config.width = width;
+        config.height = height;
         config.unitSeed = unit;
         return camsim::Camera(config);
     }
@@ -407,6 +407,8 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
         shoot(same, 300 + i, m_photos.filePath(QStringLiteral("IMG_A%1.jpg").arg(i)));
     for (int i = 0; i < 4; ++i)
         shoot(other, 400 + i, m_photos.filePath(QStringLiteral("IMG_B%1.jpg").arg(i)));
+    // A larger sensor's photo: the engine cannot compare it.
+    shoot(camera(3, 1280, 960), 500, m_photos.filePath(QStringLiteral("IMG_C0.jpg")));
     const QString folder = qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR")
                                ? qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")
                                : m_out.path();
@@ -420,7 +422,7 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
     window.introPage()->findChild<QPushButton*>(QStringLiteral("btnAnalyze"))->click();
     auto* page = qobject_cast<CChoosePathAnalyze*>(window.currentPage());
     ASSERT_TRUE(page);
-    ASSERT_EQ(page->files().size(), 9);
+    ASSERT_EQ(page->files().size(), 10);
     {
         CScriptedDialogs script({{QDialog::Accepted, fingerprint}});
         button<QPushButton>(page, "btnNavigateNext")->click();
@@ -445,14 +447,20 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
         const int state = CGalleryFilterModel::stateValue(model->index(row).data(CImageModel::ItemStateRole));
         if (files.at(row).fileName().startsWith(QStringLiteral("IMG_A")))
             EXPECT_EQ(state, CImageModel::SuccessVeryHigh) << files.at(row).fileName().toStdString();
+        else if (files.at(row).fileName().startsWith(QStringLiteral("IMG_C")))
+            EXPECT_EQ(state, CImageModel::NotCompared);
         else
             EXPECT_EQ(state, CImageModel::Fail) << files.at(row).fileName().toStdString();
     }
-    EXPECT_EQ(dialog->counters(), (QVector<int>{5, 0, 0, 0, 4, 0}));
+    EXPECT_EQ(dialog->counters(), (QVector<int>{5, 0, 0, 0, 4, 1}));
     dialog->filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterVeryHigh);
     QCoreApplication::processEvents();
     EXPECT_EQ(dialog->gallery()->model()->rowCount(), 5);
     EXPECT_TRUE(window.grab().save(QDir(folder).filePath(QStringLiteral("analyze-finished.png"))));
+    dialog->filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotCompared);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(dialog->gallery()->model()->rowCount(), 1);
+    EXPECT_TRUE(window.grab().save(QDir(folder).filePath(QStringLiteral("analyze-not-compared.png"))));
 }
 
 // The automatic report after a cancelled run still covers the whole list; a
