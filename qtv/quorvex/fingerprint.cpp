@@ -656,9 +656,11 @@ CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, cons
     const QString named = preparedPath + QStringLiteral(": ");
     if (result.reason.startsWith(named))
         result.reason.remove(0, named.size());
-    const QJsonValue scale = answer.value(QStringLiteral("scale"));
-    if (!scale.isUndefined() && !scale.isNull())
-        result.scale = jsonText(scale).toDouble();
+    // A missing or senseless scale is the fingerprint's own size.
+    bool scaleRead = false;
+    const double scale = jsonText(answer.value(QStringLiteral("scale"))).toDouble(&scaleRead);
+    if (scaleRead && scale > 0.0)
+        result.scale = scale;
     if (result.status == CQuorvexAPI::Success && !result.reason.isEmpty())
     {
         // Read but not compared: a finding of its own, never "no match".

@@ -549,6 +549,8 @@ TEST(FingerprintAnswer, EngineJsonBecomesTheRecord)
          CQuorvexAPI::Success, 1.0, QString()},
         {CQuorvexAPI::Success, R"("sensor_matched":"1","probability":"0.9995","scale":"0.8","reason":"")", true,
          CQuorvexAPI::Success, 0.8, QString()},
+        {CQuorvexAPI::Success, R"("sensor_matched":1,"scale":"x","reason":"")", true, CQuorvexAPI::Success, 1.0,
+         QString()},
         {CQuorvexAPI::Success, R"("sensor_matched":0,"probability":0,"pce":0,"scale":1,"reason":"size")", false,
          CQuorvexAPI::ImageFingerprintInconsistentSize, 1.0, CFingerprint::notComparedReason(QStringLiteral("size"))},
         {CQuorvexAPI::Success, R"("sensor_matched":1,"reason":"too small")", false,
