@@ -12,6 +12,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
+#include <vector>
 
 namespace lumicrest
 {
@@ -86,12 +88,149 @@ Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
     return peak;
 }
 
+// PCE at zero shift of the circular correlation c = IDFT(G) / N, G = conj(F_W) F_P
+// in `g` (half spectrum): c(0) and the plane's energy
+// come from the spectrum (Parseval), and only the values inside the exclusion
+// square are evaluated, by a small DFT along the rows and then the columns.
+// This replaces an inverse transform of the whole plane. `value` is c(0).
+Peak zeroShiftPce(const Spectrum& g)
+{
+    constexpr double TwoPi = 6.283185307179586476925;
+    StageTimer timer(Stage::Pce);
+    const int width = g.width();
+    const int height = g.height();
+    const int columns = g.columns();
+    const double n = static_cast<double>(width) * height;
+    const int half = constants::PeakExclusion / 2;
+    static_assert(constants::MinMatchSide >= constants::PeakExclusion, "matched photos are wider than the square");
+    const int spanX = constants::PeakExclusion;
+    const int spanY = std::min(constants::PeakExclusion, height);
+
+    // Each half-spectrum column but the first (and the Nyquist one) stands for
+    // itself and its mirror; its weight is folded into the twiddles.
+    const int lastPaired = width % 2 == 0 ? columns - 1 : columns;
+    std::vector<float> weight(static_cast<size_t>(columns));
+    for (int c = 0; c < columns; ++c)
+        weight[static_cast<size_t>(c)] = c == 0 || c == lastPaired ? 1.0f : 2.0f;
+    // Offsets ox = 1..half as cos and sin rows: their negatives have the
+    // conjugate twiddles.
+    const int pairs = half;
+    std::vector<float> cosines(static_cast<size_t>(pairs) * columns);
+    std::vector<float> sines(static_cast<size_t>(pairs) * columns);
+    for (int o = 0; o < pairs; ++o)
+        for (int c = 0; c < columns; ++c)
+        {
+            const double angle = TwoPi * static_cast<double>(c) * (o + 1) / width;
+            cosines[static_cast<size_t>(o) * columns + c] = static_cast<float>(weight[static_cast<size_t>(c)] * std::cos(angle));
+            sines[static_cast<size_t>(o) * columns + c] = static_cast<float>(weight[static_cast<size_t>(c)] * std::sin(angle));
+        }
+
+    // rows[y * spanX + i]: sum over the row's columns of weight * G * e^(2 pi i c ox / width), ox = i - half.
+    std::vector<std::complex<double>> rows(static_cast<size_t>(height) * spanX);
+    double energy = 0.0;
+    constexpr int Lanes = 8;
+    for (int y = 0; y < height; ++y)
+    {
+        const float* __restrict f = reinterpret_cast<const float*>(g.row(y));
+        std::complex<double>* out = rows.data() + static_cast<size_t>(y) * spanX;
+        float e[Lanes] = {}, re[Lanes] = {}, im[Lanes] = {};
+        int c = 0;
+        for (; c + Lanes <= columns; c += Lanes)
+            for (int j = 0; j < Lanes; ++j)
+            {
+                const float a = f[2 * (c + j)], b = f[2 * (c + j) + 1], w = weight[static_cast<size_t>(c + j)];
+                e[j] += w * (a * a + b * b);
+                re[j] += w * a;
+                im[j] += w * b;
+            }
+        double rowEnergy = 0.0, rowRe = 0.0, rowIm = 0.0;
+        for (int j = 0; j < Lanes; ++j)
+        {
+            rowEnergy += e[j];
+            rowRe += re[j];
+            rowIm += im[j];
+        }
+        for (; c < columns; ++c)
+        {
+            const double a = f[2 * c], b = f[2 * c + 1], w = weight[static_cast<size_t>(c)];
+            rowEnergy += w * (a * a + b * b);
+            rowRe += w * a;
+            rowIm += w * b;
+        }
+        energy += rowEnergy;
+        out[half] = std::complex<double>(rowRe, rowIm);
+        for (int o = 0; o < pairs; ++o)
+        {
+            // G t and G conj(t) share their four products.
+            const float* __restrict co = cosines.data() + static_cast<size_t>(o) * columns;
+            const float* __restrict si = sines.data() + static_cast<size_t>(o) * columns;
+            float ac[Lanes] = {}, bd[Lanes] = {}, ad[Lanes] = {}, bc[Lanes] = {};
+            int k = 0;
+            for (; k + Lanes <= columns; k += Lanes)
+                for (int j = 0; j < Lanes; ++j)
+                {
+                    const float a = f[2 * (k + j)], b = f[2 * (k + j) + 1];
+                    ac[j] += a * co[k + j];
+                    bd[j] += b * si[k + j];
+                    ad[j] += a * si[k + j];
+                    bc[j] += b * co[k + j];
+                }
+            double sac = 0.0, sbd = 0.0, sad = 0.0, sbc = 0.0;
+            for (int j = 0; j < Lanes; ++j)
+            {
+                sac += ac[j];
+                sbd += bd[j];
+                sad += ad[j];
+                sbc += bc[j];
+            }
+            for (; k < columns; ++k)
+            {
+                sac += static_cast<double>(f[2 * k]) * co[k];
+                sbd += static_cast<double>(f[2 * k + 1]) * si[k];
+                sad += static_cast<double>(f[2 * k]) * si[k];
+                sbc += static_cast<double>(f[2 * k + 1]) * co[k];
+            }
+            out[half + o + 1] = std::complex<double>(sac - sbd, sad + sbc);
+            out[half - o - 1] = std::complex<double>(sac + sbd, sbc - sad);
+        }
+    }
+
+    // Along the columns: c(ox, oy) = Re sum_y rows[y][ox] e^(2 pi i y oy / height) / N.
+    Peak peak;
+    double excluded = 0.0;
+    for (int j = 0; j < spanY; ++j)
+    {
+        const int oy = j - half;
+        std::vector<std::complex<double>> sums(static_cast<size_t>(spanX));
+        for (int y = 0; y < height; ++y)
+        {
+            const std::complex<double> t = std::polar(1.0, TwoPi * static_cast<double>(y) * oy / height);
+            const std::complex<double>* r = rows.data() + static_cast<size_t>(y) * spanX;
+            for (int i = 0; i < spanX; ++i)
+                sums[static_cast<size_t>(i)] += r[i] * t;
+        }
+        for (int i = 0; i < spanX; ++i)
+        {
+            const double value = sums[static_cast<size_t>(i)].real() / n;
+            excluded += value * value;
+            if (oy == 0 && i == half)
+                peak.value = value;
+        }
+    }
+    const double total = energy / n;
+    const double count = n - static_cast<double>(spanX) * spanY;
+    const double floor = count > 0 ? std::max(total - excluded, 0.0) / count : 0.0;
+    if (floor > 0.0)
+        peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
+    return peak;
+}
+
 // A photo of the fingerprint's size, in every candidate turn. The correlation
 // is of W with I * K in the photo's own frame (K turned back instead of W
 // turned), so W's Wiener-filtered spectrum serves every turn as it is: one
-// forward transform of I * K and one inverse per turn, and no spectrum of K.
-// Turning the correlation plane about its origin keeps the peak at zero shift
-// and only permutes the values around it, so the PCE is that of the turned photo.
+// forward transform of I * K per turn, and no spectrum of K. Turning the
+// correlation plane about its origin keeps the peak at zero shift and only
+// permutes the values around it, so the PCE is that of the turned photo.
 void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weights, const int* orientations,
                    int candidates, MatchResult& result)
 {
@@ -167,9 +306,7 @@ void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weig
             for (size_t j = 0; j < count; ++j)
                 s[j] = std::conj(f[j]) * s[j];
         }
-        inverseFftDestructive(spectrum, product);
-
-        const Peak peak = peakToCorrelationEnergy(product, 0, 0);
+        const Peak peak = zeroShiftPce(spectrum);
         result.positions += 1;
         if (i == 0 || peak.pce > result.pceRaw)
         {
@@ -177,8 +314,8 @@ void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weig
             result.orientation = r;
             result.shiftX = 0;
             result.shiftY = 0;
-            // Pearson correlation of W and I * K; the inverse transform is unnormalised.
-            const double cross = peak.value / n - wSum * pSum / n;
+            // Pearson correlation of W and I * K.
+            const double cross = peak.value - wSum * pSum / n;
             const double wVar = wSquares - wSum * wSum / n;
             const double pVar = pSquares - pSum * pSum / n;
             result.corr = wVar > 0 && pVar > 0 ? cross / std::sqrt(wVar * pVar) : 0.0;
