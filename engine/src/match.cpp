@@ -33,14 +33,6 @@ void prepareSpectrum(LoadedFingerprint& fp)
     });
 }
 
-struct Peak
-{
-    double value = 0.0;
-    double pce = 0.0;
-    int x = 0;
-    int y = 0;
-};
-
 // Peak over the admissible shifts and its PCE against the whole (circular)
 // correlation plane outside the exclusion square around it, wrapped at the borders.
 Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
@@ -88,11 +80,112 @@ Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
     return peak;
 }
 
-// PCE at zero shift of the circular correlation c = IDFT(G) / N, G = conj(F_W) F_P
-// in `g` (half spectrum): c(0) and the plane's energy
-// come from the spectrum (Parseval), and only the values inside the exclusion
-// square are evaluated, by a small DFT along the rows and then the columns.
-// This replaces an inverse transform of the whole plane. `value` is c(0).
+// A photo of the fingerprint's size, in every candidate turn. The correlation
+// is of W with I * K in the photo's own frame (K turned back instead of W
+// turned), so W's Wiener-filtered spectrum serves every turn as it is: one
+// forward transform of I * K per turn, and no spectrum of K. Turning the
+// correlation plane about its origin keeps the peak at zero shift and only
+// permutes the values around it, so the PCE is that of the turned photo.
+void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weights, const int* orientations,
+                   int candidates, MatchResult& result)
+{
+    Spectrum w;
+    wienerSpectrum(residual, w);
+    const double n = static_cast<double>(residual.size());
+    // Sum and sum of squares of W from its spectrum (Parseval); the half
+    // spectrum holds every column but the first (and the Nyquist one) twice.
+    double wSum = 0.0;
+    double wSquares = 0.0;
+    {
+        StageTimer timer(Stage::Correlation);
+        const int columns = w.columns();
+        const int lastPaired = residual.width() % 2 == 0 ? columns - 1 : columns;
+        for (int y = 0; y < w.height(); ++y)
+        {
+            const std::complex<float>* row = w.row(y);
+            double rowSum = 0.0;
+            for (int c = 0; c < columns; ++c)
+            {
+                const double power = std::norm(row[c]);
+                rowSum += c == 0 || c == lastPaired ? power : 2.0 * power;
+            }
+            wSquares += rowSum;
+        }
+        wSquares /= n;
+        wSum = w.data()[0].real();
+    }
+
+    Plane& product = residual; // W is in the spectrum now; its plane is free
+    Spectrum spectrum;
+    for (int i = 0; i < candidates; ++i)
+    {
+        const int r = orientations[i];
+        double pSum = 0.0;
+        double pSquares = 0.0;
+        {
+            StageTimer timer(Stage::Correlation);
+            const Plane* k = &fp.k;
+            if (r != 0)
+            {
+                rotatePlane(fp.k, (360 - r) % 360, product);
+                k = &product;
+            }
+            else
+            {
+                product.reset(fp.k.width(), fp.k.height());
+            }
+            for (int y = 0; y < product.height(); ++y)
+            {
+                const float* __restrict kr = k->row(y);
+                const float* __restrict ir = weights.row(y);
+                float* pr = product.row(y);
+                double rowSum = 0.0;
+                double rowSquares = 0.0;
+                for (int x = 0; x < product.width(); ++x)
+                {
+                    const float v = ir[x] * kr[x];
+                    pr[x] = v;
+                    rowSum += v;
+                    rowSquares += static_cast<double>(v) * v;
+                }
+                pSum += rowSum;
+                pSquares += rowSquares;
+            }
+        }
+        forwardFft(product, spectrum);
+        {
+            StageTimer timer(Stage::Correlation);
+            const std::complex<float>* f = w.data();
+            std::complex<float>* s = spectrum.data();
+            const size_t count = static_cast<size_t>(spectrum.columns()) * spectrum.height();
+            for (size_t j = 0; j < count; ++j)
+                s[j] = std::conj(f[j]) * s[j];
+        }
+        const Peak peak = zeroShiftPce(spectrum);
+        result.positions += 1;
+        if (i == 0 || peak.pce > result.pceRaw)
+        {
+            result.pceRaw = peak.pce;
+            result.orientation = r;
+            result.shiftX = 0;
+            result.shiftY = 0;
+            // Pearson correlation of W and I * K.
+            const double cross = peak.value - wSum * pSum / n;
+            const double wVar = wSquares - wSum * wSum / n;
+            const double pVar = pSquares - pSum * pSum / n;
+            result.corr = wVar > 0 && pVar > 0 ? cross / std::sqrt(wVar * pVar) : 0.0;
+        }
+        result.pce = result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
+        if (result.pce >= constants::MatchThresholdPce)
+            break; // a clear match already: further turns would only cost time
+    }
+}
+
+} // namespace
+
+// The plane's energy comes from the spectrum (Parseval), and only the values
+// inside the exclusion square are evaluated, by a small DFT along the rows and
+// then the columns: this replaces an inverse transform of the whole plane.
 Peak zeroShiftPce(const Spectrum& g)
 {
     constexpr double TwoPi = 6.283185307179586476925;
@@ -224,109 +317,6 @@ Peak zeroShiftPce(const Spectrum& g)
         peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
     return peak;
 }
-
-// A photo of the fingerprint's size, in every candidate turn. The correlation
-// is of W with I * K in the photo's own frame (K turned back instead of W
-// turned), so W's Wiener-filtered spectrum serves every turn as it is: one
-// forward transform of I * K per turn, and no spectrum of K. Turning the
-// correlation plane about its origin keeps the peak at zero shift and only
-// permutes the values around it, so the PCE is that of the turned photo.
-void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weights, const int* orientations,
-                   int candidates, MatchResult& result)
-{
-    Spectrum w;
-    wienerSpectrum(residual, w);
-    const double n = static_cast<double>(residual.size());
-    // Sum and sum of squares of W from its spectrum (Parseval); the half
-    // spectrum holds every column but the first (and the Nyquist one) twice.
-    double wSum = 0.0;
-    double wSquares = 0.0;
-    {
-        StageTimer timer(Stage::Correlation);
-        const int columns = w.columns();
-        const int lastPaired = residual.width() % 2 == 0 ? columns - 1 : columns;
-        for (int y = 0; y < w.height(); ++y)
-        {
-            const std::complex<float>* row = w.row(y);
-            double rowSum = 0.0;
-            for (int c = 0; c < columns; ++c)
-            {
-                const double power = std::norm(row[c]);
-                rowSum += c == 0 || c == lastPaired ? power : 2.0 * power;
-            }
-            wSquares += rowSum;
-        }
-        wSquares /= n;
-        wSum = w.data()[0].real();
-    }
-
-    Plane& product = residual; // W is in the spectrum now; its plane is free
-    Spectrum spectrum;
-    for (int i = 0; i < candidates; ++i)
-    {
-        const int r = orientations[i];
-        double pSum = 0.0;
-        double pSquares = 0.0;
-        {
-            StageTimer timer(Stage::Correlation);
-            const Plane* k = &fp.k;
-            if (r != 0)
-            {
-                rotatePlane(fp.k, (360 - r) % 360, product);
-                k = &product;
-            }
-            else
-            {
-                product.reset(fp.k.width(), fp.k.height());
-            }
-            for (int y = 0; y < product.height(); ++y)
-            {
-                const float* __restrict kr = k->row(y);
-                const float* __restrict ir = weights.row(y);
-                float* pr = product.row(y);
-                double rowSum = 0.0;
-                double rowSquares = 0.0;
-                for (int x = 0; x < product.width(); ++x)
-                {
-                    const float v = ir[x] * kr[x];
-                    pr[x] = v;
-                    rowSum += v;
-                    rowSquares += static_cast<double>(v) * v;
-                }
-                pSum += rowSum;
-                pSquares += rowSquares;
-            }
-        }
-        forwardFft(product, spectrum);
-        {
-            StageTimer timer(Stage::Correlation);
-            const std::complex<float>* f = w.data();
-            std::complex<float>* s = spectrum.data();
-            const size_t count = static_cast<size_t>(spectrum.columns()) * spectrum.height();
-            for (size_t j = 0; j < count; ++j)
-                s[j] = std::conj(f[j]) * s[j];
-        }
-        const Peak peak = zeroShiftPce(spectrum);
-        result.positions += 1;
-        if (i == 0 || peak.pce > result.pceRaw)
-        {
-            result.pceRaw = peak.pce;
-            result.orientation = r;
-            result.shiftX = 0;
-            result.shiftY = 0;
-            // Pearson correlation of W and I * K.
-            const double cross = peak.value - wSum * pSum / n;
-            const double wVar = wSquares - wSum * wSum / n;
-            const double pVar = pSquares - pSum * pSum / n;
-            result.corr = wVar > 0 && pVar > 0 ? cross / std::sqrt(wVar * pVar) : 0.0;
-        }
-        result.pce = result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
-        if (result.pce >= constants::MatchThresholdPce)
-            break; // a clear match already: further turns would only cost time
-    }
-}
-
-} // namespace
 
 int candidateOrientations(int photoW, int photoH, int fpW, int fpH, int exifOrientation, int out[4])
 {
