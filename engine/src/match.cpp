@@ -184,8 +184,8 @@ void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weig
 } // namespace
 
 // The plane's energy comes from the spectrum (Parseval), and only the values
-// inside the exclusion square are evaluated, by a small DFT along the rows and
-// then the columns: this replaces an inverse transform of the whole plane.
+// inside the exclusion square are evaluated, by small DFTs along the columns
+// and then the rows: this replaces an inverse transform of the whole plane.
 Peak zeroShiftPce(const Spectrum& g)
 {
     constexpr double TwoPi = 6.283185307179586476925;
@@ -199,114 +199,97 @@ Peak zeroShiftPce(const Spectrum& g)
     const int spanX = constants::PeakExclusion;
     const int spanY = std::min(constants::PeakExclusion, height);
 
-    // Each half-spectrum column but the first (and the Nyquist one) stands for
-    // itself and its mirror; its weight is folded into the twiddles.
-    const int lastPaired = width % 2 == 0 ? columns - 1 : columns;
-    std::vector<float> weight(static_cast<size_t>(columns));
-    for (int c = 0; c < columns; ++c)
-        weight[static_cast<size_t>(c)] = c == 0 || c == lastPaired ? 1.0f : 2.0f;
-    // Offsets ox = 1..half as cos and sin rows: their negatives have the
-    // conjugate twiddles.
-    const int pairs = half;
-    std::vector<float> cosines(static_cast<size_t>(pairs) * columns);
-    std::vector<float> sines(static_cast<size_t>(pairs) * columns);
-    for (int o = 0; o < pairs; ++o)
-        for (int c = 0; c < columns; ++c)
-        {
-            const double angle = TwoPi * static_cast<double>(c) * (o + 1) / width;
-            cosines[static_cast<size_t>(o) * columns + c] = static_cast<float>(weight[static_cast<size_t>(c)] * std::cos(angle));
-            sines[static_cast<size_t>(o) * columns + c] = static_cast<float>(weight[static_cast<size_t>(c)] * std::sin(angle));
-        }
-
-    // rows[y * spanX + i]: sum over the row's columns of weight * G * e^(2 pi i c ox / width), ox = i - half.
-    std::vector<std::complex<double>> rows(static_cast<size_t>(height) * spanX);
-    double energy = 0.0;
-    constexpr int Lanes = 8;
+    // Along the columns first: sums[i][c] = sum over rows y of G[y][c] e^(2 pi i y oy / height),
+    // oy = i - half, for every column at once (the loops run along the rows, so
+    // they vectorise without reordering any sum). Offsets +oy and -oy have
+    // conjugate twiddles and share their products.
+    std::vector<float> real(static_cast<size_t>(columns)), imag(static_cast<size_t>(columns));
+    std::vector<float> energyOf(static_cast<size_t>(columns));
+    std::vector<std::vector<float>> sumRe(static_cast<size_t>(spanY), std::vector<float>(static_cast<size_t>(columns)));
+    std::vector<std::vector<float>> sumIm(static_cast<size_t>(spanY), std::vector<float>(static_cast<size_t>(columns)));
+    const int pairs = spanY == constants::PeakExclusion ? half : 0; // a short plane takes every row by itself
     for (int y = 0; y < height; ++y)
     {
-        const float* __restrict f = reinterpret_cast<const float*>(g.row(y));
-        std::complex<double>* out = rows.data() + static_cast<size_t>(y) * spanX;
-        float e[Lanes] = {}, re[Lanes] = {}, im[Lanes] = {};
-        int c = 0;
-        for (; c + Lanes <= columns; c += Lanes)
-            for (int j = 0; j < Lanes; ++j)
-            {
-                const float a = f[2 * (c + j)], b = f[2 * (c + j) + 1], w = weight[static_cast<size_t>(c + j)];
-                e[j] += w * (a * a + b * b);
-                re[j] += w * a;
-                im[j] += w * b;
-            }
-        double rowEnergy = 0.0, rowRe = 0.0, rowIm = 0.0;
-        for (int j = 0; j < Lanes; ++j)
+        const std::complex<float>* row = g.row(y);
+        float* __restrict re = real.data();
+        float* __restrict im = imag.data();
+        float* __restrict e = energyOf.data();
+        for (int c = 0; c < columns; ++c)
         {
-            rowEnergy += e[j];
-            rowRe += re[j];
-            rowIm += im[j];
+            re[c] = row[c].real();
+            im[c] = row[c].imag();
+            e[c] += re[c] * re[c] + im[c] * im[c];
         }
-        for (; c < columns; ++c)
+        const auto add = [&](int i, float co, float sn)
         {
-            const double a = f[2 * c], b = f[2 * c + 1], w = weight[static_cast<size_t>(c)];
-            rowEnergy += w * (a * a + b * b);
-            rowRe += w * a;
-            rowIm += w * b;
+            float* __restrict r = sumRe[static_cast<size_t>(i)].data();
+            float* __restrict q = sumIm[static_cast<size_t>(i)].data();
+            for (int c = 0; c < columns; ++c)
+            {
+                r[c] += re[c] * co - im[c] * sn;
+                q[c] += re[c] * sn + im[c] * co;
+            }
+        };
+        if (pairs == 0)
+        {
+            for (int i = 0; i < spanY; ++i)
+            {
+                const double angle = TwoPi * static_cast<double>(y) * (i - half) / height;
+                add(i, static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle)));
+            }
+            continue;
         }
-        energy += rowEnergy;
-        out[half] = std::complex<double>(rowRe, rowIm);
-        for (int o = 0; o < pairs; ++o)
+        add(half, 1.0f, 0.0f);
+        for (int o = 1; o <= pairs; ++o)
         {
-            // G t and G conj(t) share their four products.
-            const float* __restrict co = cosines.data() + static_cast<size_t>(o) * columns;
-            const float* __restrict si = sines.data() + static_cast<size_t>(o) * columns;
-            float ac[Lanes] = {}, bd[Lanes] = {}, ad[Lanes] = {}, bc[Lanes] = {};
-            int k = 0;
-            for (; k + Lanes <= columns; k += Lanes)
-                for (int j = 0; j < Lanes; ++j)
-                {
-                    const float a = f[2 * (k + j)], b = f[2 * (k + j) + 1];
-                    ac[j] += a * co[k + j];
-                    bd[j] += b * si[k + j];
-                    ad[j] += a * si[k + j];
-                    bc[j] += b * co[k + j];
-                }
-            double sac = 0.0, sbd = 0.0, sad = 0.0, sbc = 0.0;
-            for (int j = 0; j < Lanes; ++j)
+            const double angle = TwoPi * static_cast<double>(static_cast<long long>(y) * o % height) / height;
+            const float co = static_cast<float>(std::cos(angle));
+            const float sn = static_cast<float>(std::sin(angle));
+            float* __restrict pr = sumRe[static_cast<size_t>(half + o)].data();
+            float* __restrict pi = sumIm[static_cast<size_t>(half + o)].data();
+            float* __restrict mr = sumRe[static_cast<size_t>(half - o)].data();
+            float* __restrict mi = sumIm[static_cast<size_t>(half - o)].data();
+            for (int c = 0; c < columns; ++c)
             {
-                sac += ac[j];
-                sbd += bd[j];
-                sad += ad[j];
-                sbc += bc[j];
+                const float ac = re[c] * co, bd = im[c] * sn, ad = re[c] * sn, bc = im[c] * co;
+                pr[c] += ac - bd;
+                pi[c] += ad + bc;
+                mr[c] += ac + bd;
+                mi[c] += bc - ad;
             }
-            for (; k < columns; ++k)
-            {
-                sac += static_cast<double>(f[2 * k]) * co[k];
-                sbd += static_cast<double>(f[2 * k + 1]) * si[k];
-                sad += static_cast<double>(f[2 * k]) * si[k];
-                sbc += static_cast<double>(f[2 * k + 1]) * co[k];
-            }
-            out[half + o + 1] = std::complex<double>(sac - sbd, sad + sbc);
-            out[half - o - 1] = std::complex<double>(sac + sbd, sbc - sad);
         }
     }
 
-    // Along the columns: c(ox, oy) = Re sum_y rows[y][ox] e^(2 pi i y oy / height) / N.
+    // Then along the rows: c(ox, oy) = sum over columns of weight * Re(sums e^(2 pi i c ox / width)) / N.
+    // Each half-spectrum column but the first (and the Nyquist one) stands for
+    // itself and its mirror.
+    const int lastPaired = width % 2 == 0 ? columns - 1 : columns;
     Peak peak;
+    double energy = 0.0;
     double excluded = 0.0;
-    for (int j = 0; j < spanY; ++j)
+    for (int c = 0; c < columns; ++c)
+        energy += (c == 0 || c == lastPaired ? 1.0 : 2.0) * energyOf[static_cast<size_t>(c)];
+    for (int i = 0; i < spanX; ++i)
     {
-        const int oy = j - half;
-        std::vector<std::complex<double>> sums(static_cast<size_t>(spanX));
-        for (int y = 0; y < height; ++y)
+        const int ox = i - half;
+        std::vector<double> cosines(static_cast<size_t>(columns)), sines(static_cast<size_t>(columns));
+        for (int c = 0; c < columns; ++c)
         {
-            const std::complex<double> t = std::polar(1.0, TwoPi * static_cast<double>(y) * oy / height);
-            const std::complex<double>* r = rows.data() + static_cast<size_t>(y) * spanX;
-            for (int i = 0; i < spanX; ++i)
-                sums[static_cast<size_t>(i)] += r[i] * t;
+            const double w = c == 0 || c == lastPaired ? 1.0 : 2.0;
+            const double angle = TwoPi * static_cast<double>((static_cast<long long>(c) * ox % width + width) % width) / width;
+            cosines[static_cast<size_t>(c)] = w * std::cos(angle);
+            sines[static_cast<size_t>(c)] = w * std::sin(angle);
         }
-        for (int i = 0; i < spanX; ++i)
+        for (int j = 0; j < spanY; ++j)
         {
-            const double value = sums[static_cast<size_t>(i)].real() / n;
+            const float* r = sumRe[static_cast<size_t>(j)].data();
+            const float* q = sumIm[static_cast<size_t>(j)].data();
+            double sum = 0.0;
+            for (int c = 0; c < columns; ++c)
+                sum += r[c] * cosines[static_cast<size_t>(c)] - q[c] * sines[static_cast<size_t>(c)];
+            const double value = sum / n;
             excluded += value * value;
-            if (oy == 0 && i == half)
+            if (ox == 0 && j == half)
                 peak.value = value;
         }
     }
