@@ -86,7 +86,7 @@ Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
 // forward transform of I * K per turn, and no spectrum of K. Turning the
 // correlation plane about its origin keeps the peak at zero shift and only
 // permutes the values around it, so the PCE is that of the turned photo.
-void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weights, const int* orientations,
+void matchSameSize(const Plane& k, Plane& residual, const Plane& weights, const int* orientations,
                    int candidates, MatchResult& result)
 {
     Spectrum w;
@@ -124,19 +124,19 @@ void matchSameSize(const FingerprintData& fp, Plane& residual, const Plane& weig
         double pSquares = 0.0;
         {
             StageTimer timer(Stage::Correlation);
-            const Plane* k = &fp.k;
+            const Plane* turnedK = &k;
             if (r != 0)
             {
-                rotatePlane(fp.k, (360 - r) % 360, product);
-                k = &product;
+                rotatePlane(k, (360 - r) % 360, product);
+                turnedK = &product;
             }
             else
             {
-                product.reset(fp.k.width(), fp.k.height());
+                product.reset(k.width(), k.height());
             }
             for (int y = 0; y < product.height(); ++y)
             {
-                const float* __restrict kr = k->row(y);
+                const float* __restrict kr = turnedK->row(y);
                 const float* __restrict ir = weights.row(y);
                 float* pr = product.row(y);
                 double rowSum = 0.0;
@@ -418,7 +418,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     const bool turned90 = orientations[0] == 90 || orientations[0] == 270;
     if ((turned90 ? photo.height : photo.width) == fp.width && (turned90 ? photo.width : photo.height) == fp.height)
     {
-        matchSameSize(fp, x, weights, orientations, candidates, result);
+        matchSameSize(fp.k, x, weights, orientations, candidates, result);
         result.matched = result.pce >= constants::MatchThresholdPce;
         result.probability = probabilityForPce(result.pce);
         return result;
