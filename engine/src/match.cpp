@@ -175,7 +175,8 @@ void matchSameSize(const Plane& k, Plane& residual, const Plane& weights, const 
             const double pVar = pSquares - pSum * pSum / n;
             result.corr = wVar > 0 && pVar > 0 ? cross / std::sqrt(wVar * pVar) : 0.0;
         }
-        result.pce = result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
+        result.pce =
+            result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
         if (result.pce >= constants::MatchThresholdPce)
             break; // a clear match already: further turns would only cost time
     }
@@ -195,7 +196,8 @@ Peak zeroShiftPce(const Spectrum& g)
     const int columns = g.columns();
     const double n = static_cast<double>(width) * height;
     const int half = constants::PeakExclusion / 2;
-    static_assert(constants::MinMatchSide >= constants::PeakExclusion, "matched photos are wider than the square");
+    static_assert(constants::MinMatchSide >= constants::PeakExclusion,
+                  "matched photos are wider than the square");
     const int spanX = constants::PeakExclusion;
     const int spanY = std::min(constants::PeakExclusion, height);
 
@@ -205,8 +207,10 @@ Peak zeroShiftPce(const Spectrum& g)
     // conjugate twiddles and share their products.
     std::vector<float> real(static_cast<size_t>(columns)), imag(static_cast<size_t>(columns));
     std::vector<float> energyOf(static_cast<size_t>(columns));
-    std::vector<std::vector<float>> sumRe(static_cast<size_t>(spanY), std::vector<float>(static_cast<size_t>(columns)));
-    std::vector<std::vector<float>> sumIm(static_cast<size_t>(spanY), std::vector<float>(static_cast<size_t>(columns)));
+    std::vector<std::vector<float>> sumRe(static_cast<size_t>(spanY),
+                                          std::vector<float>(static_cast<size_t>(columns)));
+    std::vector<std::vector<float>> sumIm(static_cast<size_t>(spanY),
+                                          std::vector<float>(static_cast<size_t>(columns)));
     const int pairs = spanY == constants::PeakExclusion ? half : 0; // a short plane takes every row by itself
     for (int y = 0; y < height; ++y)
     {
@@ -276,7 +280,8 @@ Peak zeroShiftPce(const Spectrum& g)
         for (int c = 0; c < columns; ++c)
         {
             const double w = c == 0 || c == lastPaired ? 1.0 : 2.0;
-            const double angle = TwoPi * static_cast<double>((static_cast<long long>(c) * ox % width + width) % width) / width;
+            const double angle =
+                TwoPi * static_cast<double>((static_cast<long long>(c) * ox % width + width) % width) / width;
             cosines[static_cast<size_t>(c)] = w * std::cos(angle);
             sines[static_cast<size_t>(c)] = w * std::sin(angle);
         }
@@ -416,7 +421,8 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     combinedResidualReleasing(photo.planes, photo.channels, fp.sigmaMatch, x);
     zeroMeanLattices(x);
     const bool turned90 = orientations[0] == 90 || orientations[0] == 270;
-    if ((turned90 ? photo.height : photo.width) == fp.width && (turned90 ? photo.width : photo.height) == fp.height)
+    if ((turned90 ? photo.height : photo.width) == fp.width &&
+        (turned90 ? photo.width : photo.height) == fp.height)
     {
         matchSameSize(fp.k, x, weights, orientations, candidates, result);
         result.matched = result.pce >= constants::MatchThresholdPce;

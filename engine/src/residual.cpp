@@ -804,7 +804,8 @@ void wienerSpectrum(const Plane& plane, Spectrum& spectrum)
                                 f[2 * x + 1] *= gain[x];
                             }
                         });
-        if (!allFinite(reinterpret_cast<const float*>(spectrum.data()), 2 * static_cast<size_t>(columns) * height))
+        if (!allFinite(reinterpret_cast<const float*>(spectrum.data()),
+                       2 * static_cast<size_t>(columns) * height))
             fail(LUMICREST_NUMERIC_NOT_FINITE, "Wiener-filtered residual is not finite");
     }
 }

@@ -359,7 +359,8 @@ TEST(Fft, ZeroShiftPceAgreesWithWholePlane)
                 if (sx == 0 && sy == 0)
                     zero = v;
             }
-        const double pce = (zero >= 0 ? 1 : -1) * zero * zero / ((total - near) / (n - 11 * std::min(11, c.h)));
+        const double pce =
+            (zero >= 0 ? 1 : -1) * zero * zero / ((total - near) / (n - 11 * std::min(11, c.h)));
         EXPECT_NEAR(fast.value, zero, 1e-4 * std::sqrt(total));
         EXPECT_NEAR(fast.pce, pce, 1e-4 * std::max(1.0, std::abs(pce)));
     }
