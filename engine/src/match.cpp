@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
+#include <vector>
 
 namespace lumicrest
 {
@@ -31,14 +33,6 @@ void prepareSpectrum(LoadedFingerprint& fp)
         fp.kEnergy = energy;
     });
 }
-
-struct Peak
-{
-    double value = 0.0;
-    double pce = 0.0;
-    int x = 0;
-    int y = 0;
-};
 
 // Peak over the admissible shifts and its PCE against the whole (circular)
 // correlation plane outside the exclusion square around it, wrapped at the borders.
@@ -87,7 +81,231 @@ Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
     return peak;
 }
 
+// A photo of the fingerprint's size, in every candidate turn. The correlation
+// is of W with I * K in the photo's own frame (K turned back instead of W
+// turned), so W's Wiener-filtered spectrum serves every turn as it is: one
+// forward transform of I * K per turn, and no spectrum of K. Turning the
+// correlation plane about its origin keeps the peak at zero shift and only
+// permutes the values around it, so the PCE is that of the turned photo.
+void matchSameSize(const Plane& k, Plane& residual, const Plane& weights, const int* orientations,
+                   int candidates, MatchResult& result)
+{
+    Spectrum w;
+    wienerSpectrum(residual, w);
+    const double n = static_cast<double>(residual.size());
+    // Sum and sum of squares of W from its spectrum (Parseval); the half
+    // spectrum holds every column but the first (and the Nyquist one) twice.
+    double wSum = 0.0;
+    double wSquares = 0.0;
+    {
+        StageTimer timer(Stage::Correlation);
+        const int columns = w.columns();
+        const int lastPaired = residual.width() % 2 == 0 ? columns - 1 : columns;
+        for (int y = 0; y < w.height(); ++y)
+        {
+            const std::complex<float>* row = w.row(y);
+            double rowSum = 0.0;
+            for (int c = 0; c < columns; ++c)
+            {
+                const double power = std::norm(row[c]);
+                rowSum += c == 0 || c == lastPaired ? power : 2.0 * power;
+            }
+            wSquares += rowSum;
+        }
+        wSquares /= n;
+        wSum = w.data()[0].real();
+    }
+
+    Plane& product = residual; // W is in the spectrum now; its plane is free
+    Spectrum spectrum;
+    for (int i = 0; i < candidates; ++i)
+    {
+        const int r = orientations[i];
+        double pSum = 0.0;
+        double pSquares = 0.0;
+        {
+            StageTimer timer(Stage::Correlation);
+            const Plane* turnedK = &k;
+            if (r != 0)
+            {
+                rotatePlane(k, (360 - r) % 360, product);
+                turnedK = &product;
+            }
+            else
+            {
+                product.reset(k.width(), k.height());
+            }
+            for (int y = 0; y < product.height(); ++y)
+            {
+                const float* __restrict kr = turnedK->row(y);
+                const float* __restrict ir = weights.row(y);
+                float* pr = product.row(y);
+                double rowSum = 0.0;
+                double rowSquares = 0.0;
+                for (int x = 0; x < product.width(); ++x)
+                {
+                    const float v = ir[x] * kr[x];
+                    pr[x] = v;
+                    rowSum += v;
+                    rowSquares += static_cast<double>(v) * v;
+                }
+                pSum += rowSum;
+                pSquares += rowSquares;
+            }
+        }
+        forwardFft(product, spectrum);
+        {
+            StageTimer timer(Stage::Correlation);
+            const std::complex<float>* f = w.data();
+            std::complex<float>* s = spectrum.data();
+            const size_t count = static_cast<size_t>(spectrum.columns()) * spectrum.height();
+            for (size_t j = 0; j < count; ++j)
+                s[j] = std::conj(f[j]) * s[j];
+        }
+        const Peak peak = zeroShiftPce(spectrum);
+        result.positions += 1;
+        if (i == 0 || peak.pce > result.pceRaw)
+        {
+            result.pceRaw = peak.pce;
+            result.orientation = r;
+            result.shiftX = 0;
+            result.shiftY = 0;
+            // Pearson correlation of W and I * K.
+            const double cross = peak.value - wSum * pSum / n;
+            const double wVar = wSquares - wSum * wSum / n;
+            const double pVar = pSquares - pSum * pSum / n;
+            result.corr = wVar > 0 && pVar > 0 ? cross / std::sqrt(wVar * pVar) : 0.0;
+        }
+        result.pce =
+            result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
+        if (result.pce >= constants::MatchThresholdPce)
+            break; // a clear match already: further turns would only cost time
+    }
+}
+
 } // namespace
+
+// The plane's energy comes from the spectrum (Parseval), and only the values
+// inside the exclusion square are evaluated, by small DFTs along the columns
+// and then the rows: this replaces an inverse transform of the whole plane.
+Peak zeroShiftPce(const Spectrum& g)
+{
+    constexpr double TwoPi = 6.283185307179586476925;
+    StageTimer timer(Stage::Pce);
+    const int width = g.width();
+    const int height = g.height();
+    const int columns = g.columns();
+    const double n = static_cast<double>(width) * height;
+    const int half = constants::PeakExclusion / 2;
+    static_assert(constants::MinMatchSide >= constants::PeakExclusion,
+                  "matched photos are wider than the square");
+    const int spanX = constants::PeakExclusion;
+    const int spanY = std::min(constants::PeakExclusion, height);
+
+    // Along the columns first: sums[i][c] = sum over rows y of G[y][c] e^(2 pi i y oy / height),
+    // oy = i - half, for every column at once (the loops run along the rows, so
+    // they vectorise without reordering any sum). Offsets +oy and -oy have
+    // conjugate twiddles and share their products.
+    std::vector<float> real(static_cast<size_t>(columns)), imag(static_cast<size_t>(columns));
+    std::vector<float> energyOf(static_cast<size_t>(columns));
+    std::vector<std::vector<float>> sumRe(static_cast<size_t>(spanY),
+                                          std::vector<float>(static_cast<size_t>(columns)));
+    std::vector<std::vector<float>> sumIm(static_cast<size_t>(spanY),
+                                          std::vector<float>(static_cast<size_t>(columns)));
+    const int pairs = spanY == constants::PeakExclusion ? half : 0; // a short plane takes every row by itself
+    for (int y = 0; y < height; ++y)
+    {
+        const std::complex<float>* row = g.row(y);
+        float* __restrict re = real.data();
+        float* __restrict im = imag.data();
+        float* __restrict e = energyOf.data();
+        for (int c = 0; c < columns; ++c)
+        {
+            re[c] = row[c].real();
+            im[c] = row[c].imag();
+            e[c] += re[c] * re[c] + im[c] * im[c];
+        }
+        const auto add = [&](int i, float co, float sn)
+        {
+            float* __restrict r = sumRe[static_cast<size_t>(i)].data();
+            float* __restrict q = sumIm[static_cast<size_t>(i)].data();
+            for (int c = 0; c < columns; ++c)
+            {
+                r[c] += re[c] * co - im[c] * sn;
+                q[c] += re[c] * sn + im[c] * co;
+            }
+        };
+        if (pairs == 0)
+        {
+            for (int i = 0; i < spanY; ++i)
+            {
+                const double angle = TwoPi * static_cast<double>(y) * (i - half) / height;
+                add(i, static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle)));
+            }
+            continue;
+        }
+        add(half, 1.0f, 0.0f);
+        for (int o = 1; o <= pairs; ++o)
+        {
+            const double angle = TwoPi * static_cast<double>(static_cast<long long>(y) * o % height) / height;
+            const float co = static_cast<float>(std::cos(angle));
+            const float sn = static_cast<float>(std::sin(angle));
+            float* __restrict pr = sumRe[static_cast<size_t>(half + o)].data();
+            float* __restrict pi = sumIm[static_cast<size_t>(half + o)].data();
+            float* __restrict mr = sumRe[static_cast<size_t>(half - o)].data();
+            float* __restrict mi = sumIm[static_cast<size_t>(half - o)].data();
+            for (int c = 0; c < columns; ++c)
+            {
+                const float ac = re[c] * co, bd = im[c] * sn, ad = re[c] * sn, bc = im[c] * co;
+                pr[c] += ac - bd;
+                pi[c] += ad + bc;
+                mr[c] += ac + bd;
+                mi[c] += bc - ad;
+            }
+        }
+    }
+
+    // Then along the rows: c(ox, oy) = sum over columns of weight * Re(sums e^(2 pi i c ox / width)) / N.
+    // Each half-spectrum column but the first (and the Nyquist one) stands for
+    // itself and its mirror.
+    const int lastPaired = width % 2 == 0 ? columns - 1 : columns;
+    Peak peak;
+    double energy = 0.0;
+    double excluded = 0.0;
+    for (int c = 0; c < columns; ++c)
+        energy += (c == 0 || c == lastPaired ? 1.0 : 2.0) * energyOf[static_cast<size_t>(c)];
+    for (int i = 0; i < spanX; ++i)
+    {
+        const int ox = i - half;
+        std::vector<double> cosines(static_cast<size_t>(columns)), sines(static_cast<size_t>(columns));
+        for (int c = 0; c < columns; ++c)
+        {
+            const double w = c == 0 || c == lastPaired ? 1.0 : 2.0;
+            const double angle =
+                TwoPi * static_cast<double>((static_cast<long long>(c) * ox % width + width) % width) / width;
+            cosines[static_cast<size_t>(c)] = w * std::cos(angle);
+            sines[static_cast<size_t>(c)] = w * std::sin(angle);
+        }
+        for (int j = 0; j < spanY; ++j)
+        {
+            const float* r = sumRe[static_cast<size_t>(j)].data();
+            const float* q = sumIm[static_cast<size_t>(j)].data();
+            double sum = 0.0;
+            for (int c = 0; c < columns; ++c)
+                sum += r[c] * cosines[static_cast<size_t>(c)] - q[c] * sines[static_cast<size_t>(c)];
+            const double value = sum / n;
+            excluded += value * value;
+            if (ox == 0 && j == half)
+                peak.value = value;
+        }
+    }
+    const double total = energy / n;
+    const double count = n - static_cast<double>(spanX) * spanY;
+    const double floor = count > 0 ? std::max(total - excluded, 0.0) / count : 0.0;
+    if (floor > 0.0)
+        peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
+    return peak;
+}
 
 int candidateOrientations(int photoW, int photoH, int fpW, int fpH, int exifOrientation, int out[4])
 {
@@ -216,6 +434,15 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     Plane x;
     combinedResidualReleasing(photo.planes, photo.channels, fp.sigmaMatch, x);
     zeroMeanLattices(x);
+    const bool turned90 = orientations[0] == 90 || orientations[0] == 270;
+    if ((turned90 ? photo.height : photo.width) == fp.width &&
+        (turned90 ? photo.width : photo.height) == fp.height)
+    {
+        matchSameSize(fp.k, x, weights, orientations, candidates, result);
+        result.matched = result.pce >= constants::MatchThresholdPce;
+        result.probability = probabilityForPce(result.pce);
+        return result;
+    }
     wienerInDft(x);
     applyWeights(x, weights);
     weights = Plane();

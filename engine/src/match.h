@@ -22,6 +22,20 @@ struct MatchResult
     std::string reason;      // why the photo could not be judged ("size", "too small"), or empty
 };
 
+struct Peak
+{
+    double value = 0.0;
+    double pce = 0.0;
+    int x = 0;
+    int y = 0;
+};
+
+// Value at zero shift and PCE there of the circular correlation
+// c = IDFT(g) / (width * height), from its half spectrum `g` (for two planes
+// of the same size, g = conj(F_a) F_b); planes at least as wide as the
+// exclusion square.
+Peak zeroShiftPce(const Spectrum& g);
+
 // Matches one photo file against a fingerprint. Throws Failure for photos that
 // cannot be read.
 MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path);

@@ -742,10 +742,13 @@ void zeroMeanLattices(Plane& plane)
     }
 }
 
-void wienerInDft(Plane& plane)
+void wienerSpectrum(const Plane& plane, Spectrum& spectrum)
 {
     if (plane.empty())
+    {
+        spectrum.reset(0, 0);
         return;
+    }
     const int width = plane.width();
     const int height = plane.height();
     const double n = static_cast<double>(plane.size());
@@ -765,12 +768,13 @@ void wienerInDft(Plane& plane)
         // pattern, and 0 / 0 gains are avoided.
         if (!(static_cast<float>(variance) > 0.0f))
         {
-            plane.fill(0.0f);
+            spectrum.reset(width, height);
+            std::fill(spectrum.data(), spectrum.data() + static_cast<size_t>(spectrum.columns()) * height,
+                      std::complex<float>());
             return;
         }
     }
 
-    Spectrum& spectrum = ws.spectrum;
     forwardFft(plane, spectrum);
     {
         StageTimer timer(Stage::Wiener);
@@ -800,11 +804,22 @@ void wienerInDft(Plane& plane)
                                 f[2 * x + 1] *= gain[x];
                             }
                         });
+        if (!allFinite(reinterpret_cast<const float*>(spectrum.data()),
+                       2 * static_cast<size_t>(columns) * height))
+            fail(LUMICREST_NUMERIC_NOT_FINITE, "Wiener-filtered residual is not finite");
     }
+}
+
+void wienerInDft(Plane& plane)
+{
+    if (plane.empty())
+        return;
+    Spectrum& spectrum = workspace().spectrum;
+    wienerSpectrum(plane, spectrum);
     inverseFftDestructive(spectrum, plane);
     {
         StageTimer timer(Stage::Wiener);
-        const float scale = static_cast<float>(1.0 / n);
+        const float scale = static_cast<float>(1.0 / static_cast<double>(plane.size()));
         float* __restrict p = plane.data();
         for (size_t i = 0, count = plane.size(); i < count; ++i)
             p[i] *= scale;

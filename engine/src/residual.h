@@ -1,5 +1,6 @@
 #pragma once
 
+#include "fft.h"
 #include "plane.h"
 
 #include <cstddef>
@@ -29,6 +30,10 @@ void zeroMeanLattices(Plane& plane);
 // spectrum is reduced to its noise part with the same local-variance rule,
 // the noise variance being the plane's own variance.
 void wienerInDft(Plane& plane);
+// The same filter's output as its (unnormalised, half) spectrum, before the
+// inverse transform: callers that correlate in the Fourier domain save two
+// transforms. `plane` is left as it was.
+void wienerSpectrum(const Plane& plane, Spectrum& spectrum);
 
 // Frees the calling thread's scratch buffers (they are kept between calls).
 void releaseResidualScratch();

@@ -13,6 +13,7 @@
 #include "qcontrols/messageboxfactory.h"
 #include "qcontrols/navigationbutton.h"
 #include "qdialogs/progressdlg.h"
+#include "qutils/appsettings.h"
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
 #include "qutils/taskrunner.h"
@@ -59,7 +60,7 @@ private:
 
 constexpr int AllMask = 0xFFFF;
 constexpr int NotProcessedMask = ~(CImageModel::SuccessVeryHigh | CImageModel::SuccessHigh | CImageModel::SuccessMedium |
-                                   CImageModel::SuccessLow | CImageModel::Fail);
+                                   CImageModel::SuccessLow | CImageModel::Fail | CImageModel::NotCompared);
 
 } // namespace
 
@@ -123,6 +124,7 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
     m_filter->addItem(tr("Low probability (0)"), static_cast<int>(CImageModel::SuccessLow));
     m_filter->addItem(tr("Fingerprint not found (0)"), static_cast<int>(CImageModel::Fail));
     m_filter->addItem(tr("Not processed (%1)").arg(m_files.size()), NotProcessedMask);
+    m_filter->addItem(tr("Not compared (0)"), static_cast<int>(CImageModel::NotCompared));
     m_filter->setMinimumWidth(qRound(240 * scale));
     filterRow->addWidget(m_filter);
     filterRow->addSpacing(gap);
@@ -152,6 +154,8 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
         CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
         m_fingerprint = CFingerprint::load(CSettings::lastRecognizer(), &status);
     }
+    // Read now, while no engine call runs: the pool starts later.
+    qutils::CAppSettings::applyScaleSearch(qutils::CAppSettings::scaleSearch());
     m_analyzer = new CMultipleThreadAnalyzer(m_files, m_fingerprint, m_skipDifferentCamera, this);
     if (!connect(m_analyzer, &CMultipleThreadAnalyzer::finished, this, &CAnalyzeDlg::finish))
         QX_ERROR << "Cannot connect the analyzer's end";
@@ -184,7 +188,21 @@ void CAnalyzeDlg::cancelWork()
 
 QVector<int> CAnalyzeDlg::counters() const
 {
-    return {m_veryHigh, m_high, m_medium, m_low, m_notFound};
+    return {m_veryHigh, m_high, m_medium, m_low, m_notFound, m_notCompared};
+}
+
+int CAnalyzeDlg::processedCount() const
+{
+    return m_veryHigh + m_high + m_medium + m_low + m_notFound + m_notCompared;
+}
+
+int CAnalyzeDlg::classCount(int index) const
+{
+    if (index >= FilterVeryHigh && index <= FilterNotFound)
+        return counters().at(index - 1);
+    if (index == FilterNotCompared)
+        return m_notCompared;
+    return -1;
 }
 
 void CAnalyzeDlg::onSingleAnalyzeStarted(int index)
@@ -197,6 +215,18 @@ void CAnalyzeDlg::onSingleAnalyzeFinished(int index)
     if (index < 0 || index >= m_files.size())
         return;
     const CQuorvexAPI::SAnalysisResult result = m_analyzer->result(m_files.at(index).absoluteFilePath());
+    if (isNotCompared(result))
+    {
+        ++m_notCompared;
+        QString text = QStringLiteral("<b>%1</b>").arg(notComparedTitle(result).toHtmlEscaped());
+        if (!result.reason.isEmpty())
+            text += QStringLiteral("<br />") + result.reason.toHtmlEscaped();
+        m_gallery->imageModel()->setDescription(index, text);
+        m_gallery->imageModel()->setState(index, CImageModel::NotCompared);
+        m_gallery->imageModel()->setResult(index, QVariant::fromValue(result));
+        updateFilter();
+        return;
+    }
     // Counted as "not found" on matched alone, before the status is looked at,
     // so a photo that failed shows its error yet counts with the no-matches.
     if (!result.matched)
@@ -248,7 +278,7 @@ qint64 CAnalyzeDlg::remainingMilliseconds(qint64 elapsedMs, int processed, int t
 
 void CAnalyzeDlg::updateFilter()
 {
-    const int processed = m_veryHigh + m_high + m_medium + m_low + m_notFound;
+    const int processed = processedCount();
     const int total = m_files.size();
     m_filter->setItemText(FilterAll, tr("All (%1)").arg(total));
     m_filter->setItemText(FilterVeryHigh, tr("Very high probability (%1)").arg(m_veryHigh));
@@ -257,6 +287,7 @@ void CAnalyzeDlg::updateFilter()
     m_filter->setItemText(FilterLow, tr("Low probability (%1)").arg(m_low));
     m_filter->setItemText(FilterNotFound, tr("Fingerprint not found (%1)").arg(m_notFound));
     m_filter->setItemText(FilterNotProcessed, tr("Not processed (%1)").arg(total - processed));
+    m_filter->setItemText(FilterNotCompared, tr("Not compared (%1)").arg(m_notCompared));
     // The filter and the report button follow the new counts.
     filter(m_filter->currentIndex());
 
@@ -273,19 +304,18 @@ void CAnalyzeDlg::filter(int index)
 {
     m_gallery->setFilterMask(m_filter->itemData(index).toInt());
     m_saveReport->setTitle(tr("Generate Report"));
-    const QVector<int> counts = counters();
     switch (index)
     {
     case FilterAll:
-        m_saveReport->setDescription(tr("All %1 processed photos selected for report")
-                                         .arg(m_veryHigh + m_high + m_medium + m_low + m_notFound));
+        m_saveReport->setDescription(tr("All %1 processed photos selected for report").arg(processedCount()));
         break;
     case FilterVeryHigh:
     case FilterHigh:
     case FilterMedium:
     case FilterLow:
     case FilterNotFound:
-        m_saveReport->setDescription(tr("%1 photos selected for report").arg(counts.at(index - 1)));
+    case FilterNotCompared:
+        m_saveReport->setDescription(tr("%1 photos selected for report").arg(classCount(index)));
         break;
     case FilterNotProcessed:
         m_saveReport->setDescription(tr("No processed photos selected for report"));
@@ -311,12 +341,13 @@ void CAnalyzeDlg::finish()
         return;
     m_progressLabel->hide();
     const double elapsed = m_timer.elapsed() / 1000.0;
-    const int processed = m_veryHigh + m_high + m_medium + m_low + m_notFound;
+    const int processed = processedCount();
     const int found = m_veryHigh + m_high + m_medium + m_low;
     const double average = elapsed / processed;
     m_summary = tr("Photos analyzed: %1/%2").arg(m_analyzer->analyzedCount()).arg(m_files.size()) +
                 QStringLiteral("<br>") + tr("Fingerprints found: %1").arg(found) + QStringLiteral("<br>") +
                 tr("Fingerprints not found: %1").arg(m_notFound) + QStringLiteral("<br>") +
+                tr("Not compared: %1").arg(m_notCompared) + QStringLiteral("<br>") +
                 tr("Time elapsed: %1&nbsp;s").arg(elapsed, 0, 'f', 2) + QStringLiteral("<br>") +
                 tr("Average time per image: %1&nbsp;s").arg(average, 0, 'f', 2);
     m_titleLabel->setText(tr("Analysis finished"));
@@ -344,9 +375,7 @@ bool CAnalyzeDlg::selectionIsEmpty(int index) const
 {
     if (index == FilterAll)
         return m_files.isEmpty();
-    if (index >= FilterVeryHigh && index <= FilterNotFound)
-        return counters().at(index - 1) == 0;
-    return true;
+    return classCount(index) <= 0;
 }
 
 void CAnalyzeDlg::onSaveReport()

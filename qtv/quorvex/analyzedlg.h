@@ -37,6 +37,8 @@ public:
         FilterLow,
         FilterNotFound,
         FilterNotProcessed,
+        // After the others, so the report's filter types 0..6 keep their meaning.
+        FilterNotCompared,
     };
 
     // fingerprint: the record to match against; null loads the one named by
@@ -52,7 +54,7 @@ public:
     CGalleryWidget* gallery() const { return m_gallery; }
     CMultipleThreadAnalyzer* analyzer() const { return m_analyzer; }
     QComboBox* filterCombo() const { return m_filter; }
-    // Very high, high, medium, low, not found.
+    // Very high, high, medium, low, not found, not compared.
     QVector<int> counters() const;
     // The summary shown when the analysis ends.
     QString summary() const { return m_summary; }
@@ -74,6 +76,9 @@ public slots:
 private:
     void onCancelClicked();
     bool selectionIsEmpty(int index) const;
+    // The photos of the class a filter entry shows; -1 for "All" and "Not processed".
+    int classCount(int index) const;
+    int processedCount() const;
     void generateReport(const QString& path, const QFileInfoList& photos);
 
     QFileInfoList m_files;
@@ -91,6 +96,7 @@ private:
     int m_medium = 0;
     int m_low = 0;
     int m_notFound = 0;
+    int m_notCompared = 0;
     CMultipleThreadAnalyzer* m_analyzer = nullptr;
     std::shared_ptr<CFingerprint> m_fingerprint;
     QElapsedTimer m_timer;

@@ -586,6 +586,16 @@ QString CFingerprint::preparedPath(const QFileInfo& photo)
     return native;
 }
 
+QString CFingerprint::notComparedReason(const QString& engineReason)
+{
+    if (engineReason == QLatin1String("size"))
+        return QCoreApplication::translate(
+            "CFingerprint", "the photo's size fits the fingerprint at no orientation and scale tried");
+    if (engineReason == QLatin1String("too small"))
+        return QCoreApplication::translate("CFingerprint", "the photo is too small to compare");
+    return engineReason;
+}
+
 CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool skipDifferentCamera) const
 {
     if (skipDifferentCamera)
@@ -612,11 +622,16 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
     wchar_t* json = nullptr;
     const lumicrest_error_code code =
         match_device_origins(&m_fingerprint, path.c_str(), 2, &json, &ignoreProgress);
-    SAnalysisResult result;
-    result.status = CQuorvexAPI::fromEngineCode(code);
     const QString text = json ? QString::fromWCharArray(json) : QString();
     freeText(json);
+    return readMatchAnswer(CQuorvexAPI::fromEngineCode(code), text, prepared);
+}
 
+CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, const QString& text,
+                                                            const QString& preparedPath)
+{
+    SAnalysisResult result;
+    result.status = status;
     const QJsonObject answer = QJsonDocument::fromJson(text.toUtf8())
                                    .object()
                                    .value(QStringLiteral("sensors"))
@@ -638,8 +653,20 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
     // The engine names the file first; every place that shows the reason
     // shows the photo already.
     result.reason = jsonText(answer.value(QStringLiteral("reason")));
-    const QString named = prepared + QStringLiteral(": ");
+    const QString named = preparedPath + QStringLiteral(": ");
     if (result.reason.startsWith(named))
         result.reason.remove(0, named.size());
+    // A missing or senseless scale is the fingerprint's own size.
+    bool scaleRead = false;
+    const double scale = jsonText(answer.value(QStringLiteral("scale"))).toDouble(&scaleRead);
+    if (scaleRead && scale > 0.0)
+        result.scale = scale;
+    if (result.status == CQuorvexAPI::Success && !result.reason.isEmpty())
+    {
+        // Read but not compared: a finding of its own, never "no match".
+        result.status = CQuorvexAPI::ImageFingerprintInconsistentSize;
+        result.matched = false;
+        result.reason = notComparedReason(result.reason);
+    }
     return result;
 }

@@ -88,6 +88,11 @@ public:
     // The path as the engine gets it: native separators; long paths pass
     // unchanged where the system has no short form.
     static QString preparedPath(const QFileInfo& photo);
+    // The match record from the engine's status and JSON answer for the photo
+    // at preparedPath; a photo read but not compared becomes status 22.
+    static SAnalysisResult readMatchAnswer(EStatus status, const QString& answer, const QString& preparedPath);
+    // The engine's word for why it could not compare ("size") in an examiner's words.
+    static QString notComparedReason(const QString& engineReason);
 
 protected:
     CFingerprint() = default;

@@ -53,6 +53,8 @@ QString CGalleryDelegate::stateStyle(int state)
         return QStringLiteral("success_low");
     case CImageModel::Fail:
         return QStringLiteral("fail");
+    case CImageModel::NotCompared:
+        return QStringLiteral("not_compared");
     default:
         return QStringLiteral("normal");
     }
@@ -100,11 +102,15 @@ void CGalleryDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     // plain tile colour while nothing is known.
     QColor background = stateColor(state);
     QColor border = background;
+    // Not compared is neither a class colour nor a plain tile: a dashed frame.
+    const bool notCompared = state == CImageModel::NotCompared;
+    if (notCompared)
+        border = stateColor(CImageModel::Fail).lighter(160);
     if (selected)
         border = option.palette.color(QPalette::Highlight);
     else if (hovered)
         background = background.lighter(115);
-    painter->setPen(QPen(border, FrameWidth));
+    painter->setPen(QPen(border, FrameWidth, notCompared ? Qt::DashLine : Qt::SolidLine));
     painter->setBrush(background);
     painter->drawRoundedRect(tile, 6, 6);
 

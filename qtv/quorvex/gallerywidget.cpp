@@ -236,28 +236,33 @@ QString CGalleryWidget::detailResultText(const QString& path, const QVariant& re
     if (result.canConvert<qutils::CQuorvexAPI::SAnalysisResult>())
     {
         const auto analysis = result.value<qutils::CQuorvexAPI::SAnalysisResult>();
-        // A photo the engine could not compare was not excluded: it says why instead.
-        if (analysis.status != qutils::CQuorvexAPI::Success)
+        // A photo without a comparison has no numbers to show: it says why instead.
+        if (isNotCompared(analysis))
+            verdict = notComparedText(analysis).toHtmlEscaped();
+        else if (analysis.status != qutils::CQuorvexAPI::Success)
         {
             verdict = tr("not compared: %1").arg(qutils::CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
             if (!analysis.reason.isEmpty())
                 numbers = tr("<br/>Reason: %1").arg(analysis.reason.toHtmlEscaped());
-            return tr("Path: %1<br/><br/>Result: %2%3")
-                .arg(QDir::toNativeSeparators(path).toHtmlEscaped(), verdict, numbers);
         }
-        switch (classifyResult(analysis))
+        else
         {
-        case EResultClass::VeryHigh:
-        case EResultClass::High:
-        case EResultClass::Medium:
-            verdict = tr("match with %1 probability").arg(resultClassName(classifyResult(analysis)));
-            break;
-        default:
-            break;
+            switch (classifyResult(analysis))
+            {
+            case EResultClass::VeryHigh:
+            case EResultClass::High:
+            case EResultClass::Medium:
+                verdict = tr("match with %1 probability").arg(resultClassName(classifyResult(analysis)));
+                break;
+            default:
+                break;
+            }
+            numbers = tr("<br/>Probability: %1%<br/>Correlation: %2")
+                          .arg(analysis.probability * 100.0, 0, 'f', 2)
+                          .arg(analysis.correlation, 0, 'f', 4);
+            if (!scaleText(analysis).isEmpty())
+                numbers += tr("<br/>Scale: %1").arg(scaleText(analysis));
         }
-        numbers = tr("<br/>Probability: %1%<br/>Correlation: %2")
-                      .arg(analysis.probability * 100.0, 0, 'f', 2)
-                      .arg(analysis.correlation, 0, 'f', 4);
     }
     return tr("Path: %1<br/><br/>Result: %2%3").arg(QDir::toNativeSeparators(path).toHtmlEscaped(), verdict, numbers);
 }

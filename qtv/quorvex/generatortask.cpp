@@ -1,5 +1,7 @@
 #include "generatortask.h"
 
+#include "resultclass.h"
+
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
 #include "qutils/fileutils.h"
@@ -98,6 +100,8 @@ QString CGeneratorTask::filterText(int filterType)
         return tr("Fingerprint not found");
     case 6:
         return tr("Non-processed photos");
+    case 7:
+        return tr("Not compared photos");
     default:
         QX_ERROR << "Unknown report filter " << filterType;
         return QString();
@@ -113,6 +117,13 @@ QString CGeneratorTask::footerText()
 
 QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
 {
+    if (isNotCompared(result))
+    {
+        QString text = QStringLiteral("<h3>%1</h3>").arg(notComparedTitle(result).toHtmlEscaped());
+        if (!result.reason.isEmpty())
+            text += QStringLiteral("<p>%1</p>").arg(result.reason.toHtmlEscaped());
+        return text;
+    }
     if (result.status != CQuorvexAPI::Success)
     {
         QString text = QStringLiteral("<h3>%1</h3>").arg(CQuorvexAPI::statusText(result.status).toHtmlEscaped());
@@ -129,10 +140,13 @@ QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
         word = tr("high");
     else if (result.probability >= 0.99)
         word = tr("medium");
-    return QStringLiteral("<h3><b>%1</b></h3><br>%2 <br>%3")
-        .arg(tr("Match: %1 probability").arg(word),
-             tr("Probability: %1").arg(QString::number(result.probability)),
-             tr("Correlation: %1").arg(QString::number(result.correlation)));
+    QString text = QStringLiteral("<h3><b>%1</b></h3><br>%2 <br>%3")
+                       .arg(tr("Match: %1 probability").arg(word),
+                            tr("Probability: %1").arg(QString::number(result.probability)),
+                            tr("Correlation: %1").arg(QString::number(result.correlation)));
+    if (!scaleText(result).isEmpty())
+        text += QStringLiteral(" <br>") + tr("Scale: %1").arg(scaleText(result));
+    return text;
 }
 
 QString CGeneratorTask::exifText(const QString& photoPath)
@@ -188,10 +202,12 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
     html += QStringLiteral("</tbody></table>");
 
     // The summary is recomputed from the results, with the classes of the analysis.
-    int counts[5] = {};
+    int counts[6] = {};
     for (const CQuorvexAPI::SAnalysisResult& result : input.results)
     {
-        if (!result.matched || result.status != CQuorvexAPI::Success)
+        if (isNotCompared(result))
+            ++counts[5];
+        else if (!result.matched || result.status != CQuorvexAPI::Success)
             ++counts[4];
         else if (result.probability >= 0.999)
             ++counts[0];
@@ -215,6 +231,7 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
     html += row(tr("Fingerprints found with medium probability"), QString::number(counts[2]));
     html += row(tr("Fingerprints found with low probability"), QString::number(counts[3]));
     html += row(tr("Fingerprints not found"), QString::number(counts[4]));
+    html += row(tr("Not compared"), QString::number(counts[5]));
     html += row(tr("Report filter"), filterText(input.filterType));
 
     html += QStringLiteral("</tbody></table><br/><table width=\"100%\"><thead><tr><th width = \"200px\">") +

@@ -21,7 +21,7 @@ class CTempFolder;
 struct SReportInput
 {
     QFileInfoList photos;       // in report order
-    int filterType = 0;         // 0 all … 6 not processed, as the analysis page's filter
+    int filterType = 0;         // 0 all … 6 not processed, 7 not compared, as the analysis page's filter
     QString fingerprintPath;
     CFingerprint::Properties fingerprintProperties;
     QString photosFolder;       // the analysed folder

@@ -36,6 +36,7 @@ public:
         SuccessMedium = 64,
         SuccessLow = 128,
         Fail = 256,
+        NotCompared = 512,
     };
     Q_ENUM(State)
 

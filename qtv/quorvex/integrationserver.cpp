@@ -1,5 +1,6 @@
 #include "integrationserver.h"
 
+#include "qutils/appsettings.h"
 #include "qutils/debugutils.h"
 
 #include <QDir>
@@ -118,6 +119,8 @@ int CIntegrationServer::run(std::istream& in, std::ostream& out)
         writeLine(out, answerLine(keyOf(CQuorvexAPI::NotActivated)));
         return 0;
     }
+    // Once, before any request: the engine reads it at each match.
+    qutils::CAppSettings::applyScaleSearch(qutils::CAppSettings::scaleSearch());
     writeLine(out, answerLine(keyOf(CQuorvexAPI::Success)));
 
     std::string line;

@@ -2,10 +2,44 @@
 
 #include <QCoreApplication>
 
+#include <cmath>
+
 using qutils::CQuorvexAPI;
+
+bool isNotCompared(const CQuorvexAPI::SAnalysisResult& result)
+{
+    // Matching never gets status 7 from the engine: only the EXIF check sets it.
+    return result.status == CQuorvexAPI::ImageFingerprintInconsistentSize ||
+           result.status == CQuorvexAPI::InconsistentMetadata;
+}
+
+QString notComparedTitle(const CQuorvexAPI::SAnalysisResult& result)
+{
+    // The EXIF check's own status text says only that the metadata disagrees.
+    const CQuorvexAPI::EStatus shown =
+        result.status == CQuorvexAPI::InconsistentMetadata ? CQuorvexAPI::DifferentDeviceType : result.status;
+    return QCoreApplication::translate("CAnalyzeDlg", "Not compared: %1").arg(CQuorvexAPI::statusText(shown));
+}
+
+QString notComparedText(const CQuorvexAPI::SAnalysisResult& result)
+{
+    if (result.reason.isEmpty())
+        return notComparedTitle(result);
+    return QStringLiteral("%1 (%2)").arg(notComparedTitle(result), result.reason);
+}
+
+QString scaleText(const CQuorvexAPI::SAnalysisResult& result)
+{
+    if (!std::isfinite(result.scale) || result.scale <= 0.0)
+        return QString();
+    const QString text = QString::number(result.scale, 'f', 2);
+    return text == QLatin1String("1.00") ? QString() : text;
+}
 
 EResultClass classifyResult(const CQuorvexAPI::SAnalysisResult& result)
 {
+    if (isNotCompared(result))
+        return EResultClass::NotCompared;
     if (result.status != CQuorvexAPI::Success || !result.matched)
         return EResultClass::NotFound;
     if (result.probability >= 0.999)
@@ -31,6 +65,8 @@ QString resultClassName(EResultClass resultClass)
         return QCoreApplication::translate("CAnalyzeDlg", "low");
     case EResultClass::NotFound:
         return QCoreApplication::translate("CAnalyzeDlg", "not found");
+    case EResultClass::NotCompared:
+        return QCoreApplication::translate("CAnalyzeDlg", "not compared");
     case EResultClass::NotProcessed:
         break;
     }
@@ -51,6 +87,8 @@ int resultClassState(EResultClass resultClass)
         return 128;
     case EResultClass::NotFound:
         return 256;
+    case EResultClass::NotCompared:
+        return 512;
     case EResultClass::NotProcessed:
         break;
     }

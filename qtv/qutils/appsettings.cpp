@@ -1,5 +1,7 @@
 #include "appsettings.h"
 
+#include "debugutils.h"
+
 #include <QDir>
 #include <QMutex>
 #include <QMutexLocker>
@@ -33,6 +35,7 @@ const SOptionEntry& entry(CAppSettings::EOption option)
         {E::BigButtons, "Options/BigButtons", false},
         {E::DisableShortcuts, "Options/DisableShortcuts", false},
         {E::DisableWebLinks, "Options/DisableWebLinks", false},
+        {E::ScaleSearch, "Options/ScaleSearch", QStringLiteral("full")},
     };
     for (const SOptionEntry& e : table)
         if (e.option == option)
@@ -136,6 +139,27 @@ double CAppSettings::doubleOption(EOption option)
 QString CAppSettings::textOption(EOption option)
 {
     return textValue(key(option), defaultValue(option).toString());
+}
+
+bool CAppSettings::isScaleSearchValue(const QString& value)
+{
+    return value == QLatin1String("full") || value == QLatin1String("sized") || value == QLatin1String("off");
+}
+
+QString CAppSettings::scaleSearch()
+{
+    const QString fallback = defaultValue(EOption::ScaleSearch).toString();
+    const QString value = textOption(EOption::ScaleSearch).trimmed();
+    if (isScaleSearchValue(value))
+        return value;
+    QX_WARNING << "Setting " << key(EOption::ScaleSearch) << " has the unknown value \"" << value << "\"; "
+               << fallback << " is used";
+    return fallback;
+}
+
+void CAppSettings::applyScaleSearch(const QString& value)
+{
+    qputenv("LUMICREST_SCALE_SEARCH", value.toUtf8());
 }
 
 void CAppSettings::setOption(EOption option, const QVariant& value)

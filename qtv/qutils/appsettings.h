@@ -24,6 +24,7 @@ public:
         BigButtons,
         DisableShortcuts,
         DisableWebLinks,
+        ScaleSearch,
     };
 
     static QString key(EOption option);
@@ -40,6 +41,16 @@ public:
     static double doubleOption(EOption option);
     static QString textOption(EOption option);
     static void setOption(EOption option, const QVariant& value);
+
+    // How far the engine searches for a photo resized from the camera's
+    // image: "full", "sized" or "off".
+    static bool isScaleSearchValue(const QString& value);
+    // "Options/ScaleSearch"; a value that is none of the three is "full",
+    // after a warning in the log.
+    static QString scaleSearch();
+    // Hands the limit to the engine, which reads it at each match: call it
+    // only while no engine call runs.
+    static void applyScaleSearch(const QString& value);
 
     // The one settings file both layers share.
     static QString filePath();

@@ -70,6 +70,10 @@ public:
         // truncated: ..."), which the status text alone does not give; empty
         // when there is none. Not carried by the integration protocol either.
         QString reason;
+        // The factor by which the photo is the fingerprint's image resized
+        // (0.8: shrunk to 80 %); 1 for the same size, a crop, or an answer
+        // that does not say.
+        double scale = 1.0;
     };
 
     // The lower-case key ("success"); empty for a code not in the table.

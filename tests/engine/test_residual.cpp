@@ -1,5 +1,6 @@
 // Noise residual and FFT: the fast code against slow, obvious versions.
 #include "fft.h"
+#include "match.h"
 #include "residual.h"
 #include "scale.h"
 #include "status.h"
@@ -317,6 +318,53 @@ TEST(Fft, RoundTripAndAgreesWithNaiveDft)
     Plane empty;
     Spectrum f;
     EXPECT_EQ(failureCode([&] { forwardFft(empty, f); }), LUMICREST_NUMERIC_FAILURE);
+}
+
+// The same-size PCE from the spectrum against the whole correlation plane:
+// odd and even widths (the half spectrum's last column), a height below the
+// exclusion square, no pattern, a pattern and a negative one.
+TEST(Fft, ZeroShiftPceAgreesWithWholePlane)
+{
+    const struct
+    {
+        int w, h;
+        float gain;
+    } cases[] = {{37, 53, 0.0f}, {100, 64, 0.3f}, {75, 41, -0.2f}, {64, 7, 0.5f}, {12, 40, 0.0f}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
+        const Plane a = gaussianPlane(c.w, c.h, 5u + c.w);
+        Plane b = gaussianPlane(c.w, c.h, 9u + c.h);
+        for (size_t i = 0; i < b.size(); ++i)
+            b.data()[i] += c.gain * a.data()[i];
+        Spectrum fa, g;
+        forwardFft(a, fa);
+        forwardFft(b, g);
+        for (int i = 0; i < g.columns() * c.h; ++i)
+            g.data()[i] = std::conj(fa.data()[i]) * g.data()[i];
+        const Peak fast = zeroShiftPce(g);
+
+        const double n = double(c.w) * c.h;
+        double total = 0.0, near = 0.0, zero = 0.0;
+        for (int sy = 0; sy < c.h; ++sy)
+            for (int sx = 0; sx < c.w; ++sx)
+            {
+                double v = 0.0;
+                for (int y = 0; y < c.h; ++y)
+                    for (int x = 0; x < c.w; ++x)
+                        v += double(a.at(x, y)) * b.at((x + sx) % c.w, (y + sy) % c.h);
+                total += v * v;
+                const int dx = std::min(sx, c.w - sx), dy = std::min(sy, c.h - sy);
+                if (dx <= 5 && (dy <= 5 || c.h < 11))
+                    near += v * v;
+                if (sx == 0 && sy == 0)
+                    zero = v;
+            }
+        const double pce =
+            (zero >= 0 ? 1 : -1) * zero * zero / ((total - near) / (n - 11 * std::min(11, c.h)));
+        EXPECT_NEAR(fast.value, zero, 1e-4 * std::sqrt(total));
+        EXPECT_NEAR(fast.pce, pce, 1e-4 * std::max(1.0, std::abs(pce)));
+    }
 }
 
 TEST(Fft, ConcurrentTransformsOfNewSizesMatchSequential)

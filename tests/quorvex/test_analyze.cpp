@@ -35,6 +35,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <numeric>
 
 using qcontrols::CDialogScript;
 using qcontrols::CScriptedDialogs;
@@ -87,11 +88,11 @@ protected:
         return files;
     }
 
-    static camsim::Camera camera(uint64_t unit)
+    static camsim::Camera camera(uint64_t unit, int width = 1024, int height = 768)
     {
         camsim::CameraConfig config;
-        config.width = 1024;
-        config.height = 768;
+        config.width = width;
+        config.height = height;
         config.unitSeed = unit;
         return camsim::Camera(config);
     }
@@ -233,7 +234,8 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
 {
     const QFileInfoList files =
         namedFiles({QStringLiteral("vh.jpg"), QStringLiteral("h.jpg"), QStringLiteral("m.jpg"), QStringLiteral("l.jpg"),
-                    QStringLiteral("none.jpg"), QStringLiteral("broken.jpg"), QStringLiteral("odd.jpg")});
+                    QStringLiteral("none.jpg"), QStringLiteral("broken.jpg"), QStringLiteral("odd.jpg"),
+                    QStringLiteral("big.jpg"), QStringLiteral("exif.jpg")});
     auto stub = std::make_shared<CStubFingerprint>();
     stub->answers = {
         {QStringLiteral("vh.jpg"), Result{true, 0.999, 0.05, CQuorvexAPI::Success, 900}},
@@ -245,6 +247,11 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
         // An error status on a "matched" record: shown as the error, but the
         // not-found counter goes by matched alone, so no counter moves.
         {QStringLiteral("odd.jpg"), Result{true, 0.5, 0.0, CQuorvexAPI::AnalysisFailed, 0}},
+        // Never compared: counted apart, never with the photos of no match.
+        {QStringLiteral("big.jpg"), Result{false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize, 0,
+                                           QStringLiteral("too <big>")}},
+        {QStringLiteral("exif.jpg"), Result{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata, 0,
+                                            QStringLiteral("the photo was taken with X Y")}},
     };
 
     CScriptedDialogs script({{QMessageBox::Ok, {}}});
@@ -254,14 +261,15 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
     EXPECT_FALSE(button<QPushButton>(&dialog, "btnNavigateHome")->isVisibleTo(&dialog));
     ASSERT_TRUE(testutils::waitFor([&] { return dialog.isFinished(); }));
 
-    EXPECT_EQ(dialog.counters(), (QVector<int>{1, 1, 1, 1, 2}));
+    EXPECT_EQ(dialog.counters(), (QVector<int>{1, 1, 1, 1, 2, 2}));
     EXPECT_EQ(comboTexts(dialog.filterCombo()),
-              (QStringList{QStringLiteral("All (7)"), QStringLiteral("Very high probability (1)"),
+              (QStringList{QStringLiteral("All (9)"), QStringLiteral("Very high probability (1)"),
                            QStringLiteral("High probability (1)"), QStringLiteral("Medium probability (1)"),
                            QStringLiteral("Low probability (1)"), QStringLiteral("Fingerprint not found (2)"),
-                           QStringLiteral("Not processed (1)")}));
+                           QStringLiteral("Not processed (1)"), QStringLiteral("Not compared (2)")}));
     EXPECT_EQ(dialog.filterCombo()->itemData(0).toInt(), 0xFFFF);
-    EXPECT_EQ(dialog.filterCombo()->itemData(6).toInt(), -497);
+    EXPECT_EQ(dialog.filterCombo()->itemData(6).toInt(), -497 - 512) << "not compared is processed";
+    EXPECT_EQ(dialog.filterCombo()->itemData(7).toInt(), 512);
 
     CImageModel* model = dialog.gallery()->imageModel();
     auto state = [&](int row) { return CGalleryFilterModel::stateValue(model->index(row).data(CImageModel::ItemStateRole)); };
@@ -273,17 +281,22 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
     EXPECT_EQ(state(4), CImageModel::Fail);
     EXPECT_EQ(state(5), CImageModel::Fail);
     EXPECT_EQ(state(6), CImageModel::Fail);
+    EXPECT_EQ(state(7), CImageModel::NotCompared);
+    EXPECT_EQ(state(8), CImageModel::NotCompared);
     EXPECT_EQ(text(0), QStringLiteral("<b>Match: very high probability</b>"));
     EXPECT_EQ(text(3), QStringLiteral("<b>Match: low probability</b>"));
     EXPECT_EQ(text(4), QStringLiteral("<b>No match</b>"));
     EXPECT_EQ(text(5), QStringLiteral("<b>%1</b>").arg(CQuorvexAPI::statusText(CQuorvexAPI::BrokenImage)));
     EXPECT_EQ(text(6), QStringLiteral("<b>%1</b>").arg(CQuorvexAPI::statusText(CQuorvexAPI::AnalysisFailed)));
+    EXPECT_EQ(text(7), QStringLiteral("<b>Not compared: Size is incompatible with fingerprint</b><br />too &lt;big&gt;"));
+    EXPECT_EQ(text(8), QStringLiteral("<b>Not compared: Different camera type</b><br />the photo was taken with X Y"));
 
     // The end: summary box, title, buttons.
     ASSERT_EQ(CDialogScript::shown().size(), 1);
     EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Analysis finished"));
-    EXPECT_TRUE(dialog.summary().startsWith(QStringLiteral("Photos analyzed: 7/7<br>Fingerprints found: 4<br>"
-                                                           "Fingerprints not found: 2<br>Time elapsed: ")));
+    EXPECT_TRUE(dialog.summary().startsWith(QStringLiteral("Photos analyzed: 9/9<br>Fingerprints found: 4<br>"
+                                                           "Fingerprints not found: 2<br>Not compared: 2<br>"
+                                                           "Time elapsed: ")));
     EXPECT_TRUE(dialog.summary().contains(QStringLiteral("&nbsp;s<br>Average time per image: ")));
     EXPECT_EQ(dialog.findChild<QLabel*>(QStringLiteral("titleLabel"))->text(), QStringLiteral("Analysis finished"));
     EXPECT_TRUE(button<QPushButton>(&dialog, "btnNavigateSaveReport")->isVisibleTo(&dialog));
@@ -292,12 +305,15 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
     // Filters: the gallery and the report button follow.
     auto* save = dialog.findChild<qcontrols::CNavigationButton*>(QStringLiteral("btnNavigateSaveReport"));
     ASSERT_TRUE(save);
-    EXPECT_EQ(save->description(), QStringLiteral("All 6 processed photos selected for report"));
+    EXPECT_EQ(save->description(), QStringLiteral("All 8 processed photos selected for report"));
     dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterVeryHigh);
     EXPECT_EQ(dialog.gallery()->model()->rowCount(), 1);
     EXPECT_EQ(save->description(), QStringLiteral("1 photos selected for report"));
     dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotFound);
     EXPECT_EQ(dialog.gallery()->model()->rowCount(), 3) << "every photo in state Fail";
+    dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotCompared);
+    EXPECT_EQ(dialog.gallery()->model()->rowCount(), 2);
+    EXPECT_EQ(save->description(), QStringLiteral("2 photos selected for report"));
     dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotProcessed);
     EXPECT_EQ(dialog.gallery()->model()->rowCount(), 0);
     EXPECT_EQ(save->description(), QStringLiteral("No processed photos selected for report"));
@@ -373,8 +389,8 @@ TEST_F(AnalyzeTest, CancelQuestionKeepsTheRunOnNoAndStopsItOnYes)
         EXPECT_EQ(CDialogScript::shown().last().title, QStringLiteral("Analysis cancelled"));
         EXPECT_EQ(dialog.findChild<QLabel*>(QStringLiteral("titleLabel"))->text(), QStringLiteral("Analysis cancelled"));
         // Photos never started stay "not processed".
-        const int processed = dialog.counters()[0] + dialog.counters()[1] + dialog.counters()[2] +
-                              dialog.counters()[3] + dialog.counters()[4];
+        const QVector<int> counters = dialog.counters();
+        const int processed = std::accumulate(counters.begin(), counters.end(), 0);
         EXPECT_EQ(dialog.filterCombo()->itemText(6), QStringLiteral("Not processed (%1)").arg(12 - processed));
     }
 }
@@ -391,6 +407,8 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
         shoot(same, 300 + i, m_photos.filePath(QStringLiteral("IMG_A%1.jpg").arg(i)));
     for (int i = 0; i < 4; ++i)
         shoot(other, 400 + i, m_photos.filePath(QStringLiteral("IMG_B%1.jpg").arg(i)));
+    // A larger sensor's photo: the engine cannot compare it.
+    shoot(camera(3, 1280, 960), 500, m_photos.filePath(QStringLiteral("IMG_C0.jpg")));
     const QString folder = qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR")
                                ? qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")
                                : m_out.path();
@@ -404,7 +422,7 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
     window.introPage()->findChild<QPushButton*>(QStringLiteral("btnAnalyze"))->click();
     auto* page = qobject_cast<CChoosePathAnalyze*>(window.currentPage());
     ASSERT_TRUE(page);
-    ASSERT_EQ(page->files().size(), 9);
+    ASSERT_EQ(page->files().size(), 10);
     {
         CScriptedDialogs script({{QDialog::Accepted, fingerprint}});
         button<QPushButton>(page, "btnNavigateNext")->click();
@@ -429,14 +447,20 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
         const int state = CGalleryFilterModel::stateValue(model->index(row).data(CImageModel::ItemStateRole));
         if (files.at(row).fileName().startsWith(QStringLiteral("IMG_A")))
             EXPECT_EQ(state, CImageModel::SuccessVeryHigh) << files.at(row).fileName().toStdString();
+        else if (files.at(row).fileName().startsWith(QStringLiteral("IMG_C")))
+            EXPECT_EQ(state, CImageModel::NotCompared);
         else
             EXPECT_EQ(state, CImageModel::Fail) << files.at(row).fileName().toStdString();
     }
-    EXPECT_EQ(dialog->counters(), (QVector<int>{5, 0, 0, 0, 4}));
+    EXPECT_EQ(dialog->counters(), (QVector<int>{5, 0, 0, 0, 4, 1}));
     dialog->filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterVeryHigh);
     QCoreApplication::processEvents();
     EXPECT_EQ(dialog->gallery()->model()->rowCount(), 5);
     EXPECT_TRUE(window.grab().save(QDir(folder).filePath(QStringLiteral("analyze-finished.png"))));
+    dialog->filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotCompared);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(dialog->gallery()->model()->rowCount(), 1);
+    EXPECT_TRUE(window.grab().save(QDir(folder).filePath(QStringLiteral("analyze-not-compared.png"))));
 }
 
 // The automatic report after a cancelled run still covers the whole list; a

@@ -239,6 +239,9 @@ TEST(ResultClasses, BoundariesAndTexts)
     EXPECT_EQ(classOf(true, 0.2), EResultClass::Low) << "a match below 0.99 is still a match";
     EXPECT_EQ(classOf(false, 0.9999), EResultClass::NotFound);
     EXPECT_EQ(classOf(true, 0.9999, CQuorvexAPI::BrokenImage), EResultClass::NotFound);
+    EXPECT_EQ(classOf(false, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize), EResultClass::NotCompared);
+    EXPECT_EQ(classOf(false, 0.0, CQuorvexAPI::InconsistentMetadata), EResultClass::NotCompared);
+    EXPECT_EQ(resultClassState(EResultClass::NotCompared), 512);
     EXPECT_EQ(resultClassName(EResultClass::VeryHigh), QStringLiteral("very high"));
     EXPECT_EQ(resultClassName(EResultClass::NotProcessed), QStringLiteral("not processed"));
     EXPECT_EQ(resultClassState(EResultClass::Low), 128);

@@ -394,6 +394,15 @@ TEST_F(FingerprintEndToEnd, CreateLoadAndMatch)
     }));
     EXPECT_TRUE(fp->match(spelled, true).matched) << "case and outer blanks do not tell cameras apart";
 
+    // A larger sensor's photo is read but not compared: never "no match".
+    camsim::CameraConfig largerConfig = unit(2);
+    largerConfig.width = 1280;
+    largerConfig.height = 960;
+    const auto larger = fp->match(QFileInfo(shoot(camsim::Camera(largerConfig), 55, QStringLiteral("larger.jpg"))), false);
+    EXPECT_FALSE(larger.matched);
+    EXPECT_EQ(larger.status, CQuorvexAPI::ImageFingerprintInconsistentSize);
+    EXPECT_EQ(larger.reason, CFingerprint::notComparedReason(QStringLiteral("size")));
+
     const auto missing = fp->match(QFileInfo(m_dir.filePath(QStringLiteral("gone.jpg"))), false);
     EXPECT_FALSE(missing.matched);
     EXPECT_EQ(missing.status, CQuorvexAPI::BrokenImage);
@@ -520,6 +529,47 @@ TEST_F(FingerprintEndToEnd, DuplicatePhotosAreRefusedNamingBoth)
     EXPECT_EQ(CFingerprint::createFingerprint({QFileInfo(a), QFileInfo(b), QFileInfo(a)}, target, nullptr),
               CQuorvexAPI::CannotCreateFingerprint);
     EXPECT_FALSE(target.exists());
+}
+
+TEST(FingerprintAnswer, EngineJsonBecomesTheRecord)
+{
+    const auto answer = [](const char* result) {
+        return QStringLiteral("{\"sensors\":[{\"images\":[{\"result\":{%1}}]}]}").arg(QLatin1String(result));
+    };
+    const struct
+    {
+        CQuorvexAPI::EStatus engineStatus;
+        const char* result;
+        bool matched;
+        CQuorvexAPI::EStatus status;
+        double scale;
+        QString reason;
+    } cases[] = {
+        {CQuorvexAPI::Success, R"("sensor_matched":1,"probability":0.9995,"pce":900,"reason":"")", true,
+         CQuorvexAPI::Success, 1.0, QString()},
+        {CQuorvexAPI::Success, R"("sensor_matched":"1","probability":"0.9995","scale":"0.8","reason":"")", true,
+         CQuorvexAPI::Success, 0.8, QString()},
+        {CQuorvexAPI::Success, R"("sensor_matched":1,"scale":"x","reason":"")", true, CQuorvexAPI::Success, 1.0,
+         QString()},
+        {CQuorvexAPI::Success, R"("sensor_matched":0,"probability":0,"pce":0,"scale":1,"reason":"size")", false,
+         CQuorvexAPI::ImageFingerprintInconsistentSize, 1.0, CFingerprint::notComparedReason(QStringLiteral("size"))},
+        {CQuorvexAPI::Success, R"("sensor_matched":1,"reason":"too small")", false,
+         CQuorvexAPI::ImageFingerprintInconsistentSize, 1.0, QStringLiteral("the photo is too small to compare")},
+        // A failure keeps its own status and the engine's account, without the path.
+        {CQuorvexAPI::BrokenImage, R"("sensor_matched":0,"reason":"/p.jpg: JPEG truncated")", false,
+         CQuorvexAPI::BrokenImage, 1.0, QStringLiteral("JPEG truncated")},
+        {CQuorvexAPI::Fatal, "", false, CQuorvexAPI::Fatal, 1.0, QString()},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.result);
+        const auto r = CFingerprint::readMatchAnswer(c.engineStatus, answer(c.result), QStringLiteral("/p.jpg"));
+        EXPECT_EQ(r.matched, c.matched);
+        EXPECT_EQ(r.status, c.status);
+        EXPECT_DOUBLE_EQ(r.scale, c.scale);
+        EXPECT_EQ(r.reason, c.reason);
+    }
+    EXPECT_NE(CFingerprint::notComparedReason(QStringLiteral("size")), QStringLiteral("size"));
 }
 
 TEST(FingerprintPath, PreparedForTheEngine)

@@ -222,6 +222,7 @@ TEST_F(GalleryTest, DelegatePaintsEveryState)
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::SuccessVeryHigh), QStringLiteral("success_very_high"));
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::SuccessLow), QStringLiteral("success_low"));
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::Fail), QStringLiteral("fail"));
+    EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::NotCompared), QStringLiteral("not_compared"));
     EXPECT_NE(CGalleryDelegate::stateColor(CImageModel::SuccessHigh),
               CGalleryDelegate::stateColor(CImageModel::SuccessMedium));
 }
@@ -461,6 +462,20 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result)),
               QStringLiteral("Path: p<br/><br/>Result: not compared: File cannot be opened"
                              "<br/>Reason: JPEG truncated: &lt;scan 2&gt;"));
+    // Read but never compared: why, without numbers that would look like a verdict.
+    result.status = qutils::CQuorvexAPI::ImageFingerprintInconsistentSize;
+    result.reason = QStringLiteral("photo too small");
+    EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result)),
+              QStringLiteral("Path: p<br/><br/>Result: Not compared: Size is incompatible with fingerprint "
+                             "(photo too small)"));
+    result.status = qutils::CQuorvexAPI::InconsistentMetadata;
+    result.reason.clear();
+    EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result)),
+              QStringLiteral("Path: p<br/><br/>Result: Not compared: Different camera type"));
+    // A photo found at another scale says so.
+    result = {true, 0.9995, 0.02, qutils::CQuorvexAPI::Success, 900.0, QString(), 0.8};
+    EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
+                    .endsWith(QStringLiteral("Correlation: 0.0200<br/>Scale: 0.80")));
 
     // A double click on the live tile opens the preview.
     QSignalSpy doubled(item, &CGalleryItem::doubleClicked);

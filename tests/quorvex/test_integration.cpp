@@ -299,10 +299,14 @@ TEST(IntegrationServer, MatchAnswersWithTheFingerprintsResult)
               "thisIsNotLibraryAnswer;0;0;-0.25;notsupportedformat");
     // Missing fields are empty text: still an answer.
     EXPECT_EQ(server.answerTo("match;good.fnp"), "thisIsNotLibraryAnswer;0;0;-0.25;notsupportedformat");
+    // Not compared: the status says so, never a bare "no match".
+    fake.fingerprint->m_result = makeResult(false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize);
+    EXPECT_EQ(server.answerTo("match;good.fnp;/photos/big.jpg"),
+              "thisIsNotLibraryAnswer;0;0;0;imagefingerprintinconsistentsize");
 
-    EXPECT_EQ(fake.fingerprint->m_photos,
-              (QStringList{QStringLiteral("/photos/a.jpg"), QStringLiteral("/photos/b.tif"), QString()}));
-    EXPECT_EQ(fake.fingerprint->m_skipFlags, (std::vector<bool>{false, false, false}))
+    EXPECT_EQ(fake.fingerprint->m_photos, (QStringList{QStringLiteral("/photos/a.jpg"), QStringLiteral("/photos/b.tif"),
+                                                       QString(), QStringLiteral("/photos/big.jpg")}));
+    EXPECT_EQ(fake.fingerprint->m_skipFlags, (std::vector<bool>{false, false, false, false}))
         << "the different-camera rule is off in this mode";
     EXPECT_EQ(fake.calls, QStringList{QStringLiteral("good.fnp")}) << "loaded once, then cached";
 }

@@ -108,16 +108,22 @@ TEST_F(ReportTest, FilterTexts)
                                   QStringLiteral("Fingerprint found with medium probability"),
                                   QStringLiteral("Fingerprint found with low probability"),
                                   QStringLiteral("Fingerprint not found"),
-                                  QStringLiteral("Non-processed photos")};
+                                  QStringLiteral("Non-processed photos"),
+                                  QStringLiteral("Not compared photos")};
     for (int type = 0; type < expected.size(); ++type)
         EXPECT_EQ(CGeneratorTask::filterText(type), expected.at(type)) << type;
     testutils::CLogCapture log;
-    EXPECT_EQ(CGeneratorTask::filterText(7), QString());
+    EXPECT_EQ(CGeneratorTask::filterText(8), QString());
     EXPECT_TRUE(log.hasRecord(QStringLiteral("ERROR"), QStringLiteral("quorvex/generatortask.cpp")));
 }
 
 TEST_F(ReportTest, DocumentPieces)
 {
+    // A photo the engine could not compare has a row of its own and is no "not found".
+    const QString larger = m_dir.filePath(QStringLiteral("larger.jpg"));
+    m_input.photos.append(QFileInfo(larger));
+    Result notCompared{false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize, 0.0, QStringLiteral("a <reason>")};
+    m_input.results.insert(larger, notCompared);
     const QString html = CGeneratorTask::buildDocument(m_input, thumbnails());
 
     EXPECT_TRUE(html.startsWith(QStringLiteral("\n\t<!DOCTYPE html PUBLIC \"-//W3C//DTD XHTML 1.0 Transitional//EN\" "
@@ -140,10 +146,11 @@ TEST_F(ReportTest, DocumentPieces)
         return QStringLiteral("<tr><td width = \"200px\"><h3>%1</h3></td><td>%2</td></tr>").arg(label, value);
     };
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Photos path"), QDir::toNativeSeparators(m_dir.path()))));
-    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Photos analyzed"), QStringLiteral("2"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Photos analyzed"), QStringLiteral("3"))));
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints found with very high probability"), QStringLiteral("1"))));
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints found with low probability"), QStringLiteral("0"))));
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints not found"), QStringLiteral("1"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Not compared"), QStringLiteral("1"))));
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Report filter"), QStringLiteral("All photos"))));
     EXPECT_TRUE(html.contains(QStringLiteral("<thead><tr><th width = \"200px\">Photo</th><th>Result</th><th>EXIF</th></tr></thead><tbody>")));
 
@@ -157,8 +164,11 @@ TEST_F(ReportTest, DocumentPieces)
     EXPECT_TRUE(html.contains(QStringLiteral("<h3>No match</h3></td><td><p><h3>No EXIF data in file</h3></p></td></tr>")));
     // Never processed: the text of status 0.
     EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3>").arg(QDir::toNativeSeparators(m_neverProcessed)) + QStringLiteral("<br><h3>%1</h3></td>").arg(CQuorvexAPI::statusText(CQuorvexAPI::Invalid))));
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3><br><h3>Not compared: Size is incompatible with fingerprint</h3>"
+                                             "<p>a &lt;reason&gt;</p></td>")
+                                  .arg(QDir::toNativeSeparators(larger))));
     EXPECT_TRUE(html.endsWith(QStringLiteral("</p></td></tr></tbody></table></div></body></html>")));
-    EXPECT_EQ(html.count(QStringLiteral("<tr><td align = \"center\">")), 3);
+    EXPECT_EQ(html.count(QStringLiteral("<tr><td align = \"center\">")), 4);
 
     // The result texts by class.
     EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.995, 0.1, CQuorvexAPI::Success, 0}).startsWith(QStringLiteral("<h3><b>Match: high probability")));
@@ -166,6 +176,13 @@ TEST_F(ReportTest, DocumentPieces)
     EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.9899, 0.1, CQuorvexAPI::Success, 0}).startsWith(QStringLiteral("<h3><b>Match: low probability")));
     EXPECT_EQ(CGeneratorTask::resultText(Result{false, 0.0, 0.0, CQuorvexAPI::BrokenImage, 0}),
               QStringLiteral("<h3>%1</h3>").arg(CQuorvexAPI::statusText(CQuorvexAPI::BrokenImage)));
+    EXPECT_EQ(CGeneratorTask::resultText(Result{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata, 0}),
+              QStringLiteral("<h3>Not compared: Different camera type</h3>"));
+    // The scale only where the photo is not the fingerprint's size.
+    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.999, 0.1, CQuorvexAPI::Success, 0, {}, 0.8})
+                    .endsWith(QStringLiteral("Correlation: 0.1 <br>Scale: 0.80")));
+    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.999, 0.1, CQuorvexAPI::Success, 0, {}, 1.0})
+                    .endsWith(QStringLiteral("Correlation: 0.1")));
 
     const QString footer = CGeneratorTask::footerText();
     EXPECT_TRUE(footer.startsWith(QStringLiteral("Generated by Quorvex ")));

@@ -1,5 +1,7 @@
 #include "qutils/appsettings.h"
 
+#include "logcapture.h"
+
 #include <QDir>
 #include <QFile>
 #include <QSettings>
@@ -54,6 +56,7 @@ TEST_F(AppSettingsTest, MissingFileGivesEveryDefault)
     EXPECT_FALSE(CAppSettings::boolOption(E::BigButtons));
     EXPECT_FALSE(CAppSettings::boolOption(E::DisableShortcuts));
     EXPECT_FALSE(CAppSettings::boolOption(E::DisableWebLinks));
+    EXPECT_EQ(CAppSettings::scaleSearch(), QStringLiteral("full"));
     EXPECT_EQ(CAppSettings::key(E::MainAppLogLevel), QStringLiteral("Logging/MainAppLogLevel"));
     EXPECT_EQ(CAppSettings::key(E::DisableWebLinks), QStringLiteral("Options/DisableWebLinks"));
     EXPECT_EQ(CAppSettings::value(QStringLiteral("Options/NoSuchKey"), 42), 42);
@@ -71,6 +74,28 @@ TEST_F(AppSettingsTest, BooleansAndIntegersAreReadAsIntegers)
     EXPECT_DOUBLE_EQ(CAppSettings::doubleOption(E::ScaleFixed), 1.5);
     EXPECT_EQ(CAppSettings::textOption(E::TempFolder), QStringLiteral("/tmp/qx"));
     EXPECT_EQ(CAppSettings::intOption(E::MainAppLogLevel), 7) << "the raw value; the logger decides to ignore it";
+}
+
+TEST_F(AppSettingsTest, ScaleSearchIsOneOfThreeAndReachesTheEngine)
+{
+    const struct
+    {
+        const char* stored;
+        const char* used;
+        bool warned;
+    } cases[] = {{"sized", "sized", false}, {"off", "off", false}, {" full ", "full", false},
+                 {"OFF", "full", true},     {"", "full", true},     {"none", "full", true}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.stored);
+        writeFile(QByteArray("[Options]\nScaleSearch=") + c.stored + '\n');
+        testutils::CLogCapture log;
+        EXPECT_EQ(CAppSettings::scaleSearch(), QLatin1String(c.used));
+        EXPECT_EQ(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qutils/appsettings.cpp")), c.warned);
+    }
+    CAppSettings::applyScaleSearch(QStringLiteral("sized"));
+    EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray("sized"));
+    qunsetenv("LUMICREST_SCALE_SEARCH");
 }
 
 TEST_F(AppSettingsTest, WrittenBooleansAreIntegersInTheFile)

@@ -138,8 +138,9 @@ QList<QStringList> parseCsv(const QString& text)
 }
 
 const QStringList JsonKeys = {QStringLiteral("path"),        QStringLiteral("matched"),
-                              QStringLiteral("probability"), QStringLiteral("correlation"),
-                              QStringLiteral("pce"),         QStringLiteral("status"),
+                              QStringLiteral("compared"),    QStringLiteral("probability"),
+                              QStringLiteral("correlation"), QStringLiteral("pce"),
+                              QStringLiteral("scale"),       QStringLiteral("status"),
                               QStringLiteral("class"),       QStringLiteral("reason")};
 const QStringList MatchClasses = {QStringLiteral("very high"), QStringLiteral("high"),
                                   QStringLiteral("medium"), QStringLiteral("low")};
@@ -238,6 +239,11 @@ protected:
         relabelled.sceneSeed = 41;
         relabelled.exifModel = "QX-9";
         a.shoot(relabelled, root.filePath(QStringLiteral("extra/relabelled.jpg")).toStdString());
+        // A larger sensor's photo: no crop or reduction of the fingerprint's image.
+        camsim::CameraConfig larger = unit(2);
+        larger.width = 1280;
+        larger.height = 960;
+        shoot(camsim::Camera(larger), camsim::SceneKind::Natural, 42, root.filePath(QStringLiteral("extra/larger.jpg")));
         writeBytes(root.filePath(QStringLiteral("extra/broken.jpg")),
                    QByteArray::fromRawData("\xff\xd8\xff\xe0 not a photo", 16));
         writeBytes(root.filePath(QStringLiteral("extra/notes.txt")), "notes");
@@ -466,7 +472,8 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     const QString csvText = QString::fromUtf8(readBytes(csvPath));
     const QStringList rawLines = lines(csvText);
     ASSERT_EQ(rawLines.size(), 6);
-    EXPECT_EQ(rawLines.at(0), QStringLiteral("path,matched,probability,correlation,pce,status,class,reason"));
+    EXPECT_EQ(rawLines.at(0),
+              QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason"));
     // The folder's comma and quotes force quoting, with the quotes doubled.
     EXPECT_TRUE(rawLines.at(1).startsWith(QStringLiteral("\"") + s_dir->path()));
     EXPECT_TRUE(rawLines.at(1).contains(QStringLiteral("questioned, \"\"mixed\"\"/a-1.jpg\",")));
@@ -475,16 +482,18 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     for (int i = 0; i < 5; ++i)
     {
         const QStringList& row = rows.at(i + 1);
-        ASSERT_EQ(row.size(), 8) << rawLines.at(i + 1).toStdString();
+        ASSERT_EQ(row.size(), 10) << rawLines.at(i + 1).toStdString();
         const QJsonObject& o = json.at(i);
         EXPECT_EQ(row.at(0), QFileInfo(s_questioned.at(i)).absoluteFilePath());
         EXPECT_EQ(row.at(0), o.value(QStringLiteral("path")).toString());
         EXPECT_EQ(row.at(1), o.value(QStringLiteral("matched")).toBool() ? QStringLiteral("true")
                                                                          : QStringLiteral("false"));
-        EXPECT_DOUBLE_EQ(row.at(2).toDouble(), o.value(QStringLiteral("probability")).toDouble());
-        EXPECT_DOUBLE_EQ(row.at(4).toDouble(), o.value(QStringLiteral("pce")).toDouble());
-        EXPECT_EQ(row.at(5), o.value(QStringLiteral("status")).toString());
-        EXPECT_EQ(row.at(6), o.value(QStringLiteral("class")).toString());
+        EXPECT_EQ(row.at(2), QStringLiteral("true")) << "every photo here was compared";
+        EXPECT_DOUBLE_EQ(row.at(3).toDouble(), o.value(QStringLiteral("probability")).toDouble());
+        EXPECT_DOUBLE_EQ(row.at(5).toDouble(), o.value(QStringLiteral("pce")).toDouble());
+        EXPECT_DOUBLE_EQ(row.at(6).toDouble(), o.value(QStringLiteral("scale")).toDouble());
+        EXPECT_EQ(row.at(7), o.value(QStringLiteral("status")).toString());
+        EXPECT_EQ(row.at(8), o.value(QStringLiteral("class")).toString());
         EXPECT_EQ(row.at(1) == QLatin1String("true"), s_truth.at(i) == SameCamera);
     }
 }
@@ -493,7 +502,8 @@ TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
 {
     const QString relabelled = path(QStringLiteral("extra/relabelled.jpg"));
     const QString broken = path(QStringLiteral("extra/broken.jpg"));
-    const QStringList photos = {relabelled, broken, s_questioned.at(0),
+    const QString larger = path(QStringLiteral("extra/larger.jpg"));
+    const QStringList photos = {relabelled, broken, s_questioned.at(0), larger,
                                 path(QStringLiteral("extra/notes.txt"))};
     const SRun skipping = run(QStringList{QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
                                           QStringLiteral("--skip-different-camera"), QStringLiteral("--json"),
@@ -503,16 +513,37 @@ TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
     EXPECT_TRUE(skipping.err.contains(QStringLiteral("notes.txt")))
         << "a file that is no photo is named and skipped";
     const QList<QJsonObject> objects = parseJsonLines(skipping.out);
-    ASSERT_EQ(objects.size(), 3);
-    EXPECT_EQ(objects.at(0).value(QStringLiteral("path")).toString(), relabelled);
-    EXPECT_EQ(objects.at(0).value(QStringLiteral("status")).toString(),
-              QStringLiteral("inconsistentmetadata"));
-    EXPECT_EQ(objects.at(0).value(QStringLiteral("class")).toString(), QStringLiteral("not found"));
-    EXPECT_EQ(objects.at(1).value(QStringLiteral("path")).toString(), broken);
-    EXPECT_EQ(objects.at(1).value(QStringLiteral("status")).toString(), QStringLiteral("brokenimage"));
-    EXPECT_EQ(objects.at(1).value(QStringLiteral("class")).toString(), QStringLiteral("not found"));
+    ASSERT_EQ(objects.size(), 4);
+    // Skipped by the camera rule or by size: not compared, never "not found";
+    // a broken file is a failure and stays with the not-found photos.
+    const struct
+    {
+        QString path;
+        const char* status;
+        const char* className;
+        bool compared;
+    } expected[] = {
+        {relabelled, "inconsistentmetadata", "not compared", false},
+        {broken, "brokenimage", "not found", false},
+        {s_questioned.at(0), "success", "very high", true},
+        {larger, "imagefingerprintinconsistentsize", "not compared", false},
+    };
+    for (int i = 0; i < 4; ++i)
+    {
+        const QJsonObject& o = objects.at(i);
+        EXPECT_EQ(o.value(QStringLiteral("path")).toString(), expected[i].path);
+        EXPECT_EQ(o.value(QStringLiteral("status")).toString(), QLatin1String(expected[i].status));
+        EXPECT_EQ(o.value(QStringLiteral("class")).toString(), QLatin1String(expected[i].className));
+        EXPECT_EQ(o.value(QStringLiteral("compared")).toBool(), expected[i].compared);
+    }
+    EXPECT_EQ(objects.at(3).value(QStringLiteral("reason")).toString(),
+              QStringLiteral("the photo's size fits the fingerprint at no orientation and scale tried"));
+    EXPECT_FALSE(objects.at(3).value(QStringLiteral("matched")).toBool());
+    EXPECT_EQ(objects.at(3).value(QStringLiteral("pce")).toDouble(), 0.0);
+    EXPECT_TRUE(skipping.err.contains(QStringLiteral("Fingerprints not found: 1\nNot compared: 2\n")))
+        << skipping.err.toStdString();
     // Each failure says why, beyond its status text, without repeating the path.
-    for (const QJsonObject& failed : {objects.at(0), objects.at(1)})
+    for (const QJsonObject& failed : {objects.at(0), objects.at(1), objects.at(3)})
     {
         const QString reason = failed.value(QStringLiteral("reason")).toString();
         EXPECT_FALSE(reason.isEmpty());
@@ -523,11 +554,22 @@ TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
     EXPECT_TRUE(objects.at(2).value(QStringLiteral("matched")).toBool());
 
     // Without the camera rule the relabelled photo is matched: it is A's.
-    const SRun matching =
-        run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint, relabelled, broken});
+    const QString csvPath = path(QStringLiteral("failing.csv"));
+    const SRun matching = run({QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
+                               QStringLiteral("--csv"), csvPath, relabelled, broken, larger});
     ASSERT_EQ(matching.exitCode, 0);
     const QStringList out = lines(matching.out);
-    ASSERT_GE(out.size(), 3);
+    ASSERT_GE(out.size(), 4);
+    EXPECT_EQ(out.at(3), QStringLiteral("not compared            -          -  %1  Not compared: Size is incompatible "
+                                        "with fingerprint (the photo's size fits the fingerprint at no "
+                                        "orientation and scale tried)")
+                             .arg(larger));
+    EXPECT_TRUE(matching.out.contains(QStringLiteral("Fingerprints not found: 1\nNot compared: 1\n")));
+    const QList<QStringList> rows = parseCsv(QString::fromUtf8(readBytes(csvPath)));
+    ASSERT_EQ(rows.size(), 4);
+    EXPECT_EQ(rows.at(3).mid(1, 2), (QStringList{QStringLiteral("false"), QStringLiteral("false")}));
+    EXPECT_EQ(rows.at(3).mid(7, 2),
+              (QStringList{QStringLiteral("imagefingerprintinconsistentsize"), QStringLiteral("not compared")}));
     EXPECT_TRUE(std::any_of(MatchClasses.begin(), MatchClasses.end(),
                             [&](const QString& c) { return out.at(1).startsWith(c + QLatin1Char(' ')); }))
         << out.at(1).toStdString();
@@ -578,6 +620,11 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("validate"), refs, refs},
         {QStringLiteral("validate"), QStringLiteral("--json"), QStringLiteral("-"), refs},
         {QStringLiteral("validate"), QStringLiteral("--threads"), QStringLiteral("0"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--scale-search"), QStringLiteral("Full"),
+         refs},
+        {QStringLiteral("validate"), QStringLiteral("--scale-search="), refs},
+        {QStringLiteral("learn"), QStringLiteral("-o"), path(QStringLiteral("x.fnp")), QStringLiteral("--scale-search"),
+         QStringLiteral("off"), refs},
         // Outputs that would destroy evidence or replace a device.
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--csv"), s_questioned.at(0),
          s_questioned.at(0), s_questioned.at(1)},
@@ -1063,7 +1110,9 @@ TEST_F(CliTest, HelpExplainsEveryOption)
                              "--out",
                              "--help",
                              "--version",
+                             "--scale-search",
                              "very high",
+                             "not compared",
                              "not processed",
                              "130"})
         EXPECT_TRUE(help.out.contains(QString::fromLatin1(word))) << word;
@@ -1285,15 +1334,31 @@ TEST(CliFormat, OutcomesOfEveryKind)
     outcome.path = QStringLiteral("q/p.jpg");
     outcome.absolutePath = QStringLiteral("/x/q/p.jpg");
     EXPECT_EQ(cli::jsonLine(outcome),
-              QStringLiteral("{\"path\":\"/x/q/p.jpg\",\"matched\":false,\"probability\":0,"
-                             "\"correlation\":0,\"pce\":0,\"status\":\"invalid\","
+              QStringLiteral("{\"path\":\"/x/q/p.jpg\",\"matched\":false,\"compared\":false,\"probability\":0,"
+                             "\"correlation\":0,\"pce\":0,\"scale\":1,\"status\":\"invalid\","
                              "\"class\":\"not processed\",\"reason\":\"\"}"));
     outcome.processed = true;
     outcome.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
     EXPECT_EQ(cli::className(outcome), QStringLiteral("high"));
-    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,0.995,0.05,210.5,success,high,"));
+    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,true,0.995,0.05,210.5,1,success,high,"));
     EXPECT_TRUE(cli::tableLine(outcome).startsWith(QStringLiteral("high ")));
     EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("210.5  q/p.jpg")));
+    outcome.result.scale = 0.8;
+    EXPECT_TRUE(cli::jsonLine(outcome).contains(QStringLiteral("\"pce\":210.5,\"scale\":0.8,")));
+    EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("210.5  q/p.jpg  (scale 0.80)")));
+    // Not compared: no numbers, the reason in words, counted apart.
+    cli::SPhotoOutcome notCompared = outcome;
+    notCompared.result = {false, 0.0, 0.0, qutils::CQuorvexAPI::ImageFingerprintInconsistentSize, 0.0,
+                          QStringLiteral("photo too small")};
+    EXPECT_EQ(cli::csvLine(notCompared), QStringLiteral("/x/q/p.jpg,false,false,0,0,0,1,"
+                                                        "imagefingerprintinconsistentsize,not compared,photo too small"));
+    EXPECT_EQ(cli::tableLine(notCompared),
+              QStringLiteral("not compared            -          -  q/p.jpg  Not compared: Size is incompatible with "
+                             "fingerprint (photo too small)"));
+    cli::SPhotoOutcome skipped = notCompared;
+    skipped.result.status = qutils::CQuorvexAPI::InconsistentMetadata;
+    skipped.result.reason = QStringLiteral("EXIF: X");
+    EXPECT_TRUE(cli::tableLine(skipped).endsWith(QStringLiteral("Not compared: Different camera type (EXIF: X)")));
     outcome.result = {false, 0.0, 0.0, qutils::CQuorvexAPI::BrokenImage, 0.0};
     EXPECT_EQ(cli::className(outcome), QStringLiteral("not found"));
     EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("q/p.jpg  (File cannot be opened)")));
@@ -1303,12 +1368,11 @@ TEST(CliFormat, OutcomesOfEveryKind)
     EXPECT_TRUE(cli::tableLine(refused).endsWith(QStringLiteral("q/pipe.jpg  (not a regular file, say)")));
     EXPECT_TRUE(cli::csvLine(refused).endsWith(QStringLiteral(",not processed,\"not a regular file, say\"")));
 
-    const cli::SSummary summary = cli::summarize({outcome, cli::SPhotoOutcome()}, 3.0);
-    EXPECT_EQ(
-        cli::summaryLines(summary),
-        QStringList({QStringLiteral("Photos analyzed: 1/2"), QStringLiteral("Fingerprints found: 0"),
-                     QStringLiteral("Fingerprints not found: 1"), QStringLiteral("Time elapsed: 3.00 s"),
-                     QStringLiteral("Average time per image: 3.00 s")}));
+    const cli::SSummary summary = cli::summarize({outcome, cli::SPhotoOutcome(), notCompared, skipped}, 6.0);
+    EXPECT_EQ(cli::summaryLines(summary),
+              QStringList({QStringLiteral("Photos analyzed: 3/4"), QStringLiteral("Fingerprints found: 0"),
+                           QStringLiteral("Fingerprints not found: 1"), QStringLiteral("Not compared: 2"),
+                           QStringLiteral("Time elapsed: 6.00 s"), QStringLiteral("Average time per image: 2.00 s")}));
 }
 
 TEST(CliFormat, ValidationStatistics)
@@ -1406,4 +1470,22 @@ TEST(CliCommandLine, ValuesAndOrder)
     EXPECT_TRUE(study.variants);
     EXPECT_EQ(study.reportFile, QStringLiteral("r.pdf"));
     EXPECT_EQ(study.paths, QStringList{QStringLiteral("s")});
+
+    // The scale-search limit reaches the engine while the line is parsed, before any match.
+    qunsetenv("LUMICREST_SCALE_SEARCH");
+    EXPECT_TRUE(cli::parseCommandLine({QStringLiteral("validate"), QStringLiteral("s")}).scaleSearch.isEmpty());
+    EXPECT_FALSE(qEnvironmentVariableIsSet("LUMICREST_SCALE_SEARCH")) << "not given, not set";
+    for (const char* value : {"sized", "off", "full"})
+    {
+        const cli::SCommandLine limited =
+            cli::parseCommandLine({QStringLiteral("analyze"), QStringLiteral("-f"), QStringLiteral("k.fnp"),
+                                   QStringLiteral("--scale-search"), QLatin1String(value), QStringLiteral("a")});
+        ASSERT_EQ(limited.command, cli::ECommand::Analyze) << limited.error.toStdString();
+        EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray(value));
+    }
+    const cli::SCommandLine typo = cli::parseCommandLine(
+        {QStringLiteral("validate"), QStringLiteral("--scale-search=of"), QStringLiteral("s")});
+    EXPECT_EQ(typo.error, QStringLiteral("--scale-search needs full, sized or off, not 'of'"));
+    EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray("full")) << "a refused line changes nothing";
+    qunsetenv("LUMICREST_SCALE_SEARCH");
 }

@@ -2,6 +2,8 @@
 
 #include "appinfo.h"
 
+#include "qutils/appsettings.h"
+
 #include <functional>
 
 namespace cli
@@ -58,6 +60,14 @@ QList<SOption> optionsFor(ECommand command)
     const SOption report{{QStringLiteral("--report")},
                          true,
                          [](SCommandLine& c, const QString& v) { return storeText(c.reportFile, v); }};
+    const SOption scaleSearch{{QStringLiteral("--scale-search")},
+                              true,
+                              [](SCommandLine& c, const QString& v)
+                              {
+                                  if (!qutils::CAppSettings::isScaleSearchValue(v))
+                                      return QStringLiteral("--scale-search needs full, sized or off, not '%1'").arg(v);
+                                  return storeText(c.scaleSearch, v);
+                              }};
     switch (command)
     {
     case ECommand::Learn:
@@ -85,6 +95,7 @@ QList<SOption> optionsFor(ECommand command)
                  return QString();
              }},
             threads,
+            scaleSearch,
             json,
             {{QStringLiteral("--csv")},
              true,
@@ -111,6 +122,7 @@ QList<SOption> optionsFor(ECommand command)
                  return QString();
              }},
             threads,
+            scaleSearch,
             json,
             report,
         };
@@ -273,6 +285,8 @@ SCommandLine parseCommandLine(const QStringList& arguments)
     const QString error = checkComplete(name, result);
     if (!error.isEmpty())
         return failed(error);
+    if (!result.scaleSearch.isEmpty())
+        qutils::CAppSettings::applyScaleSearch(result.scaleSearch);
     return result;
 }
 
@@ -282,11 +296,12 @@ QString helpText()
         "Usage:\n"
         "  quorvex-cli learn   -o FILE.fnp [--recursive] [--limit N] PATH...\n"
         "  quorvex-cli analyze -f FILE.fnp [--recursive] [--skip-different-camera] [--threads N]\n"
-        "                      [--json FILE|-] [--csv FILE] [--report FILE.pdf] PATH...\n"
+        "                      [--scale-search full|sized|off] [--json FILE|-] [--csv FILE]\n"
+        "                      [--report FILE.pdf] PATH...\n"
         "  quorvex-cli info    [--json] FILE.fnp\n"
         "  quorvex-cli demo    [--out DIR]\n"
         "  quorvex-cli validate [--variants] [--json FILE] [--report FILE.pdf] [--threads N]\n"
-        "                      SET_DIR\n"
+        "                      [--scale-search full|sized|off] SET_DIR\n"
         "  quorvex-cli --help | --version\n"
         "\n"
         "Tells which camera took a photo from the sensor's noise pattern: 'learn' builds a\n"
@@ -318,17 +333,25 @@ QString helpText()
         "  --skip-different-camera    do not match photos whose EXIF make or model differs from\n"
         "                             the fingerprint's (status inconsistentmetadata)\n"
         "  --threads N                match N photos at a time (default: one per core)\n"
+        "  --scale-search full|sized|off  photos resized from the camera's image: search every\n"
+        "                             scale (full, default), only the one their size implies\n"
+        "                             (sized), or match at the fingerprint's size only (off)\n"
         "  --json FILE|-              write one JSON object per photo and line, in input order,\n"
         "                             to FILE, or to standard output for '-' (then the table is\n"
         "                             left out and the summary goes to standard error); keys:\n"
-        "                             path (absolute), matched, probability, correlation, pce,\n"
-        "                             status (lower-case key), class, reason (why a photo was\n"
-        "                             not processed, else empty)\n"
+        "                             path (absolute), matched, compared (false when the photo\n"
+        "                             was never compared with the fingerprint), probability,\n"
+        "                             correlation, pce, scale (the photo's size as a factor of\n"
+        "                             the fingerprint's image), status (lower-case key), class,\n"
+        "                             reason (why a photo was not processed or not compared)\n"
         "  --csv FILE                 write the same columns as CSV with a header line\n"
         "  --report FILE.pdf          also write a PDF report of every photo\n"
         "Classes: very high (probability >= 0.999), high (>= 0.995), medium (>= 0.99), low\n"
         "(any other match), not found (no match, or the photo failed: see its status),\n"
-        "not processed (interrupted before the photo was analyzed).\n"
+        "not compared (the photo's size fits the fingerprint in no way tried, status\n"
+        "imagefingerprintinconsistentsize, or --skip-different-camera skipped it: never a\n"
+        "finding that another camera took it), not processed (interrupted before the photo\n"
+        "was analyzed).\n"
         "PCE is the peak-to-correlation energy; 60 or more counts as a match.\n"
         "\n"
         "info: prints the properties of a fingerprint file.\n"
@@ -359,6 +382,7 @@ QString helpText()
         "                             (area-averaged); geometric copies are saved as JPEG at\n"
         "                             quality 95. Results are shown per variant\n"
         "  --threads N                match N photos at a time (default: one per core)\n"
+        "  --scale-search full|sized|off  as for analyze\n"
         "  --json FILE                write one JSON object per pair and line; keys:\n"
         "                             fingerprint (device), photo (path of the original),\n"
         "                             variant, true_pair, pce, probability, matched, status,\n"

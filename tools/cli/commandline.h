@@ -50,9 +50,11 @@ struct SCommandLine
     bool json = false;  // info --json
     QString outDir;     // demo --out
     bool variants = false; // validate --variants
+    QString scaleSearch;   // analyze and validate --scale-search; empty: not given
 };
 
-// Parses the arguments without the program's name.
+// Parses the arguments without the program's name. A --scale-search value is
+// handed to the engine here, before any match can start.
 SCommandLine parseCommandLine(const QStringList& arguments);
 
 // The full help: every command and every option.

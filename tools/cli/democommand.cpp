@@ -124,7 +124,7 @@ std::vector<SDemoPhoto> questionedPhotos(const QDir& dir)
     };
     const SPlan plan[] = {
         {CameraA, 2001, 0, false, 0},   {CameraB, 2001, 0, false, 0}, {CameraA, 2002, 0, false, 0},
-        {CameraC, 2003, 0, false, 0},   {CameraA, 2004, 90, false, 0}, {CameraB, 2002, 0, false, 0},
+        {CameraC, 2003, 0, false, 0},   {CameraA, 2014, 90, false, 0}, {CameraB, 2002, 0, false, 0},
         {CameraA, 2005, 0, false, 70},  {CameraC, 2006, 0, false, 0}, {CameraA, 2007, 180, false, 0},
         {CameraA, 2008, 0, true, 0},    {CameraB, 2009, 0, false, 0}, {CameraA, 2010, 270, false, 0},
         {CameraC, 2011, 0, false, 0},   {CameraA, 2012, 0, false, 0},

@@ -26,6 +26,17 @@ QString statusKey(const SPhotoOutcome& outcome)
     return CQuorvexAPI::statusKey(outcome.processed ? outcome.result.status : CQuorvexAPI::Invalid);
 }
 
+// The engine correlated the photo with the fingerprint: it has a verdict.
+bool compared(const SPhotoOutcome& outcome)
+{
+    return outcome.processed && outcome.result.status == CQuorvexAPI::Success;
+}
+
+QString boolText(bool value)
+{
+    return value ? QStringLiteral("true") : QStringLiteral("false");
+}
+
 } // namespace
 
 QString jsonString(const QString& text)
@@ -48,18 +59,18 @@ QString className(const SPhotoOutcome& outcome)
 QString jsonLine(const SPhotoOutcome& outcome)
 {
     const auto& r = outcome.result;
-    return QStringLiteral("{\"path\":%1,\"matched\":%2,\"probability\":%3,\"correlation\":%4,\"pce\":%5,"
-                          "\"status\":%6,\"class\":%7,\"reason\":%8}")
-        .arg(jsonString(outcome.absolutePath),
-             outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
+    return QStringLiteral("{\"path\":%1,\"matched\":%2,\"compared\":%3,\"probability\":%4,\"correlation\":%5,"
+                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9,\"reason\":%10}")
+        .arg(jsonString(outcome.absolutePath), boolText(outcome.processed && r.matched), boolText(compared(outcome)),
              jsonNumber(outcome.processed ? r.probability : 0.0), jsonNumber(outcome.processed ? r.correlation : 0.0),
-             jsonNumber(outcome.processed ? r.pce : 0.0), jsonString(statusKey(outcome)),
-             jsonString(className(outcome)), jsonString(reason(outcome)));
+             jsonNumber(outcome.processed ? r.pce : 0.0), jsonNumber(outcome.processed ? r.scale : 1.0),
+             jsonString(statusKey(outcome)), jsonString(className(outcome)))
+        .arg(jsonString(reason(outcome)));
 }
 
 QString csvHeader()
 {
-    return QStringLiteral("path,matched,probability,correlation,pce,status,class,reason");
+    return QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason");
 }
 
 QString csvField(const QString& text)
@@ -77,10 +88,12 @@ QString csvLine(const SPhotoOutcome& outcome)
     const auto& r = outcome.result;
     const QStringList fields = {
         csvField(outcome.absolutePath),
-        outcome.processed && r.matched ? QStringLiteral("true") : QStringLiteral("false"),
+        boolText(outcome.processed && r.matched),
+        boolText(compared(outcome)),
         jsonNumber(outcome.processed ? r.probability : 0.0),
         jsonNumber(outcome.processed ? r.correlation : 0.0),
         jsonNumber(outcome.processed ? r.pce : 0.0),
+        jsonNumber(outcome.processed ? r.scale : 1.0),
         statusKey(outcome),
         className(outcome),
         csvField(reason(outcome)),
@@ -100,12 +113,18 @@ QString tableHeader()
 QString tableLine(const SPhotoOutcome& outcome)
 {
     const auto& r = outcome.result;
+    // No numbers where no comparison made any.
+    const bool numbers = outcome.processed && !isNotCompared(r);
     QString line =
         QStringLiteral("%1 %2 %3  %4")
             .arg(className(outcome), -13)
-            .arg(outcome.processed ? QString::number(r.probability, 'f', 6) : QStringLiteral("-"), 11)
-            .arg(outcome.processed ? QString::number(r.pce, 'f', 1) : QStringLiteral("-"), 10)
+            .arg(numbers ? QString::number(r.probability, 'f', 6) : QStringLiteral("-"), 11)
+            .arg(numbers ? QString::number(r.pce, 'f', 1) : QStringLiteral("-"), 10)
             .arg(outcome.path);
+    if (outcome.processed && isNotCompared(r))
+        return line + QStringLiteral("  ") + notComparedText(r);
+    if (outcome.processed && !scaleText(r).isEmpty())
+        line += QStringLiteral("  (scale %1)").arg(scaleText(r));
     QStringList why;
     if (outcome.processed && r.status != CQuorvexAPI::Success)
         why << CQuorvexAPI::statusText(r.status);
@@ -126,7 +145,10 @@ SSummary summarize(const QList<SPhotoOutcome>& outcomes, double seconds)
         if (!outcome.processed)
             continue;
         ++summary.analyzed;
-        if (classifyResult(outcome.result) == EResultClass::NotFound)
+        const EResultClass resultClass = classifyResult(outcome.result);
+        if (resultClass == EResultClass::NotCompared)
+            ++summary.notCompared;
+        else if (resultClass == EResultClass::NotFound)
             ++summary.notFound;
         else
             ++summary.found;
@@ -142,6 +164,7 @@ QStringList summaryLines(const SSummary& summary)
         QStringLiteral("Photos analyzed: %1/%2").arg(summary.analyzed).arg(summary.total),
         QStringLiteral("Fingerprints found: %1").arg(summary.found),
         QStringLiteral("Fingerprints not found: %1").arg(summary.notFound),
+        QStringLiteral("Not compared: %1").arg(summary.notCompared),
         QStringLiteral("Time elapsed: %1 s").arg(summary.seconds, 0, 'f', 2),
         QStringLiteral("Average time per image: %1 s").arg(average),
     };

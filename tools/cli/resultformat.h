@@ -24,11 +24,12 @@ QString jsonString(const QString& text);
 // Enough digits to tell results apart; null for NaN and infinity, which JSON lacks.
 QString jsonNumber(double value);
 
-// "very high", ..., "not found", or "not processed".
+// "very high", ..., "not found", "not compared", or "not processed".
 QString className(const SPhotoOutcome& outcome);
 
-// {"path":..,"matched":..,"probability":..,"correlation":..,"pce":..,"status":..,"class":..,"reason":..}
-// in this key order, on one line.
+// {"path":..,"matched":..,"compared":..,"probability":..,"correlation":..,"pce":..,"scale":..,
+//  "status":..,"class":..,"reason":..} in this key order, on one line. compared is true only
+// for a photo the engine correlated with the fingerprint.
 QString jsonLine(const SPhotoOutcome& outcome);
 
 // The CSV columns, the same as the JSON keys.
@@ -38,7 +39,7 @@ QString csvLine(const SPhotoOutcome& outcome);
 QString csvField(const QString& text);
 
 // The human table: a header and one line per photo (class, probability, PCE,
-// path, and the status text of a failed photo).
+// path, and the status text of a failed photo or why one was not compared).
 QString tableHeader();
 QString tableLine(const SPhotoOutcome& outcome);
 
@@ -49,11 +50,12 @@ struct SSummary
     int total = 0;
     int found = 0;
     int notFound = 0;
+    int notCompared = 0; // read but never compared with the fingerprint; not in notFound
     double seconds = 0.0;
 };
 
 SSummary summarize(const QList<SPhotoOutcome>& outcomes, double seconds);
-// "Photos analyzed: 12/14", "Fingerprints found: 5", "Fingerprints not found: 7",
+// "Photos analyzed: 12/14", "Fingerprints found: 5", "Fingerprints not found: 6", "Not compared: 1",
 // "Time elapsed: 3.21 s", "Average time per image: 0.27 s".
 QStringList summaryLines(const SSummary& summary);
 
