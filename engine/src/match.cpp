@@ -434,8 +434,8 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     Plane x;
     combinedResidualReleasing(photo.planes, photo.channels, fp.sigmaMatch, x);
     zeroMeanLattices(x);
-    const bool turned90 = orientations[0] == 90 || orientations[0] == 270;
-    if ((turned90 ? photo.height : photo.width) == fp.width &&
+    const bool turned90 = candidates > 0 && (orientations[0] == 90 || orientations[0] == 270);
+    if (candidates > 0 && (turned90 ? photo.height : photo.width) == fp.width &&
         (turned90 ? photo.width : photo.height) == fp.height)
     {
         matchSameSize(fp.k, x, weights, orientations, candidates, result);

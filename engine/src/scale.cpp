@@ -249,14 +249,6 @@ void padInto(const Plane& in, int width, int height, Plane& out)
     }
 }
 
-struct Peak
-{
-    double value = 0.0;
-    double pce = 0.0;
-    int x = 0; // may be negative: a shift that wraps around the plane
-    int y = 0;
-};
-
 // Highest value over shifts x0..x1, y0..y1 (wrapping), and its PCE against the
 // whole circular plane outside the exclusion square around it.
 Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1)
