@@ -397,7 +397,7 @@ TEST_F(FingerprintEndToEnd, CreateLoadAndMatch)
     // A larger sensor's photo is read but not compared: never "no match".
     camsim::CameraConfig largerConfig = unit(2);
     largerConfig.width = 1280;
-    largerConfig.height = 960;
+    largerConfig.height = 1024; // not 4:3: no resize of the fingerprint's image either
     const auto larger = fp->match(QFileInfo(shoot(camsim::Camera(largerConfig), 55, QStringLiteral("larger.jpg"))), false);
     EXPECT_FALSE(larger.matched);
     EXPECT_EQ(larger.status, CQuorvexAPI::ImageFingerprintInconsistentSize);
