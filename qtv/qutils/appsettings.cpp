@@ -35,7 +35,7 @@ const SOptionEntry& entry(CAppSettings::EOption option)
         {E::BigButtons, "Options/BigButtons", false},
         {E::DisableShortcuts, "Options/DisableShortcuts", false},
         {E::DisableWebLinks, "Options/DisableWebLinks", false},
-        {E::ScaleSearch, "Options/ScaleSearch", QStringLiteral("full")},
+        {E::ScaleSearch, "Options/ScaleSearch", QStringLiteral("sized")},
     };
     for (const SOptionEntry& e : table)
         if (e.option == option)

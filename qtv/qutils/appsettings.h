@@ -45,7 +45,7 @@ public:
     // How far the engine searches for a photo resized from the camera's
     // image: "full", "sized" or "off".
     static bool isScaleSearchValue(const QString& value);
-    // "Options/ScaleSearch"; a value that is none of the three is "full",
+    // "Options/ScaleSearch"; a value that is none of the three is "sized",
     // after a warning in the log.
     static QString scaleSearch();
     // Hands the limit to the engine, which reads it at each match: call it

@@ -248,16 +248,19 @@ TEST_F(Accuracy, ResizedPhotosMatchAtTheirScale)
             camsim::rotateImage(camsim::cropImage(camsim::readImage(full), 30, 20, cut.cropWidth, cut.cropHeight), 180),
             resizedCut, camsim::FileFormat::Jpeg, 92);
     }
-    const Matched searched = match(s_learned->fp, resizedCut);
-    std::printf("resized 0.7 and cropped, full search: PCE %.1f -> %s\n", searched.pce(), searched.json.c_str());
-    EXPECT_TRUE(searched.matched()) << searched.json;
-    EXPECT_NEAR(searched.scale(), 0.7, 0.01) << searched.json;
-    EXPECT_EQ(searched.orientation(), 180) << searched.json;
-
-    // The search limit: sized skips the full search, off any resampling, and a
-    // typo fails instead of silently searching less.
     {
-        const ScopedEnvironment sized("LUMICREST_SCALE_SEARCH", "sized");
+        const ScopedEnvironment full("LUMICREST_SCALE_SEARCH", "full");
+        const Matched searched = match(s_learned->fp, resizedCut);
+        std::printf("resized 0.7 and cropped, full search: PCE %.1f -> %s\n", searched.pce(), searched.json.c_str());
+        EXPECT_TRUE(searched.matched()) << searched.json;
+        EXPECT_NEAR(searched.scale(), 0.7, 0.01) << searched.json;
+        EXPECT_EQ(searched.orientation(), 180) << searched.json;
+    }
+
+    // The search limit: sized (the default) skips the full search, off any
+    // resampling, and a typo fails instead of silently searching less.
+    {
+        const ScopedEnvironment sized("LUMICREST_SCALE_SEARCH", "");
         const Matched m = match(s_learned->fp, resizedCut);
         EXPECT_FALSE(m.matched()) << m.json;
         EXPECT_EQ(m.scale(), 1.0) << m.json;

@@ -56,7 +56,7 @@ TEST_F(AppSettingsTest, MissingFileGivesEveryDefault)
     EXPECT_FALSE(CAppSettings::boolOption(E::BigButtons));
     EXPECT_FALSE(CAppSettings::boolOption(E::DisableShortcuts));
     EXPECT_FALSE(CAppSettings::boolOption(E::DisableWebLinks));
-    EXPECT_EQ(CAppSettings::scaleSearch(), QStringLiteral("full"));
+    EXPECT_EQ(CAppSettings::scaleSearch(), QStringLiteral("sized"));
     EXPECT_EQ(CAppSettings::key(E::MainAppLogLevel), QStringLiteral("Logging/MainAppLogLevel"));
     EXPECT_EQ(CAppSettings::key(E::DisableWebLinks), QStringLiteral("Options/DisableWebLinks"));
     EXPECT_EQ(CAppSettings::value(QStringLiteral("Options/NoSuchKey"), 42), 42);
@@ -83,8 +83,8 @@ TEST_F(AppSettingsTest, ScaleSearchIsOneOfThreeAndReachesTheEngine)
         const char* stored;
         const char* used;
         bool warned;
-    } cases[] = {{"sized", "sized", false}, {"off", "off", false}, {" full ", "full", false},
-                 {"OFF", "full", true},     {"", "full", true},     {"none", "full", true}};
+    } cases[] = {{"full", "full", false}, {"off", "off", false}, {" sized ", "sized", false},
+                 {"OFF", "sized", true},   {"", "sized", true},   {"none", "sized", true}};
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.stored);
@@ -93,8 +93,8 @@ TEST_F(AppSettingsTest, ScaleSearchIsOneOfThreeAndReachesTheEngine)
         EXPECT_EQ(CAppSettings::scaleSearch(), QLatin1String(c.used));
         EXPECT_EQ(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qutils/appsettings.cpp")), c.warned);
     }
-    CAppSettings::applyScaleSearch(QStringLiteral("sized"));
-    EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray("sized"));
+    CAppSettings::applyScaleSearch(QStringLiteral("full"));
+    EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray("full"));
     qunsetenv("LUMICREST_SCALE_SEARCH");
 }
 
