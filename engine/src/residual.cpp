@@ -651,6 +651,9 @@ void combinedResidual(const Plane* channels, int count, float sigma0, Plane& res
     // `residual` may be one of the channels: they are no longer read.
     residual.reset(width, height);
     synthesise(accum, pw, ph, true, residual.data(), static_cast<size_t>(width), width, height, ws);
+    // The coefficients' plane goes back to the pool, where the spectra that
+    // follow in a match can take it instead of faulting in a new one.
+    ws.coeffs.release();
     if (!allFinite(residual.data(), residual.size()))
         fail(LUMICREST_NUMERIC_NOT_FINITE, "noise residual is not finite");
 }
