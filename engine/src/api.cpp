@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -65,7 +66,15 @@ std::string requirePath(const wchar_t* path)
     return utf8;
 }
 
-std::vector<unsigned char> readWholeFile(const std::string& path)
+// The file's bytes, left uninitialised until read: filling tens of megabytes
+// with zeros first would cost a pass over them for nothing.
+struct FileBytes
+{
+    std::unique_ptr<unsigned char[]> data;
+    size_t size = 0;
+};
+
+FileBytes readWholeFile(const std::string& path)
 {
     // A FIFO or a device would block the open or never end; only regular files.
     std::error_code error;
@@ -77,9 +86,11 @@ std::vector<unsigned char> readWholeFile(const std::string& path)
     const std::streamoff size = in.tellg();
     if (size <= 0 || size > INT32_MAX)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file has an impossible size");
-    std::vector<unsigned char> bytes(static_cast<size_t>(size));
+    FileBytes bytes;
+    bytes.data.reset(new unsigned char[static_cast<size_t>(size)]);
+    bytes.size = static_cast<size_t>(size);
     in.seekg(0);
-    if (!in.read(reinterpret_cast<char*>(bytes.data()), size))
+    if (!in.read(reinterpret_cast<char*>(bytes.data.get()), size))
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file cannot be read");
     return bytes;
 }
@@ -94,28 +105,30 @@ uint32_t bigEndian32(const unsigned char* p)
 // for none, then the bytes), metadata and fingerprint. Reading the bytes out of
 // it here lets the program have a file verified without a copy of the bytes.
 // Files of the engine's own format start with the magic and are taken whole.
-std::pair<const unsigned char*, size_t> fingerprintBytesIn(const std::vector<unsigned char>& file)
+std::pair<const unsigned char*, size_t> fingerprintBytesIn(const FileBytes& in)
 {
+    const unsigned char* const file = in.data.get();
+    const size_t fileSize = in.size;
     static const unsigned char containerVersion[8] = {0, 0, 0, 0, 0, 0, 0, 2};
-    if (file.size() < 16 || std::memcmp(file.data(), containerVersion, 8) != 0)
-        return {file.data(), file.size()};
+    if (fileSize < 16 || std::memcmp(file, containerVersion, 8) != 0)
+        return {file, fileSize};
     size_t at = 8;
     const auto array = [&]() -> std::pair<const unsigned char*, size_t> {
-        if (file.size() - at < 4)
+        if (fileSize - at < 4)
             fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
-        const uint32_t length = bigEndian32(file.data() + at);
+        const uint32_t length = bigEndian32(file + at);
         at += 4;
         if (length == 0xFFFFFFFFu)
             return {nullptr, 0};
-        if (length > file.size() - at)
+        if (length > fileSize - at)
             fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
-        const unsigned char* start = file.data() + at;
+        const unsigned char* start = file + at;
         at += length;
         return {start, length};
     };
     array(); // the program's metadata
     const auto bytes = array();
-    if (at != file.size())
+    if (at != fileSize)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container has bytes after its end");
     return bytes;
 }
@@ -249,7 +262,7 @@ LUMICREST_EXPORT lumicrest_error_code get_metadata_sensor_fingerprint(const wcha
     return guarded([&]() -> lumicrest_error_code {
         if (!outJson)
             fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
-        const std::vector<unsigned char> file = readWholeFile(requirePath(path));
+        const FileBytes file = readWholeFile(requirePath(path));
         const auto bytes = fingerprintBytesIn(file);
         const FingerprintData fp = parseFingerprint(bytes.first, bytes.second, false);
         uint32_t crc = 0;

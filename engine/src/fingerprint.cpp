@@ -359,11 +359,6 @@ std::shared_ptr<LoadedFingerprint> loadedFingerprint(const fingerprint_binary_s*
     std::memcpy(&key.crc, fp->data + size - 4, 4);
     key.head.assign(fp->data, fp->data + std::min<size_t>(size, 256));
 
-    // The checksum is verified on every call, not only when parsing: bytes
-    // damaged in memory after the first match must not go unnoticed.
-    if (crc32Of(fp->data, size - 4) != key.crc)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint checksum mismatch");
-
     std::promise<std::shared_ptr<LoadedFingerprint>> promise;
     std::shared_future<std::shared_ptr<LoadedFingerprint>> pending;
     {
@@ -385,7 +380,14 @@ std::shared_ptr<LoadedFingerprint> loadedFingerprint(const fingerprint_binary_s*
         }
     }
     if (pending.valid())
+    {
+        // The checksum is verified on every call, not only when parsing: bytes
+        // damaged in memory after the first match must not go unnoticed. A
+        // call that parses has it verified by the parse.
+        if (crc32Of(fp->data, size - 4) != key.crc)
+            fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint checksum mismatch");
         return pending.get(); // waits for a parse in progress; rethrows its failure
+    }
     try
     {
         auto loaded = std::make_shared<LoadedFingerprint>();

@@ -423,16 +423,20 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
 
     // X = W * I: the photo's noise residual weighted by its own intensity, which
     // is what the fingerprint predicts the sensor adds to this photo.
-    // The weights first: then each channel can go as soon as it is transformed,
-    // and the decoded photo is gone before the Fourier work starts.
+    // One residual of the grey level instead of the three channels' combined:
+    // a third of the wavelet work for a PCE within a few percent on real
+    // cameras. The decoded photo goes as soon as the grey level is made.
+    // Learning keeps the channels' residuals, so fingerprints stay as they were.
     Plane weights;
+    Plane x;
     {
         Plane grey;
         greyLevel(photo.planes, photo.channels, grey);
+        for (Plane& channel : photo.planes)
+            channel = Plane();
         intensityWeights(grey, weights);
+        channelResidual(grey, fp.sigmaMatch, x);
     }
-    Plane x;
-    combinedResidualReleasing(photo.planes, photo.channels, fp.sigmaMatch, x);
     zeroMeanLattices(x);
     const bool turned90 = candidates > 0 && (orientations[0] == 90 || orientations[0] == 270);
     if (candidates > 0 && (turned90 ? photo.height : photo.width) == fp.width &&

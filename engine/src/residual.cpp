@@ -621,12 +621,7 @@ void waveletNoiseParts(const float* coeffs, int width, int height, size_t stride
                      { storeNoise(coeffs + y * stride, gain, width, 1.0f, out + y * outStride); });
 }
 
-namespace
-{
-
-// `release`: each channel is freed as soon as it is analysed, so a match never
-// holds the decoded photo and the whole transform at once.
-void combinedResidualOf(Plane* channels, int count, float sigma0, Plane& residual, bool release)
+void combinedResidual(const Plane* channels, int count, float sigma0, Plane& residual)
 {
     StageTimer timer(Stage::Wavelet);
     if (!channels || (count != 1 && count != 3))
@@ -652,26 +647,15 @@ void combinedResidualOf(Plane* channels, int count, float sigma0, Plane& residua
     {
         analyse(channels[c], coeffs, pw, ph, ws);
         denoiseDetails(coeffs, pw, ph, s2, count == 1 ? 1.0f : grey[c], c == 0, accum, ws);
-        if (release)
-            channels[c] = Plane();
     }
     // `residual` may be one of the channels: they are no longer read.
     residual.reset(width, height);
     synthesise(accum, pw, ph, true, residual.data(), static_cast<size_t>(width), width, height, ws);
+    // The coefficients' plane goes back to the pool, where the spectra that
+    // follow in a match can take it instead of faulting in a new one.
+    ws.coeffs.release();
     if (!allFinite(residual.data(), residual.size()))
         fail(LUMICREST_NUMERIC_NOT_FINITE, "noise residual is not finite");
-}
-
-} // namespace
-
-void combinedResidual(const Plane* channels, int count, float sigma0, Plane& residual)
-{
-    combinedResidualOf(const_cast<Plane*>(channels), count, sigma0, residual, false);
-}
-
-void combinedResidualReleasing(Plane* channels, int count, float sigma0, Plane& residual)
-{
-    combinedResidualOf(channels, count, sigma0, residual, true);
 }
 
 void channelResidual(const Plane& channel, float sigma0, Plane& residual)

@@ -19,8 +19,6 @@ void channelResidual(const Plane& channel, float sigma0, Plane& residual);
 // The same for 0.299 R + 0.587 G + 0.114 B in one inverse transform (the
 // inverse is linear, so the channel residuals combine before it).
 void combinedResidual(const Plane* channels, int count, float sigma0, Plane& residual);
-// The same, freeing each channel as soon as it has been transformed.
-void combinedResidualReleasing(Plane* channels, int count, float sigma0, Plane& residual);
 
 // Removes the row and column means separately on each of the four 2x2
 // colour-filter lattices.

@@ -244,8 +244,10 @@ void freeText(wchar_t* text)
 
 CFingerprint::~CFingerprint() = default;
 
-CFingerprint::CFingerprint(const Properties& properties, const QByteArray& bytes)
-    : m_bytes(bytes), m_properties(properties)
+// The bytes are taken over, not shared: the engine needs a writable pointer,
+// and a shared array would be copied whole to give one.
+CFingerprint::CFingerprint(const Properties& properties, QByteArray bytes)
+    : m_bytes(std::move(bytes)), m_properties(properties)
 {
     m_fingerprint.data = reinterpret_cast<unsigned char*>(m_bytes.data());
     m_fingerprint.size = m_bytes.size();
@@ -348,7 +350,7 @@ std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus*
             properties.value(pair.first).toString() != pair.second.toString())
             return broken("its properties disagree with its fingerprint bytes");
     }
-    return std::shared_ptr<CFingerprint>(new CFingerprint(properties, bytes));
+    return std::shared_ptr<CFingerprint>(new CFingerprint(properties, std::move(bytes)));
 }
 
 bool CFingerprint::save(const QFileInfo& file, const fingerprint_binary_s& fp) const

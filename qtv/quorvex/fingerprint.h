@@ -99,7 +99,7 @@ protected:
 
 private:
     // A record over bytes it owns (a loaded file).
-    CFingerprint(const Properties& properties, const QByteArray& bytes);
+    CFingerprint(const Properties& properties, QByteArray bytes);
     // Fills the metadata of a new record from the engine's header; the bytes
     // are written beside target for the engine to read.
     EStatus readEngineMetadata(const fingerprint_binary_s& fp, const QFileInfo& target);
