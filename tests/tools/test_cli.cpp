@@ -1487,5 +1487,11 @@ TEST(CliCommandLine, ValuesAndOrder)
         {QStringLiteral("validate"), QStringLiteral("--scale-search=of"), QStringLiteral("s")});
     EXPECT_EQ(typo.error, QStringLiteral("--scale-search needs full, sized or off, not 'of'"));
     EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray("full")) << "a refused line changes nothing";
+    // An inherited value the engine would refuse is a usage error, unless the option overrides it.
+    qputenv("LUMICREST_SCALE_SEARCH", "ful");
+    const QStringList plain{QStringLiteral("validate"), QStringLiteral("s")};
+    EXPECT_EQ(cli::parseCommandLine(plain).error,
+              QStringLiteral("the environment's LUMICREST_SCALE_SEARCH needs full, sized or off, not 'ful'"));
+    EXPECT_TRUE(cli::parseCommandLine(QStringList(plain) << QStringLiteral("--scale-search=off")).error.isEmpty());
     qunsetenv("LUMICREST_SCALE_SEARCH");
 }

@@ -286,7 +286,17 @@ SCommandLine parseCommandLine(const QStringList& arguments)
     if (!error.isEmpty())
         return failed(error);
     if (!result.scaleSearch.isEmpty())
+    {
         qutils::CAppSettings::applyScaleSearch(result.scaleSearch);
+    }
+    else
+    {
+        // An inherited value the engine would refuse fails every photo: say so once, now.
+        const QString inherited = qEnvironmentVariable("LUMICREST_SCALE_SEARCH");
+        if (!inherited.isEmpty() && !qutils::CAppSettings::isScaleSearchValue(inherited))
+            return failed(QStringLiteral("the environment's LUMICREST_SCALE_SEARCH needs full, sized or off, not '%1'")
+                              .arg(inherited));
+    }
     return result;
 }
 
