@@ -42,6 +42,8 @@ struct LoadedFingerprint
     FingerprintData data;
     std::once_flag spectrumOnce;
     Spectrum kSpectrum;
+    std::once_flag sumsOnce;
+    double kSum = 0.0;    // sum of K
     double kEnergy = 0.0; // sum of K^2
     std::mutex scaledMutex;
     std::unique_ptr<ScaledKCache, ScaledKCacheDeleter> scaled; // made on first use

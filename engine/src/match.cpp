@@ -24,12 +24,21 @@ namespace
 
 void prepareSpectrum(LoadedFingerprint& fp)
 {
-    std::call_once(fp.spectrumOnce, [&fp] {
-        forwardFft(fp.data.k, fp.kSpectrum);
+    std::call_once(fp.spectrumOnce, [&fp] { forwardFft(fp.data.k, fp.kSpectrum); });
+}
+
+void prepareSums(LoadedFingerprint& fp)
+{
+    std::call_once(fp.sumsOnce, [&fp] {
+        double sum = 0.0;
         double energy = 0.0;
         const float* k = fp.data.k.data();
         for (size_t i = 0, n = fp.data.k.size(); i < n; ++i)
+        {
+            sum += k[i];
             energy += static_cast<double>(k[i]) * k[i];
+        }
+        fp.kSum = sum;
         fp.kEnergy = energy;
     });
 }
@@ -81,19 +90,22 @@ Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
     return peak;
 }
 
-// A photo of the fingerprint's size, in every candidate turn. The correlation
-// is of W with I * K in the photo's own frame (K turned back instead of W
-// turned), so W's Wiener-filtered spectrum serves every turn as it is: one
-// forward transform of I * K per turn, and no spectrum of K. Turning the
-// correlation plane about its origin keeps the peak at zero shift and only
-// permutes the values around it, so the PCE is that of the turned photo.
-void matchSameSize(const Plane& k, Plane& residual, const Plane& weights, const int* orientations,
+// A photo of the fingerprint's size, in every candidate turn. The photo's
+// residual is weighted by its intensity before the Wiener filter, so the
+// filter's spectrum of W * I meets K's spectrum directly: an upright photo
+// costs one forward transform, with K's spectrum made once per fingerprint.
+// A turned photo is matched in its own frame against K turned back (one more
+// transform); turning the correlation plane about its origin keeps the peak
+// at zero shift and only permutes the values around it, so the PCE is that of
+// the turned photo. The PCE comes from the correlation's spectrum.
+void matchSameSize(LoadedFingerprint& fingerprint, Plane& residual, const Plane& weights, const int* orientations,
                    int candidates, MatchResult& result)
 {
+    applyWeights(residual, weights);
     Spectrum w;
     wienerSpectrum(residual, w);
     const double n = static_cast<double>(residual.size());
-    // Sum and sum of squares of W from its spectrum (Parseval); the half
+    // Sum and sum of squares of X from its spectrum (Parseval); the half
     // spectrum holds every column but the first (and the Nyquist one) twice.
     double wSum = 0.0;
     double wSquares = 0.0;
@@ -116,51 +128,31 @@ void matchSameSize(const Plane& k, Plane& residual, const Plane& weights, const 
         wSum = w.data()[0].real();
     }
 
-    Plane& product = residual; // W is in the spectrum now; its plane is free
+    Plane& turnedK = residual; // X is in the spectrum now; its plane is free
     Spectrum spectrum;
     for (int i = 0; i < candidates; ++i)
     {
         const int r = orientations[i];
-        double pSum = 0.0;
-        double pSquares = 0.0;
+        const Spectrum* k = &spectrum;
+        if (r == 0)
         {
-            StageTimer timer(Stage::Correlation);
-            const Plane* turnedK = &k;
-            if (r != 0)
-            {
-                rotatePlane(k, (360 - r) % 360, product);
-                turnedK = &product;
-            }
-            else
-            {
-                product.reset(k.width(), k.height());
-            }
-            for (int y = 0; y < product.height(); ++y)
-            {
-                const float* __restrict kr = turnedK->row(y);
-                const float* __restrict ir = weights.row(y);
-                float* pr = product.row(y);
-                double rowSum = 0.0;
-                double rowSquares = 0.0;
-                for (int x = 0; x < product.width(); ++x)
-                {
-                    const float v = ir[x] * kr[x];
-                    pr[x] = v;
-                    rowSum += v;
-                    rowSquares += static_cast<double>(v) * v;
-                }
-                pSum += rowSum;
-                pSquares += rowSquares;
-            }
+            prepareSpectrum(fingerprint);
+            k = &fingerprint.kSpectrum;
+            spectrum.reset(k->width(), k->height());
         }
-        forwardFft(product, spectrum);
+        else
+        {
+            rotatePlane(fingerprint.data.k, (360 - r) % 360, turnedK);
+            forwardFft(turnedK, spectrum);
+        }
         {
             StageTimer timer(Stage::Correlation);
             const std::complex<float>* f = w.data();
+            const std::complex<float>* g = k->data();
             std::complex<float>* s = spectrum.data();
             const size_t count = static_cast<size_t>(spectrum.columns()) * spectrum.height();
             for (size_t j = 0; j < count; ++j)
-                s[j] = std::conj(f[j]) * s[j];
+                s[j] = std::conj(f[j]) * g[j];
         }
         const Peak peak = zeroShiftPce(spectrum);
         result.positions += 1;
@@ -170,11 +162,12 @@ void matchSameSize(const Plane& k, Plane& residual, const Plane& weights, const 
             result.orientation = r;
             result.shiftX = 0;
             result.shiftY = 0;
-            // Pearson correlation of W and I * K.
-            const double cross = peak.value - wSum * pSum / n;
+            // Pearson correlation of X and K; a turn does not change K's sums.
+            prepareSums(fingerprint);
+            const double cross = peak.value - wSum * fingerprint.kSum / n;
             const double wVar = wSquares - wSum * wSum / n;
-            const double pVar = pSquares - pSum * pSum / n;
-            result.corr = wVar > 0 && pVar > 0 ? cross / std::sqrt(wVar * pVar) : 0.0;
+            const double kVar = fingerprint.kEnergy - fingerprint.kSum * fingerprint.kSum / n;
+            result.corr = wVar > 0 && kVar > 0 ? cross / std::sqrt(wVar * kVar) : 0.0;
         }
         result.pce =
             result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
@@ -442,7 +435,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
     if (candidates > 0 && (turned90 ? photo.height : photo.width) == fp.width &&
         (turned90 ? photo.width : photo.height) == fp.height)
     {
-        matchSameSize(fp.k, x, weights, orientations, candidates, result);
+        matchSameSize(fingerprint, x, weights, orientations, candidates, result);
         result.matched = result.pce >= constants::MatchThresholdPce;
         result.probability = probabilityForPce(result.pce);
         return result;
