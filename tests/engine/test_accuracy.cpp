@@ -287,10 +287,18 @@ TEST_F(Accuracy, EightThreadsGiveTheAnswersOfOne)
     std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     const fingerprint_binary_s held{bytes.data(), static_cast<int32_t>(bytes.size()), nullptr};
 
+    // Every other photo resized to 0.8, so the threads share the resampled K being made.
     std::vector<std::string> photos;
     for (int i = 0; i < 8; ++i)
-        photos.push_back(photo(i % 2 ? *s_unit1 : *s_unit2, shot(camsim::SceneKind::Natural, 1000 + i),
-                               "thread_" + std::to_string(i) + ".jpg"));
+    {
+        camsim::ShotConfig config = shot(camsim::SceneKind::Natural, 1000 + i);
+        if (i % 4 >= 2)
+        {
+            config.resizeWidth = static_cast<int>(std::lround(Width * 0.8));
+            config.resizeHeight = static_cast<int>(std::lround(Height * 0.8));
+        }
+        photos.push_back(photo(i % 2 ? *s_unit1 : *s_unit2, config, "thread_" + std::to_string(i) + ".jpg"));
+    }
     std::vector<std::string> sequential;
     for (const std::string& p : photos)
         sequential.push_back(match(held, p).json);
