@@ -28,6 +28,7 @@
 #include <QVBoxLayout>
 
 #include <atomic>
+#include <numeric>
 
 using qutils::CQuorvexAPI;
 
@@ -129,6 +130,14 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
     filterRow->addWidget(m_filter);
     filterRow->addSpacing(gap);
     filterRow->addWidget(m_progressLabel);
+    // Takes the progress line's place at the end and stays there, also after
+    // the summary box is closed or when the report is made at once.
+    m_summaryLabel = new QLabel(this);
+    m_summaryLabel->setObjectName(QStringLiteral("summaryLabel"));
+    m_summaryLabel->setTextFormat(Qt::RichText);
+    m_summaryLabel->setWordWrap(true);
+    m_summaryLabel->hide();
+    filterRow->addWidget(m_summaryLabel, 1);
     // Keeps the row in place when the progress line is hidden at the end.
     filterRow->addStretch(1);
     layout->addLayout(filterRow);
@@ -188,20 +197,20 @@ void CAnalyzeDlg::cancelWork()
 
 QVector<int> CAnalyzeDlg::counters() const
 {
-    return {m_veryHigh, m_high, m_medium, m_low, m_notFound, m_notCompared};
+    return QVector<int>(m_counts.begin(), m_counts.end());
 }
 
 int CAnalyzeDlg::processedCount() const
 {
-    return m_veryHigh + m_high + m_medium + m_low + m_notFound + m_notCompared;
+    return std::accumulate(m_counts.begin(), m_counts.end(), 0);
 }
 
 int CAnalyzeDlg::classCount(int index) const
 {
     if (index >= FilterVeryHigh && index <= FilterNotFound)
-        return counters().at(index - 1);
+        return m_counts.at(static_cast<size_t>(CountVeryHigh + index - FilterVeryHigh));
     if (index == FilterNotCompared)
-        return m_notCompared;
+        return m_counts.at(CountNotCompared);
     return -1;
 }
 
@@ -217,7 +226,7 @@ void CAnalyzeDlg::onSingleAnalyzeFinished(int index)
     const CQuorvexAPI::SAnalysisResult result = m_analyzer->result(m_files.at(index).absoluteFilePath());
     if (isNotCompared(result))
     {
-        ++m_notCompared;
+        ++m_counts[CountNotCompared];
         QString text = QStringLiteral("<b>%1</b>").arg(notComparedTitle(result).toHtmlEscaped());
         if (!result.reason.isEmpty())
             text += QStringLiteral("<br />") + result.reason.toHtmlEscaped();
@@ -230,7 +239,7 @@ void CAnalyzeDlg::onSingleAnalyzeFinished(int index)
     // Counted as "not found" on matched alone, before the status is looked at,
     // so a photo that failed shows its error yet counts with the no-matches.
     if (!result.matched)
-        ++m_notFound;
+        ++m_counts[CountNotFound];
     CImageModel::State state = CImageModel::Fail;
     QString text;
     if (result.status != CQuorvexAPI::Success)
@@ -247,16 +256,16 @@ void CAnalyzeDlg::onSingleAnalyzeFinished(int index)
         switch (resultClass)
         {
         case EResultClass::VeryHigh:
-            ++m_veryHigh;
+            ++m_counts[CountVeryHigh];
             break;
         case EResultClass::High:
-            ++m_high;
+            ++m_counts[CountHigh];
             break;
         case EResultClass::Medium:
-            ++m_medium;
+            ++m_counts[CountMedium];
             break;
         default:
-            ++m_low;
+            ++m_counts[CountLow];
             break;
         }
         state = static_cast<CImageModel::State>(resultClassState(resultClass));
@@ -281,13 +290,13 @@ void CAnalyzeDlg::updateFilter()
     const int processed = processedCount();
     const int total = m_files.size();
     m_filter->setItemText(FilterAll, tr("All (%1)").arg(total));
-    m_filter->setItemText(FilterVeryHigh, tr("Very high probability (%1)").arg(m_veryHigh));
-    m_filter->setItemText(FilterHigh, tr("High probability (%1)").arg(m_high));
-    m_filter->setItemText(FilterMedium, tr("Medium probability (%1)").arg(m_medium));
-    m_filter->setItemText(FilterLow, tr("Low probability (%1)").arg(m_low));
-    m_filter->setItemText(FilterNotFound, tr("Fingerprint not found (%1)").arg(m_notFound));
+    m_filter->setItemText(FilterVeryHigh, tr("Very high probability (%1)").arg(m_counts[CountVeryHigh]));
+    m_filter->setItemText(FilterHigh, tr("High probability (%1)").arg(m_counts[CountHigh]));
+    m_filter->setItemText(FilterMedium, tr("Medium probability (%1)").arg(m_counts[CountMedium]));
+    m_filter->setItemText(FilterLow, tr("Low probability (%1)").arg(m_counts[CountLow]));
+    m_filter->setItemText(FilterNotFound, tr("Fingerprint not found (%1)").arg(m_counts[CountNotFound]));
     m_filter->setItemText(FilterNotProcessed, tr("Not processed (%1)").arg(total - processed));
-    m_filter->setItemText(FilterNotCompared, tr("Not compared (%1)").arg(m_notCompared));
+    m_filter->setItemText(FilterNotCompared, tr("Not compared (%1)").arg(m_counts[CountNotCompared]));
     // The filter and the report button follow the new counts.
     filter(m_filter->currentIndex());
 
@@ -328,8 +337,10 @@ void CAnalyzeDlg::filter(int index)
 
 void CAnalyzeDlg::onCancelClicked()
 {
+    // The run may end while the question is open; cancelling it then means nothing.
     if (qcontrols::CMessageBoxFactory::question(this, tr("Cancel"),
-                                                tr("Do you really want to cancel the current analyze?")))
+                                                tr("Do you really want to cancel the current analyze?")) &&
+        !m_finished)
         m_analyzer->cancel();
 }
 
@@ -342,15 +353,23 @@ void CAnalyzeDlg::finish()
     m_progressLabel->hide();
     const double elapsed = m_timer.elapsed() / 1000.0;
     const int processed = processedCount();
-    const int found = m_veryHigh + m_high + m_medium + m_low;
-    const double average = elapsed / processed;
+    const int found = m_counts[CountVeryHigh] + m_counts[CountHigh] + m_counts[CountMedium] + m_counts[CountLow];
+    // A cancel that came after the last photo was taken stopped nothing: the run is finished.
+    m_cancelled = m_analyzer->isCancelled() && m_analyzer->analyzedCount() < m_files.size();
+    // Nothing finished (cancelled before the first photo): no average to give.
+    const QString average = processed > 0
+                                ? tr("Average time per image: %1&nbsp;s").arg(elapsed / processed, 0, 'f', 2)
+                                : tr("Average time per image: none finished");
     m_summary = tr("Photos analyzed: %1/%2").arg(m_analyzer->analyzedCount()).arg(m_files.size()) +
                 QStringLiteral("<br>") + tr("Fingerprints found: %1").arg(found) + QStringLiteral("<br>") +
-                tr("Fingerprints not found: %1").arg(m_notFound) + QStringLiteral("<br>") +
-                tr("Not compared: %1").arg(m_notCompared) + QStringLiteral("<br>") +
+                tr("Fingerprints not found: %1").arg(m_counts[CountNotFound]) + QStringLiteral("<br>") +
+                tr("Not compared: %1").arg(m_counts[CountNotCompared]) + QStringLiteral("<br>") +
                 tr("Time elapsed: %1&nbsp;s").arg(elapsed, 0, 'f', 2) + QStringLiteral("<br>") +
-                tr("Average time per image: %1&nbsp;s").arg(average, 0, 'f', 2);
-    m_titleLabel->setText(tr("Analysis finished"));
+                average;
+    m_titleLabel->setText(m_cancelled ? tr("Analysis cancelled") : tr("Analysis finished"));
+    // On the page the summary reads as one line beside the filter.
+    m_summaryLabel->setText(m_summary.split(QStringLiteral("<br>")).join(QStringLiteral(" &nbsp;&middot;&nbsp; ")));
+    m_summaryLabel->show();
 
     m_cancel->hide();
     m_home->show();
@@ -359,9 +378,8 @@ void CAnalyzeDlg::finish()
 
     if (m_reportPath.isEmpty())
     {
-        if (m_analyzer->isCancelled())
+        if (m_cancelled)
         {
-            m_titleLabel->setText(tr("Analysis cancelled"));
             qcontrols::CMessageBoxFactory::information(this, tr("Analysis cancelled"), m_summary);
         }
         else

@@ -7,6 +7,7 @@
 #include <QFileInfoList>
 #include <QWidget>
 
+#include <array>
 #include <memory>
 
 class CGalleryWidget;
@@ -54,10 +55,22 @@ public:
     CGalleryWidget* gallery() const { return m_gallery; }
     CMultipleThreadAnalyzer* analyzer() const { return m_analyzer; }
     QComboBox* filterCombo() const { return m_filter; }
-    // Very high, high, medium, low, not found, not compared.
+    // The counters, one per class of finished photo, in this order.
+    enum ECounter
+    {
+        CountVeryHigh = 0,
+        CountHigh,
+        CountMedium,
+        CountLow,
+        CountNotFound,
+        CountNotCompared,
+        CounterCount,
+    };
     QVector<int> counters() const;
-    // The summary shown when the analysis ends.
+    // The summary shown when the analysis ends (also kept on the page).
     QString summary() const { return m_summary; }
+    // True once the run has ended with photos never taken because of a cancel.
+    bool wasCancelled() const { return m_cancelled; }
 
     // The start of the analyzer after construction, in milliseconds (tests shorten it).
     static void setStartDelay(int milliseconds);
@@ -90,18 +103,15 @@ private:
     QLabel* m_progressLabel = nullptr;
     QLabel* m_titleLabel = nullptr;
     QLabel* m_pathLabel = nullptr;
+    QLabel* m_summaryLabel = nullptr;
     QComboBox* m_filter = nullptr;
-    int m_veryHigh = 0;
-    int m_high = 0;
-    int m_medium = 0;
-    int m_low = 0;
-    int m_notFound = 0;
-    int m_notCompared = 0;
+    std::array<int, CounterCount> m_counts{};
     CMultipleThreadAnalyzer* m_analyzer = nullptr;
     std::shared_ptr<CFingerprint> m_fingerprint;
     QElapsedTimer m_timer;
     QString m_reportPath;
     bool m_skipDifferentCamera = false;
     bool m_finished = false;
+    bool m_cancelled = false;
     QString m_summary;
 };

@@ -393,6 +393,37 @@ TEST_F(AnalyzeTest, CancelQuestionKeepsTheRunOnNoAndStopsItOnYes)
         const int processed = std::accumulate(counters.begin(), counters.end(), 0);
         EXPECT_EQ(dialog.filterCombo()->itemText(6), QStringLiteral("Not processed (%1)").arg(12 - processed));
     }
+    // Ends of a cancel: "yes" after the last photo was taken stops nothing, so
+    // the run is finished; before the first photo, no average is divided out.
+    struct SCase
+    {
+        int photos;
+        bool holdFirst;
+        QString title;
+        QString summary;
+    };
+    for (const SCase& c : {SCase{1, true, QStringLiteral("Analysis finished"), QStringLiteral("Photos analyzed: 1/1<br>")},
+                           SCase{3, false, QStringLiteral("Analysis cancelled"), QStringLiteral("Photos analyzed: 0/3<br>")}})
+    {
+        gate.tryAcquire(gate.available()); // permits left by the runs above
+        CScriptedDialogs script({{QMessageBox::Yes, {}}, {QMessageBox::Ok, {}}});
+        CAnalyzeDlg dialog(files.mid(0, c.photos), QString(), false, nullptr, stub);
+        if (c.holdFirst)
+        {
+            ASSERT_TRUE(testutils::waitFor([&] { return dialog.gallery()->imageModel()->index(0).data(CImageModel::ItemStateRole).value<CImageModel::State>() == CImageModel::Processing; }));
+        }
+        button<QPushButton>(&dialog, "btnNavigateCancel")->click();
+        gate.release(c.photos);
+        ASSERT_TRUE(testutils::waitFor([&] { return dialog.isFinished(); }));
+        EXPECT_EQ(CDialogScript::shown().last().title, c.title);
+        EXPECT_EQ(dialog.findChild<QLabel*>(QStringLiteral("titleLabel"))->text(), c.title);
+        EXPECT_EQ(dialog.wasCancelled(), c.holdFirst == false);
+        EXPECT_TRUE(dialog.summary().startsWith(c.summary)) << dialog.summary().toStdString();
+        EXPECT_EQ(dialog.summary().contains(QStringLiteral("Average time per image: none finished")), !c.holdFirst);
+        EXPECT_FALSE(dialog.summary().contains(QStringLiteral("inf")) || dialog.summary().contains(QStringLiteral("nan")));
+        const QLabel* onPage = dialog.findChild<QLabel*>(QStringLiteral("summaryLabel"));
+        EXPECT_TRUE(onPage->isVisibleTo(&dialog) && onPage->text().startsWith(c.summary.left(c.summary.size() - 4)));
+    }
 }
 
 // The whole workflow on the real engine: a fingerprint of one camera unit, a
