@@ -9,11 +9,13 @@
 #include "statisticsdlg.h"
 
 #include "qcontrols/messageboxfactory.h"
+#include "qcontrols/navigationbutton.h"
 #include "qutils/debugutils.h"
 #include "qutils/quorvexapi.h"
 #include "qutils/threadsync.h"
 
 #include <QHBoxLayout>
+#include <QImageReader>
 #include <QLabel>
 #include <QMutex>
 #include <QPushButton>
@@ -48,8 +50,35 @@ void CLearnWorker::onWork()
                       tr("The computer ran out of memory for learning. The photos are not at fault: close other "
                          "programs or learn from smaller photos."));
     else
-        emit finished(m_currentIndex.load(), false, qutils::CQuorvexAPI::statusText(status));
+    {
+        const bool sizeRefused = status == qutils::CQuorvexAPI::InconsistentImagesSize ||
+                                 status == qutils::CQuorvexAPI::VariousResolution;
+        emit finished(m_currentIndex.load(), false,
+                      refusalMessage(qutils::CQuorvexAPI::statusText(status), m_files, m_currentIndex.load(),
+                                     sizeRefused));
+    }
     m_done.store(true);
+}
+
+QString CLearnWorker::refusalMessage(const QString& engineText, const QFileInfoList& files, int index,
+                                    bool sizeRefused)
+{
+    if (index < 0 || index >= files.size())
+        return engineText;
+    QString message = engineText + QLatin1Char('\n') + tr("Refused photo: %1").arg(files.at(index).fileName());
+    if (!sizeRefused || index == 0)
+        return message;
+    // Header reads only: the sizes say which photo breaks the series.
+    const QSize size = QImageReader(files.at(index).absoluteFilePath()).size();
+    const QSize first = QImageReader(files.at(0).absoluteFilePath()).size();
+    if (size.isValid() && first.isValid())
+        message += QLatin1Char('\n') + tr("It is %1 × %2 pixels; %3 is %4 × %5 pixels.")
+                                          .arg(size.width())
+                                          .arg(size.height())
+                                          .arg(files.at(0).fileName())
+                                          .arg(first.width())
+                                          .arg(first.height());
+    return message;
 }
 
 void CLearnWorker::progress(int code, float nmse, float seconds)
@@ -77,9 +106,15 @@ CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, Q
     setObjectName(QStringLiteral("learnScr"));
     auto* layout = new QVBoxLayout(this);
     auto* top = new QHBoxLayout;
-    auto* title = new QLabel(tr("Creating fingerprint %1").arg(destination.fileName()), this);
-    title->setObjectName(QStringLiteral("learnScrTitle"));
-    top->addWidget(title);
+    // Shown only after a refusal: back to the reference page to change the folder.
+    m_back = new qcontrols::CNavigationButton(tr("Back"), QString(), QIcon(QStringLiteral(":/Quorvex/back.png")),
+                                              QStringLiteral("btnNavigateBackLeft"), this);
+    m_back->setSizePolicy(QSizePolicy::Fixed, m_back->sizePolicy().verticalPolicy());
+    m_back->hide();
+    top->addWidget(m_back);
+    m_title = new QLabel(tr("Creating fingerprint %1").arg(destination.fileName()), this);
+    m_title->setObjectName(QStringLiteral("learnScrTitle"));
+    top->addWidget(m_title);
     top->addStretch();
     m_home = new QPushButton(QIcon(QStringLiteral(":/Quorvex/home.png")), QString(), this);
     m_home->setObjectName(QStringLiteral("btnNavigateHomeRight"));
@@ -87,9 +122,20 @@ CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, Q
     m_home->hide();
     top->addWidget(m_home);
     layout->addLayout(top);
+    // The refusal stays readable on the page once its message box is closed.
+    m_refusal = new QLabel(this);
+    m_refusal->setObjectName(QStringLiteral("learnRefusal"));
+    m_refusal->setTextFormat(Qt::PlainText);
+    m_refusal->setWordWrap(true);
+    m_refusal->hide();
+    layout->addWidget(m_refusal);
     connect(m_home, &QPushButton::clicked, this, [this] {
         if (CMainWindow* window = CMainWindow::of(this))
             window->showIntroPage();
+    });
+    connect(m_back, &QPushButton::clicked, this, [this] {
+        if (CMainWindow* window = CMainWindow::of(this))
+            window->popPage();
     });
 
     auto* row = new QHBoxLayout;
@@ -168,7 +214,12 @@ void CLearnScr::onTeachingFinished(int index, bool success, QString errorMessage
         return;
     }
     m_home->show();
-    m_gallery->imageModel()->setDescription(index, QStringLiteral("<br />") + errorMessage);
+    m_back->show();
+    m_title->setText(tr("Fingerprint %1 not created").arg(m_destination.fileName()));
+    m_refusal->setText(errorMessage);
+    m_refusal->show();
+    m_gallery->imageModel()->setDescription(
+        index, QStringLiteral("<br />") + errorMessage.toHtmlEscaped().replace(QLatin1Char('\n'), QStringLiteral("<br />")));
     m_gallery->imageModel()->setState(index, CImageModel::Fail);
     qcontrols::CMessageBoxFactory::warning(this, tr("Error"), errorMessage);
 }

@@ -11,6 +11,7 @@
 
 class CGalleryWidget;
 class CStatisticsDlg;
+class QLabel;
 class QPushButton;
 class QThread;
 
@@ -30,6 +31,11 @@ public:
 
     // The engine's progress callback: (code, nmse, seconds).
     static void progress(int code, float nmse, float seconds);
+
+    // The message for a run the engine refused at photo index: its text, then
+    // the photo by name and, for a size refusal, the sizes that differ.
+    static QString refusalMessage(const QString& engineText, const QFileInfoList& files, int index,
+                                  bool sizeRefused);
 
 signals:
     void imageProcessed(int index, float nmse);
@@ -77,7 +83,10 @@ private:
     QFileInfoList m_files;
     QFileInfo m_destination;
     CGalleryWidget* m_gallery = nullptr;
+    QLabel* m_title = nullptr;
+    QLabel* m_refusal = nullptr;
     QPushButton* m_home = nullptr;
+    QPushButton* m_back = nullptr;
     CStatisticsDlg* m_statistics = nullptr;
     QThread* m_thread = nullptr;
     CLearnWorker* m_worker = nullptr;

@@ -59,11 +59,11 @@ protected:
         }
     }
 
-    QString shoot(int scene, const QString& name)
+    QString shoot(int scene, const QString& name, int width = 1024, int height = 768)
     {
         camsim::CameraConfig config;
-        config.width = 1024;
-        config.height = 768;
+        config.width = width;
+        config.height = height;
         config.unitSeed = 11;
         const camsim::Camera camera(config);
         camsim::ShotConfig shot;
@@ -284,38 +284,72 @@ TEST_F(LearnTest, ThreePhotosLearnInOrderAndTheResultPageShowsTheFingerprint)
     EXPECT_EQ(window.currentPage(), static_cast<QWidget*>(window.introPage()));
 }
 
-TEST_F(LearnTest, ABadSecondPhotoFailsThatPhotoOnly)
+// A refused second photo, unreadable or of another size: named with its
+// reason, marked on its tile, and the page offers the way back.
+TEST_F(LearnTest, ARefusedSecondPhotoIsNamedAndMarked)
 {
-    QFileInfoList photos;
-    photos << QFileInfo(shoot(20, QStringLiteral("a.jpg")));
     const QString broken = m_photos.filePath(QStringLiteral("b.jpg"));
     {
         QFile file(broken);
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write("this is not a photo");
     }
-    photos << QFileInfo(broken) << QFileInfo(shoot(21, QStringLiteral("c.jpg")));
+    struct SCase
+    {
+        QString second;
+        QString reason;
+    };
+    for (const SCase& c : {SCase{broken, QString()},
+                           SCase{shoot(22, QStringLiteral("wide.jpg"), 1280, 720),
+                                 QStringLiteral("Photos have different size\nRefused photo: wide.jpg\n"
+                                                "It is 1280 × 720 pixels; a.jpg is 1024 × 768 pixels.")}})
+    {
+        QFileInfoList photos;
+        photos << QFileInfo(shoot(20, QStringLiteral("a.jpg"))) << QFileInfo(c.second)
+               << QFileInfo(shoot(21, QStringLiteral("c.jpg")));
 
-    CScriptedDialogs script({{QMessageBox::Ok, {}}});
-    CMainWindow window(1.0);
-    auto* screen = new CLearnScr(photos, QFileInfo(m_out.filePath(QStringLiteral("x.fnp"))));
-    window.pushPage(screen);
-    ASSERT_TRUE(testutils::waitFor([&] { return CDialogScript::shown().size() == 1; }, 120000));
-    const auto shown = CDialogScript::shown().first();
-    EXPECT_EQ(shown.kind, QStringLiteral("warning"));
-    EXPECT_EQ(shown.title, QStringLiteral("Error"));
-    EXPECT_FALSE(shown.text.isEmpty());
+        CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        CMainWindow window(1.0);
+        auto* chooser = new QWidget;
+        window.pushPage(chooser);
+        auto* screen = new CLearnScr(photos, QFileInfo(m_out.filePath(QStringLiteral("x.fnp"))));
+        window.pushPage(screen);
+        ASSERT_TRUE(testutils::waitFor([&] { return CDialogScript::shown().size() == 1; }, 120000));
+        const auto shown = CDialogScript::shown().first();
+        EXPECT_EQ(shown.kind, QStringLiteral("warning"));
+        EXPECT_EQ(shown.title, QStringLiteral("Error"));
+        EXPECT_TRUE(shown.text.contains(QStringLiteral("\nRefused photo: %1").arg(QFileInfo(c.second).fileName())))
+            << shown.text.toStdString();
+        if (!c.reason.isEmpty())
+        {
+            EXPECT_EQ(shown.text, c.reason);
+        }
 
-    CImageModel* model = screen->gallery()->imageModel();
-    auto state = [&](int row) { return model->index(row).data(CImageModel::ItemStateRole).value<CImageModel::State>(); };
-    EXPECT_EQ(state(0), CImageModel::SuccessVeryHigh);
-    EXPECT_EQ(state(1), CImageModel::Fail);
-    EXPECT_EQ(state(2), CImageModel::Idle);
-    EXPECT_EQ(model->index(1).data(CImageModel::DescriptionRole).toString(), QStringLiteral("<br />") + shown.text);
-    EXPECT_FALSE(screen->isWorking());
-    EXPECT_FALSE(screen->findChild<QPushButton*>(QStringLiteral("btnNavigateHomeRight"))->isHidden());
-    EXPECT_TRUE(screen->statistics()->isHidden());
-    EXPECT_EQ(window.currentPage(), screen) << "the screen stays to show which photo failed";
+        CImageModel* model = screen->gallery()->imageModel();
+        auto state = [&](int row) { return model->index(row).data(CImageModel::ItemStateRole).value<CImageModel::State>(); };
+        EXPECT_EQ(state(0), CImageModel::SuccessVeryHigh);
+        EXPECT_EQ(state(1), CImageModel::Fail);
+        EXPECT_EQ(state(2), CImageModel::Idle);
+        EXPECT_EQ(model->index(1).data(CImageModel::DescriptionRole).toString(),
+                  QStringLiteral("<br />") + shown.text.toHtmlEscaped().replace(QLatin1Char('\n'), QStringLiteral("<br />")));
+        EXPECT_FALSE(screen->isWorking());
+        EXPECT_FALSE(screen->findChild<QPushButton*>(QStringLiteral("btnNavigateHomeRight"))->isHidden());
+        EXPECT_TRUE(screen->statistics()->isHidden());
+        EXPECT_EQ(screen->findChild<QLabel*>(QStringLiteral("learnScrTitle"))->text(),
+                  QStringLiteral("Fingerprint x.fnp not created"));
+        EXPECT_EQ(screen->findChild<QLabel*>(QStringLiteral("learnRefusal"))->text(), shown.text);
+        EXPECT_EQ(window.currentPage(), screen) << "the screen stays to show which photo failed";
+        if (!c.reason.isEmpty() && qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR"))
+        {
+            window.setStyleSheet(appStyleSheet(1.0));
+            window.resize(1280, 800);
+            window.show();
+            QCoreApplication::processEvents();
+            window.grab().save(QDir(qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")).filePath(QStringLiteral("learn-refused.png")));
+        }
+        screen->findChild<QPushButton*>(QStringLiteral("btnNavigateBackLeft"))->click();
+        EXPECT_EQ(window.currentPage(), chooser);
+    }
 }
 
 TEST_F(LearnTest, ClosingWhileLearningShowsNoResultAndNoError)
