@@ -78,7 +78,7 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
     layout->setSpacing(6);
     layout->setContentsMargins(11, 11, 11, 11);
 
-    m_saveReport = new qcontrols::CNavigationButton(tr("Generate Report"), tr("All %1 photos selected").arg(m_files.size()),
+    m_saveReport = new qcontrols::CNavigationButton(tr("Generate Report"), tr("All %n photo(s) selected", nullptr, m_files.size()),
                                                     QIcon(QStringLiteral(":/Quorvex/save.png")),
                                                     QStringLiteral("btnNavigateSaveReport"), this);
     m_cancel = new qcontrols::CNavigationButton(tr("Cancel"), QString(), QIcon(QStringLiteral(":/Quorvex/cancel.png")),
@@ -316,7 +316,7 @@ void CAnalyzeDlg::filter(int index)
     switch (index)
     {
     case FilterAll:
-        m_saveReport->setDescription(tr("All %1 processed photos selected for report").arg(processedCount()));
+        m_saveReport->setDescription(tr("All %n processed photo(s) selected for report", nullptr, processedCount()));
         break;
     case FilterVeryHigh:
     case FilterHigh:
@@ -324,7 +324,7 @@ void CAnalyzeDlg::filter(int index)
     case FilterLow:
     case FilterNotFound:
     case FilterNotCompared:
-        m_saveReport->setDescription(tr("%1 photos selected for report").arg(classCount(index)));
+        m_saveReport->setDescription(tr("%n photo(s) selected for report", nullptr, classCount(index)));
         break;
     case FilterNotProcessed:
         m_saveReport->setDescription(tr("No processed photos selected for report"));

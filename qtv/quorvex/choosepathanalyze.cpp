@@ -83,7 +83,9 @@ void CChoosePathAnalyze::onNext()
     qutils::CQuorvexAPI::EStatus status = qutils::CQuorvexAPI::Invalid;
     if (!CFingerprint::load(QFileInfo(path), &status) || status != qutils::CQuorvexAPI::Success)
     {
-        qcontrols::CMessageBoxFactory::error(this, tr("Error"), tr("Fingerprint file cannot be loaded."));
+        qcontrols::CMessageBoxFactory::error(this, tr("Error"),
+                                             tr("Fingerprint file cannot be loaded.") + QLatin1Char('\n') +
+                                                 CFingerprint::loadErrorText(QFileInfo(path), status));
         return;
     }
     if (files().isEmpty())

@@ -271,6 +271,31 @@ QString CFingerprint::fileFilter()
            QStringLiteral("fnp") + QLatin1Char(')');
 }
 
+QString CFingerprint::loadErrorText(const QFileInfo& file, EStatus status)
+{
+    const char* why = nullptr;
+    switch (status)
+    {
+    case CQuorvexAPI::CannotOpenFingerprint:
+        why = !file.exists()  ? QT_TRANSLATE_NOOP("CFingerprint", "the file does not exist")
+              : !file.isFile() ? QT_TRANSLATE_NOOP("CFingerprint", "it is not a regular file")
+                               : QT_TRANSLATE_NOOP("CFingerprint", "the file cannot be opened for reading");
+        break;
+    case CQuorvexAPI::FingerprintFileBroken:
+        why = QT_TRANSLATE_NOOP("CFingerprint", "the file is damaged or is not a fingerprint file");
+        break;
+    case CQuorvexAPI::FingerprintUnsupportedVersion:
+        // Any file that is not a fingerprint usually fails here first.
+        why = QT_TRANSLATE_NOOP("CFingerprint", "it is not a fingerprint file, or one in a format this version cannot read");
+        break;
+    default:
+        break;
+    }
+    const QString reason = why ? QCoreApplication::translate("CFingerprint", why) : CQuorvexAPI::statusText(status);
+    return QCoreApplication::translate("CFingerprint", "%1 cannot be used as a fingerprint: %2.")
+        .arg(file.fileName(), reason);
+}
+
 std::shared_ptr<CFingerprint> CFingerprint::load(const QFileInfo& file, EStatus* status)
 {
     EStatus ignored = CQuorvexAPI::Success;

@@ -63,6 +63,9 @@ public:
     // The first photo that is given twice (the same file under another name, or
     // the same content), as a message naming both; empty when there is none.
     static QString duplicatePhotoMessage(const QFileInfoList& photos);
+    // Why the fingerprint file could not be used, for a load that gave status:
+    // one wording wherever a fingerprint fails to load.
+    static QString loadErrorText(const QFileInfo& file, EStatus status);
 
     // Whether two EXIF cameras are the same, by the rule learning applies:
     // without case and outer blanks, and only as far as the fingerprint keeps

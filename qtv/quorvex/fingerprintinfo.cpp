@@ -83,7 +83,9 @@ bool CFingerprintInfo::setFingerprintFile(const QString& path)
     auto fingerprint = CFingerprint::load(QFileInfo(path), &status);
     if (!fingerprint)
     {
-        qcontrols::CMessageBoxFactory::error(this, tr("Error"), tr("Fingerprint cannot be loaded!"));
+        qcontrols::CMessageBoxFactory::error(this, tr("Error"),
+                                             tr("Fingerprint cannot be loaded!") + QLatin1Char('\n') +
+                                                 CFingerprint::loadErrorText(QFileInfo(path), status));
         return false;
     }
     m_fingerprint = fingerprint;

@@ -1,4 +1,5 @@
 #include "appinfo.h"
+#include "englishtexts.h"
 #include "helpdlg.h"
 #include "integrationserver.h"
 #include "licence.h"
@@ -119,6 +120,8 @@ int runWindowedMode(int& argc, char** argv)
     setUpLogging(info, true);
     qRegisterMetaType<qutils::CQuorvexAPI::SAnalysisResult>("qutils::CQuorvexAPI::SAnalysisResult");
     quorvex::initResources();
+    CEnglishTexts english;
+    QCoreApplication::installTranslator(&english);
 
     using qutils::CAppSettings;
     const QScreen* screen = QGuiApplication::primaryScreen();

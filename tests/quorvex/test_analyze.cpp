@@ -2,6 +2,7 @@
 // scripted fingerprint at the match seam, and a full run on the real engine.
 #include "analyzedlg.h"
 #include "choosepathanalyze.h"
+#include "englishtexts.h"
 #include "fingerprintinfo.h"
 #include "gallerywidget.h"
 #include "galleryfiltermodel.h"
@@ -69,10 +70,12 @@ protected:
         CSettings::setCurrentFingerprint(QFileInfo());
         CSettings::setLastAnalyzePath(QDir(m_photos.path()));
         CAnalyzeDlg::setStartDelay(0);
+        QCoreApplication::installTranslator(&m_english);
     }
     void TearDown() override
     {
         CAnalyzeDlg::setStartDelay(500);
+        QCoreApplication::removeTranslator(&m_english);
         qutils::CAppSettings::setConfigFolder(QString());
     }
 
@@ -127,6 +130,7 @@ protected:
         return texts;
     }
 
+    CEnglishTexts m_english;
     QTemporaryDir m_config;
     QTemporaryDir m_photos;
     QTemporaryDir m_out;
@@ -174,7 +178,9 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
         CScriptedDialogs script({{QDialog::Accepted, bogus}, {QMessageBox::Ok, {}}});
         next->click();
         ASSERT_EQ(CDialogScript::shown().size(), 2);
-        EXPECT_EQ(CDialogScript::shown().at(1).text, QStringLiteral("Fingerprint file cannot be loaded."));
+        EXPECT_EQ(CDialogScript::shown().at(1).text,
+                  QStringLiteral("Fingerprint file cannot be loaded.\nbogus.fnp cannot be used as a fingerprint: "
+                                 "it is not a fingerprint file, or one in a format this version cannot read."));
     }
     EXPECT_EQ(CSettings::lastRecognizer().absoluteFilePath(), QFileInfo(bogus).absoluteFilePath());
 
@@ -308,7 +314,7 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
     EXPECT_EQ(save->description(), QStringLiteral("All 8 processed photos selected for report"));
     dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterVeryHigh);
     EXPECT_EQ(dialog.gallery()->model()->rowCount(), 1);
-    EXPECT_EQ(save->description(), QStringLiteral("1 photos selected for report"));
+    EXPECT_EQ(save->description(), QStringLiteral("1 photo selected for report"));
     dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotFound);
     EXPECT_EQ(dialog.gallery()->model()->rowCount(), 3) << "every photo in state Fail";
     dialog.filterCombo()->setCurrentIndex(CAnalyzeDlg::FilterNotCompared);
@@ -325,6 +331,30 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
         ASSERT_EQ(CDialogScript::shown().size(), 1);
         EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("No photos in selection"));
     }
+}
+
+TEST_F(AnalyzeTest, EnglishPluralsAndWording)
+{
+    const struct
+    {
+        const char* source;
+        int n;
+        const char* english;
+    } cases[] = {
+        {"%n photo(s) selected for report", 0, "0 photos selected for report"},
+        {"%n photo(s) selected for report", 1, "1 photo selected for report"},
+        {"%n photo(s) selected for report", 21, "21 photos selected for report"},
+        {"All %n photo(s) selected", 1, "The 1 photo selected"},
+        {"All %n photo(s) selected", 2, "All 2 photos selected"},
+        {"All %n processed photo(s) selected for report", 1, "The 1 processed photo selected for report"},
+        {"All %n processed photo(s) selected for report", 3, "All 3 processed photos selected for report"},
+        {"Do you really want to cancel the current analyze?", -1, "Do you really want to cancel the current analysis?"},
+        // Texts without an English entry stay as written.
+        {"Generate Report", -1, "Generate Report"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(QCoreApplication::translate("CAnalyzeDlg", c.source, nullptr, c.n), QString::fromUtf8(c.english))
+            << c.source << " " << c.n;
 }
 
 TEST_F(AnalyzeTest, RemainingTimeAndProgressLine)
@@ -369,7 +399,7 @@ TEST_F(AnalyzeTest, CancelQuestionKeepsTheRunOnNoAndStopsItOnYes)
         button<QPushButton>(&dialog, "btnNavigateCancel")->click();
         ASSERT_GE(CDialogScript::shown().size(), 1);
         EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Cancel"));
-        EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Do you really want to cancel the current analyze?"));
+        EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Do you really want to cancel the current analysis?"));
         EXPECT_FALSE(dialog.analyzer()->isCancelled());
         gate.release(12);
         ASSERT_TRUE(testutils::waitFor([&] { return dialog.isFinished(); }));

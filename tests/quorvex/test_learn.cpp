@@ -439,7 +439,9 @@ TEST_F(LearnTest, PropertiesPageFirstFillReloadAndDescription)
         CScriptedDialogs script({{QMessageBox::Ok, {}}});
         EXPECT_FALSE(info.setFingerprintFile(m_out.filePath(QStringLiteral("missing.fnp"))));
         ASSERT_EQ(CDialogScript::shown().size(), 1);
-        EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Fingerprint cannot be loaded!"));
+        EXPECT_EQ(CDialogScript::shown().at(0).text,
+                  QStringLiteral("Fingerprint cannot be loaded!\nmissing.fnp cannot be used as a fingerprint: "
+                                 "the file does not exist."));
     }
     EXPECT_EQ(info.valueText(CFingerprint::Path), QDir::toNativeSeparators(second));
 
