@@ -367,8 +367,11 @@ void CAnalyzeDlg::finish()
                 tr("Time elapsed: %1&nbsp;s").arg(elapsed, 0, 'f', 2) + QStringLiteral("<br>") +
                 average;
     m_titleLabel->setText(m_cancelled ? tr("Analysis cancelled") : tr("Analysis finished"));
-    // On the page the summary reads as one line beside the filter.
-    m_summaryLabel->setText(m_summary.split(QStringLiteral("<br>")).join(QStringLiteral(" &nbsp;&middot;&nbsp; ")));
+    // On the page the summary reads as one line beside the filter, wrapping only between its parts.
+    QStringList parts = m_summary.split(QStringLiteral("<br>"));
+    for (QString& part : parts)
+        part.replace(QLatin1Char(' '), QStringLiteral("&nbsp;"));
+    m_summaryLabel->setText(parts.join(QStringLiteral(" &nbsp;&middot;&nbsp; ")));
     m_summaryLabel->show();
 
     m_cancel->hide();
