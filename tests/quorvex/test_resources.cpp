@@ -11,8 +11,10 @@
 #include <QColor>
 #include <QDir>
 #include <QFile>
+#include <QFileDialog>
 #include <QFileInfo>
 #include <QFrame>
+#include <QHeaderView>
 #include <QImage>
 #include <QLabel>
 #include <QLineEdit>
@@ -23,6 +25,8 @@
 #include <QPushButton>
 #include <QSet>
 #include <QStringList>
+#include <QTemporaryDir>
+#include <QTreeView>
 #include <QUrl>
 #include <QVBoxLayout>
 #include <QXmlStreamReader>
@@ -49,6 +53,7 @@ const QStringList& namedIcons()
         QStringLiteral(":/Quorvex/fingerprint.png"), QStringLiteral(":/Quorvex/description.png"),
         QStringLiteral(":/Quorvex/maximize.png"),    QStringLiteral(":/Quorvex/restorewin.png"),
         QStringLiteral(":/Quorvex/close-icon.png"),  QStringLiteral(":/Quorvex/introImage2.png"),
+        QStringLiteral(":/Quorvex/check.png"),
     };
     return icons;
 }
@@ -324,6 +329,62 @@ TEST_F(ResourcesTest, RulesReachTheNamedWidgets)
         seen.insert(centre.rgb());
     }
     EXPECT_EQ(seen.size(), tiles.size());
+    qcontrols::CStyleSheetManager::clear();
+}
+
+// Qt's own file dialog under the sheet: its list, header and check boxes take
+// the sheet's dark surfaces, so the light text stays readable.
+// QUORVEX_SCREENSHOT_DIR keeps a picture of it.
+TEST_F(ResourcesTest, FileDialogUnderTheSheetIsReadable)
+{
+    const auto constants = resolvedConstants();
+    const auto colour = [&](const char* name) { return QColor(constants.value(QString::fromLatin1(name)).trimmed()); };
+    QTemporaryDir folder;
+    for (const char* name : {"IMG_0001.JPG", "IMG_0002.JPG", "reference.fnp"})
+    {
+        QFile file(folder.filePath(QString::fromLatin1(name)));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    }
+    QWidget parent;
+    parent.setStyleSheet(loadSheet(1.0));
+    QFileDialog dialog(&parent, QStringLiteral("Select fingerprint file"), folder.path());
+    dialog.setOption(QFileDialog::DontUseNativeDialog);
+    dialog.setViewMode(QFileDialog::Detail);
+    dialog.resize(800, 500);
+    auto* check = new QCheckBox(QStringLiteral("Checked"), &parent);
+    check->setChecked(true);
+    dialog.show();
+    QApplication::processEvents();
+    QTreeView* view = dialog.findChild<QTreeView*>(QStringLiteral("treeView"));
+    ASSERT_TRUE(view);
+    const QImage shot = dialog.grab().toImage();
+    if (qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR"))
+        shot.save(QDir(qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")).filePath(QStringLiteral("file-dialog.png")));
+
+    // Empty parts of the list and of the header.
+    const QPoint listSpot = view->viewport()->mapTo(&dialog, QPoint(view->viewport()->width() - 4, view->viewport()->height() - 4));
+    QHeaderView* header = view->header();
+    const QPoint headerSpot = header->mapTo(&dialog, QPoint(header->width() - 3, header->height() / 2));
+    const struct
+    {
+        const char* what;
+        QColor seen;
+        QColor expected;
+    } cases[] = {
+        {"list", shot.pixelColor(listSpot), colour("COLOR_SURFACE")},
+        {"header", shot.pixelColor(headerSpot), colour("COLOR_SURFACE_RAISED")},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.seen.name().toStdString(), c.expected.name().toStdString()) << c.what;
+    // The ticked box is filled with the accent around its tick.
+    const QImage box = check->grab().toImage();
+    int accent = 0;
+    for (int y = 0; y < box.height(); ++y)
+        for (int x = 0; x < box.width(); ++x)
+            accent += box.pixelColor(x, y) == colour("COLOR_ACCENT") ? 1 : 0;
+    EXPECT_GT(accent, 60);
+    // The names in the list are the light text on that dark ground.
+    EXPECT_GT(qGray(colour("COLOR_TEXT").rgb()) - qGray(colour("COLOR_SURFACE").rgb()), 128);
     qcontrols::CStyleSheetManager::clear();
 }
 
