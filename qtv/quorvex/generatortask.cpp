@@ -71,6 +71,11 @@ const char* const DocumentHead =
     "tbody td { color: #7D7D7D; font-size: 12px; border-bottom: 1px solid #999999; }"
     "</style><title>";
 
+QString hashText(const QString& sha256)
+{
+    return sha256.isEmpty() ? CGeneratorTask::tr("not computed (the file could not be read)") : sha256;
+}
+
 } // namespace
 
 CGeneratorTask::CGeneratorTask(const SReportInput& input) : m_input(input) {}
@@ -131,8 +136,18 @@ QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
             text += QStringLiteral("<p>%1</p>").arg(result.reason.toHtmlEscaped());
         return text;
     }
+    // Every compared photo carries its numbers, a "no match" as much as a match:
+    // how far below the threshold it stayed is part of the finding.
+    const QString numbers =
+        QStringLiteral("%1 <br>%2 <br>%3 <br>%4 <br>%5 <br>%6")
+            .arg(tr("Probability: %1").arg(QString::number(result.probability)),
+                 tr("Correlation: %1").arg(QString::number(result.correlation)),
+                 tr("PCE: %1").arg(QString::number(result.pce, 'f', 1)),
+                 tr("Scale: %1").arg(QString::number(result.scale, 'f', 2)),
+                 tr("Orientation: %1°").arg(result.orientation),
+                 tr("Status: %1").arg(CQuorvexAPI::statusText(result.status).toHtmlEscaped()));
     if (!result.matched)
-        return QStringLiteral("<h3>%1</h3>").arg(tr("No match"));
+        return QStringLiteral("<h3>%1</h3><br>").arg(tr("No match")) + numbers;
     QString word = tr("low");
     if (result.probability >= 0.999)
         word = tr("very high");
@@ -140,13 +155,20 @@ QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
         word = tr("high");
     else if (result.probability >= 0.99)
         word = tr("medium");
-    QString text = QStringLiteral("<h3><b>%1</b></h3><br>%2 <br>%3")
-                       .arg(tr("Match: %1 probability").arg(word),
-                            tr("Probability: %1").arg(QString::number(result.probability)),
-                            tr("Correlation: %1").arg(QString::number(result.correlation)));
-    if (!scaleText(result).isEmpty())
-        text += QStringLiteral(" <br>") + tr("Scale: %1").arg(scaleText(result));
-    return text;
+    return QStringLiteral("<h3><b>%1</b></h3><br>").arg(tr("Match: %1 probability").arg(word)) + numbers;
+}
+
+QString CGeneratorTask::pixelSizeText(const QString& photoPath)
+{
+    QFile file;
+    if (!qutils::platform::openRegularFile(photoPath, file))
+        return QString();
+    QImageReader reader(&file);
+    reader.setDecideFormatFromContent(true);
+    const QSize size = reader.size();
+    if (!size.isValid())
+        return QString();
+    return tr("%1 × %2 pixels").arg(size.width()).arg(size.height());
 }
 
 QString CGeneratorTask::exifText(const QString& photoPath)
@@ -193,12 +215,16 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
                 .arg(QDir::toNativeSeparators(input.fingerprintPath).toHtmlEscaped());
     for (auto it = input.fingerprintProperties.cbegin(); it != input.fingerprintProperties.cend(); ++it)
     {
-        const QString value = it.key() == CFingerprint::CreationDate
-                                  ? QLocale::system().toString(it.value().toDateTime(), QLocale::ShortFormat)
-                                  : it.value().toString();
+        QString value = it.value().toString();
+        if (it.key() == CFingerprint::CreationDate)
+            value = QLocale::system().toString(it.value().toDateTime(), QLocale::ShortFormat);
+        else if (it.key() == CFingerprint::NMSE)
+            value = QString::number(it.value().toDouble(), 'g', 3);
         html += QStringLiteral("<tr><td width = \"200px\"><h3>%1 </h3></td><td>%2</td></tr>")
                     .arg(CFingerprint::displayText(it.key()).toHtmlEscaped(), value.toHtmlEscaped());
     }
+    html += QStringLiteral("<tr><td width = \"200px\"><h3>%1 </h3></td><td>%2</td></tr>")
+                .arg(tr("Fingerprint SHA-256"), hashText(input.fingerprintSha256));
     html += QStringLiteral("</tbody></table>");
 
     // The summary is recomputed from the results, with the classes of the analysis.
@@ -244,7 +270,11 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
         html += QStringLiteral("<tr><td align = \"center\"><img src = \"%1\" style=\"max-width: 200px; max-height: "
                                "200px;\" />")
                     .arg(fileUrl(QFileInfo(thumbnails.value(i)).absoluteFilePath()));
-        html += QStringLiteral("</td><td><h3>%1</h3><br>").arg(QDir::toNativeSeparators(path).toHtmlEscaped());
+        html += QStringLiteral("</td><td><h3>%1</h3>").arg(QDir::toNativeSeparators(path).toHtmlEscaped());
+        const QString pixelSize = pixelSizeText(path);
+        if (!pixelSize.isEmpty())
+            html += QStringLiteral("<p>%1</p>").arg(pixelSize);
+        html += QStringLiteral("<p>%1</p><br>").arg(tr("SHA-256: %1").arg(hashText(input.sha256.value(path))));
         html += resultText(input.results.value(path));
         html += QStringLiteral("</td><td><p>");
         html += exifText(path);
@@ -298,9 +328,14 @@ bool CGeneratorTask::run()
         throw CException(tr("The report cannot be created!"));
     }
     m_thumbnails.clear();
+    // Hashed here, off the GUI thread: a large photo takes a while to read.
+    if (m_input.fingerprintSha256.isEmpty())
+        m_input.fingerprintSha256 = qutils::fileSha256(m_input.fingerprintPath);
     for (int i = 0; i < count; ++i)
     {
         const QFileInfo& photo = m_input.photos.at(i);
+        if (!m_input.sha256.contains(photo.absoluteFilePath()))
+            m_input.sha256.insert(photo.absoluteFilePath(), qutils::fileSha256(photo.absoluteFilePath()));
         const QString thumbnail = m_folder->filePath(thumbnailName(photo));
         m_thumbnails << thumbnail;
         // The same photo listed twice shares its thumbnail.

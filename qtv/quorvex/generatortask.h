@@ -27,6 +27,10 @@ struct SReportInput
     QString photosFolder;       // the analysed folder
     QString reportPath;         // the PDF to write
     QMap<QString, qutils::CQuorvexAPI::SAnalysisResult> results; // by absolute path
+    // SHA-256 in hex by absolute path; the task hashes the photos missing here
+    // (and the fingerprint when its hash is empty). Empty for an unreadable file.
+    QMap<QString, QString> sha256;
+    QString fingerprintSha256;
 };
 
 // Turns one analysis into a PDF report: a thumbnail of every photo in a
@@ -51,6 +55,8 @@ public:
     // A photo's result cell and EXIF cell contents.
     static QString resultText(const qutils::CQuorvexAPI::SAnalysisResult& result);
     static QString exifText(const QString& photoPath);
+    // "4000 × 3000 pixels" from the file's header; empty when it cannot be read.
+    static QString pixelSizeText(const QString& photoPath);
     // Writes a thumbnail that fits 300 × 300; false when it cannot be written.
     static bool writeThumbnail(const QString& photoPath, const QString& thumbnailPath);
 

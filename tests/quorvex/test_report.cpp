@@ -15,6 +15,7 @@
 #include <QFile>
 #include <QImage>
 #include <QLocale>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QUrl>
 
@@ -56,6 +57,7 @@ protected:
         m_input.fingerprintPath = m_dir.filePath(QStringLiteral("camera.fnp"));
         m_created = QDateTime(QDate(2026, 11, 20), QTime(14, 30));
         m_input.fingerprintProperties = {{CFingerprint::Width, 640},
+                                         {CFingerprint::NMSE, 0.06085526414468745},
                                          {CFingerprint::Model, QStringLiteral("QX-1")},
                                          {CFingerprint::CreationDate, m_created}};
         m_input.photosFolder = m_dir.path();
@@ -124,6 +126,7 @@ TEST_F(ReportTest, DocumentPieces)
     m_input.photos.append(QFileInfo(larger));
     Result notCompared{false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize, 0.0, QStringLiteral("a <reason>")};
     m_input.results.insert(larger, notCompared);
+    m_input.sha256.insert(QFileInfo(m_withExif).absoluteFilePath(), QStringLiteral("ab12"));
     const QString html = CGeneratorTask::buildDocument(m_input, thumbnails());
 
     EXPECT_TRUE(html.startsWith(QStringLiteral("\n\t<!DOCTYPE html PUBLIC \"-//W3C//DTD XHTML 1.0 Transitional//EN\" "
@@ -140,6 +143,8 @@ TEST_F(ReportTest, DocumentPieces)
     EXPECT_GT(width, 0);
     EXPECT_GT(model, width);
     EXPECT_GT(date, model);
+    EXPECT_TRUE(html.contains(QStringLiteral("<td>0.0609</td>"))) << "NMSE to 3 significant digits";
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>Fingerprint SHA-256 </h3></td><td>not computed (the file could not be read)</td>")));
 
     // The summary comes from the results map.
     const auto summaryRow = [](const QString& label, const QString& value) -> QString {
@@ -157,14 +162,19 @@ TEST_F(ReportTest, DocumentPieces)
     // One row per photo: the thumbnail as an encoded file URL, path, result, EXIF.
     const QString firstThumbnail = QFileInfo(thumbnails().at(0)).absoluteFilePath();
     const QString url = QString::fromLatin1(QUrl::toPercentEncoding(firstThumbnail, "/"));
-    EXPECT_TRUE(html.contains(QStringLiteral("<tr><td align = \"center\"><img src = \"file://%1\" style=\"max-width: 200px; max-height: 200px;\" /></td><td><h3>%2</h3><br>")
+    EXPECT_TRUE(html.contains(QStringLiteral("<tr><td align = \"center\"><img src = \"file://%1\" style=\"max-width: 200px; max-height: 200px;\" /></td><td><h3>%2</h3>"
+                                             "<p>640 × 480 pixels</p><p>SHA-256: ab12</p><br>")
                                   .arg(url, QDir::toNativeSeparators(m_withExif))));
-    EXPECT_TRUE(html.contains(QStringLiteral("<h3><b>Match: very high probability</b></h3><br>Probability: 0.9995 <br>Correlation: 0.0123</td><td><p>")));
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3><b>Match: very high probability</b></h3><br>Probability: 0.9995 <br>Correlation: 0.0123 <br>PCE: 900.0 "
+                                             "<br>Scale: 1.00 <br>Orientation: 0° <br>Status: %1</td><td><p>").arg(CQuorvexAPI::statusText(CQuorvexAPI::Success))));
     EXPECT_TRUE(html.contains(QStringLiteral("Manufacturer: <span class = \"h2\">Veltrano</span><br/>Model: <span class = \"h2\">QX-1</span><br/>")));
-    EXPECT_TRUE(html.contains(QStringLiteral("<h3>No match</h3></td><td><p><h3>No EXIF data in file</h3></p></td></tr>")));
+    // A no-match row has its numbers too; a file not hashed says so.
+    EXPECT_TRUE(html.contains(QStringLiteral("<p>64 × 48 pixels</p><p>SHA-256: not computed (the file could not be read)</p><br>"
+                                             "<h3>No match</h3><br>Probability: 0 <br>Correlation: 0.001 <br>PCE: 2.0 <br>Scale: 1.00")));
+    EXPECT_TRUE(html.contains(QStringLiteral("</td><td><p><h3>No EXIF data in file</h3></p></td></tr>")));
     // Never processed: the text of status 0.
-    EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3>").arg(QDir::toNativeSeparators(m_neverProcessed)) + QStringLiteral("<br><h3>%1</h3></td>").arg(CQuorvexAPI::statusText(CQuorvexAPI::Invalid))));
-    EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3><br><h3>Not compared: Size is incompatible with fingerprint</h3>"
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3>").arg(QDir::toNativeSeparators(m_neverProcessed)) + QStringLiteral("<p>640 × 480 pixels</p><p>SHA-256: not computed (the file could not be read)</p><br><h3>%1</h3></td>").arg(CQuorvexAPI::statusText(CQuorvexAPI::Invalid))));
+    EXPECT_TRUE(html.contains(QStringLiteral("<h3>%1</h3><p>SHA-256: not computed (the file could not be read)</p><br><h3>Not compared: Size is incompatible with fingerprint</h3>"
                                              "<p>a &lt;reason&gt;</p></td>")
                                   .arg(QDir::toNativeSeparators(larger))));
     EXPECT_TRUE(html.endsWith(QStringLiteral("</p></td></tr></tbody></table></div></body></html>")));
@@ -179,10 +189,8 @@ TEST_F(ReportTest, DocumentPieces)
     EXPECT_EQ(CGeneratorTask::resultText(Result{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata, 0}),
               QStringLiteral("<h3>Not compared: Different camera type</h3>"));
     // The scale only where the photo is not the fingerprint's size.
-    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.999, 0.1, CQuorvexAPI::Success, 0, {}, 0.8})
-                    .endsWith(QStringLiteral("Correlation: 0.1 <br>Scale: 0.80")));
-    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.999, 0.1, CQuorvexAPI::Success, 0, {}, 1.0})
-                    .endsWith(QStringLiteral("Correlation: 0.1")));
+    EXPECT_TRUE(CGeneratorTask::resultText(Result{true, 0.999, 0.1, CQuorvexAPI::Success, 59.84, {}, 0.8, 270})
+                    .contains(QStringLiteral("PCE: 59.8 <br>Scale: 0.80 <br>Orientation: 270°")));
 
     const QString footer = CGeneratorTask::footerText();
     EXPECT_TRUE(footer.startsWith(QStringLiteral("Generated by Quorvex ")));
@@ -208,6 +216,11 @@ TEST_F(ReportTest, TaskWritesThumbnailsAndTheDocumentThenConverts)
     }
     qutils::CHtmlToPdfTask::setConverterPath(converter);
     m_input.photos.append(QFileInfo(m_withExif)); // listed twice: one thumbnail
+    {
+        QFile fingerprint(m_input.fingerprintPath);
+        ASSERT_TRUE(fingerprint.open(QIODevice::WriteOnly));
+        fingerprint.write("abc");
+    }
     auto task = qutils::makeTask<CGeneratorTask>(m_input);
     QList<qint64> positions;
     qint64 maximum = 0;
@@ -220,6 +233,9 @@ TEST_F(ReportTest, TaskWritesThumbnailsAndTheDocumentThenConverts)
     const QString seen = testutils::readText(m_dir.filePath(QStringLiteral("seen.html")));
     EXPECT_TRUE(seen.startsWith(QStringLiteral("\n\t<!DOCTYPE html")));
     EXPECT_TRUE(seen.contains(QStringLiteral("Manufacturer: <span class = \"h2\">Veltrano</span>"))) << "written as UTF-8 text";
+    // The hashes are the task's own: the fingerprint's known one, one per photo row.
+    EXPECT_TRUE(seen.contains(QStringLiteral("<td>ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad</td>")));
+    EXPECT_EQ(seen.count(QRegularExpression(QStringLiteral("<p>SHA-256: [0-9a-f]{64}</p>"))), 4);
     const QStringList folder = testutils::readText(m_dir.filePath(QStringLiteral("folder.txt"))).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     EXPECT_EQ(folder.size(), 4) << folder.join(QLatin1Char(' ')).toStdString() << ": three thumbnails and the document";
     const QStringList args = testutils::readText(m_dir.filePath(QStringLiteral("args.txt"))).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
