@@ -71,6 +71,13 @@ const char* const DocumentHead =
     "tbody td { color: #7D7D7D; font-size: 12px; border-bottom: 1px solid #999999; }"
     "</style><title>";
 
+// One decimal; a tiny negative PCE reads 0.0, not -0.0.
+QString pceText(double pce)
+{
+    const QString text = QString::number(pce, 'f', 1);
+    return text == QLatin1String("-0.0") ? QStringLiteral("0.0") : text;
+}
+
 QString hashText(const QString& sha256)
 {
     return sha256.isEmpty() ? CGeneratorTask::tr("not computed (the file could not be read)") : sha256;
@@ -142,7 +149,7 @@ QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
         QStringLiteral("%1 <br>%2 <br>%3 <br>%4 <br>%5 <br>%6")
             .arg(tr("Probability: %1").arg(QString::number(result.probability)),
                  tr("Correlation: %1").arg(QString::number(result.correlation)),
-                 tr("PCE: %1").arg(QString::number(result.pce, 'f', 1)),
+                 tr("PCE: %1").arg(pceText(result.pce)),
                  tr("Scale: %1").arg(QString::number(result.scale, 'f', 2)),
                  tr("Orientation: %1°").arg(result.orientation),
                  tr("Status: %1").arg(CQuorvexAPI::statusText(result.status).toHtmlEscaped()));

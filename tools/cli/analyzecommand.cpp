@@ -76,6 +76,8 @@ int runAnalyze(const SCommandLine& commandLine)
 
     qutils::platform::catchInterrupts();
     CAnalyzeJob job(inputs.photos, fingerprint, commandLine.skipDifferentCamera, commandLine.threads);
+    // The files and the report name each photo by its hash too.
+    job.setHashFiles(jsonToStdout || jsonFile || csvFile || !commandLine.reportFile.isEmpty());
     CConsole::note(QStringLiteral("analyzing %1 photos against %2 on %3 %4")
                        .arg(inputs.photos.size())
                        .arg(commandLine.fingerprintFile)

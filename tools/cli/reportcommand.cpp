@@ -26,6 +26,9 @@ int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprint
         // Photos never reached stay out of the results, as in the program's report.
         if (outcome.processed)
             input.results.insert(outcome.absolutePath, outcome.result);
+        // Hashed by the analysis already; the report task hashes the rest.
+        if (!outcome.sha256.isEmpty())
+            input.sha256.insert(outcome.absolutePath, outcome.sha256);
     }
 
     auto task = qutils::makeTask<CGeneratorTask>(input);
