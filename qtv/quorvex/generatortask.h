@@ -50,6 +50,9 @@ public:
     static QString thumbnailName(const QFileInfo& photo);
     static QString filterText(int filterType);
     static QString footerText();
+    // How the findings were reached: engine, threshold, ladder, search
+    // correction, reference photos; rows of a two-column table.
+    static QString methodRows(const SReportInput& input);
     // The document for these photos with these thumbnails (one per photo).
     static QString buildDocument(const SReportInput& input, const QStringList& thumbnails);
     // A photo's result cell and EXIF cell contents.

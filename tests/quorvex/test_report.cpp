@@ -57,6 +57,7 @@ protected:
         m_input.fingerprintPath = m_dir.filePath(QStringLiteral("camera.fnp"));
         m_created = QDateTime(QDate(2026, 11, 20), QTime(14, 30));
         m_input.fingerprintProperties = {{CFingerprint::Width, 640},
+                                         {CFingerprint::TrainingImagesCount, 12},
                                          {CFingerprint::NMSE, 0.06085526414468745},
                                          {CFingerprint::Model, QStringLiteral("QX-1")},
                                          {CFingerprint::CreationDate, m_created}};
@@ -157,6 +158,11 @@ TEST_F(ReportTest, DocumentPieces)
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Fingerprints not found"), QStringLiteral("1"))));
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Not compared"), QStringLiteral("1"))));
     EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Report filter"), QStringLiteral("All photos"))));
+    // The method, from the engine's own constants.
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Decision threshold"), QStringLiteral("PCE 60: a photo matches the fingerprint at or above it"))));
+    EXPECT_TRUE(html.contains(QStringLiteral("<td>10 → 0.5, 60 → 0.95, 100 → 0.99, 200 → 0.995, 400 → 0.999, 2000 → 0.99999; ")));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Search correction"), QStringLiteral("PCE − max(0, 2·ln(N/2)), N the positions examined"))));
+    EXPECT_TRUE(html.contains(summaryRow(QStringLiteral("Reference photos"), QStringLiteral("12"))));
     EXPECT_TRUE(html.contains(QStringLiteral("<thead><tr><th width = \"200px\">Photo</th><th>Result</th><th>EXIF</th></tr></thead><tbody>")));
 
     // One row per photo: the thumbnail as an encoded file URL, path, result, EXIF.
