@@ -129,6 +129,12 @@ QString CGeneratorTask::footerText()
            QStringLiteral("https://www.veltrano-labs.com/quorvex");
 }
 
+QString CGeneratorTask::pageNumberText()
+{
+    // The converter puts the page number and count for the brackets.
+    return tr("Page %1 of %2").arg(QStringLiteral("[page]"), QStringLiteral("[topage]"));
+}
+
 QString CGeneratorTask::methodRows(const SReportInput& input)
 {
     namespace constants = lumicrest::constants;
@@ -404,6 +410,8 @@ bool CGeneratorTask::run()
 
     auto conversion = qutils::makeTask<qutils::CHtmlToPdfTask>(htmlPath, m_input.reportPath);
     conversion->setFooterLeft(footerText());
+    // Every page says where it belongs: a page taken out of the report is missed.
+    conversion->setHeaderRight(pageNumberText());
     // The converter reports percentages: they fill the last 100 steps, after the photos.
     connect(conversion.get(), &qutils::CTask::progressPos, this,
             [this, count](qint64 percent) { setProgressPos(count + qBound<qint64>(0, percent, 100)); },

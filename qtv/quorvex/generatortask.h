@@ -50,6 +50,8 @@ public:
     static QString thumbnailName(const QFileInfo& photo);
     static QString filterText(int filterType);
     static QString footerText();
+    // "Page [page] of [topage]", for the converter to fill on every page.
+    static QString pageNumberText();
     // How the findings were reached: engine, threshold, ladder, search
     // correction, reference photos; rows of a two-column table.
     static QString methodRows(const SReportInput& input);
