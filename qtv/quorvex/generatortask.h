@@ -31,6 +31,10 @@ struct SReportInput
     // (and the fingerprint when its hash is empty). Empty for an unreadable file.
     QMap<QString, QString> sha256;
     QString fingerprintSha256;
+    // Shown at the top when given.
+    QString caseNumber;
+    QString examiner;
+    QString notes;
 };
 
 // Turns one analysis into a PDF report: a thumbnail of every photo in a
@@ -55,6 +59,8 @@ public:
     // How the findings were reached: engine, threshold, ladder, search
     // correction, reference photos; rows of a two-column table.
     static QString methodRows(const SReportInput& input);
+    // The case number, examiner and notes given, as a table; empty when none is.
+    static QString caseTable(const SReportInput& input);
     // The document for these photos with these thumbnails (one per photo).
     static QString buildDocument(const SReportInput& input, const QStringList& thumbnails);
     // A photo's result cell and EXIF cell contents.

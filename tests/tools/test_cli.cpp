@@ -1456,9 +1456,16 @@ TEST(CliCommandLine, ValuesAndOrder)
 {
     const cli::SCommandLine c = cli::parseCommandLine(
         {QStringLiteral("analyze"), QStringLiteral("b"), QStringLiteral("--threads=3"), QStringLiteral("-f"),
-         QStringLiteral("k.fnp"), QStringLiteral("--json"), QStringLiteral("-"), QStringLiteral("--"),
-         QStringLiteral("--odd-name.jpg"), QStringLiteral("a")});
+         QStringLiteral("k.fnp"), QStringLiteral("--case=2026/17"), QStringLiteral("--examiner"),
+         QStringLiteral("A. Novak"), QStringLiteral("--notes"), QStringLiteral("seized, bag 4"),
+         QStringLiteral("--json"), QStringLiteral("-"), QStringLiteral("--"), QStringLiteral("--odd-name.jpg"),
+         QStringLiteral("a")});
     ASSERT_EQ(c.command, cli::ECommand::Analyze) << c.error.toStdString();
+    EXPECT_EQ(c.caseNumber, QStringLiteral("2026/17"));
+    EXPECT_EQ(c.examiner, QStringLiteral("A. Novak"));
+    EXPECT_EQ(c.notes, QStringLiteral("seized, bag 4"));
+    EXPECT_FALSE(cli::parseCommandLine({QStringLiteral("validate"), QStringLiteral("--case=1"), QStringLiteral("s")})
+                     .error.isEmpty()) << "the report's case fields belong to analyze";
     EXPECT_EQ(c.threads, 3);
     EXPECT_EQ(c.fingerprintFile, QStringLiteral("k.fnp"));
     EXPECT_EQ(c.jsonFile, QStringLiteral("-"));

@@ -156,7 +156,7 @@ int runAnalyze(const SCommandLine& commandLine)
         if (!QFileInfo(folder).isDir() && !inputs.photos.isEmpty())
             folder = inputs.photos.first().absolutePath();
         exitCode = writeReport(outcomes, commandLine.fingerprintFile, fingerprint->properties(), folder,
-                               commandLine.reportFile);
+                               commandLine.reportFile, commandLine.caseNumber, commandLine.examiner, commandLine.notes);
     }
     // Standard output may have gone (a reader that stopped early): the files
     // above were still finished, but the run did not deliver all it was asked.

@@ -12,9 +12,13 @@ namespace cli
 {
 
 int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprintPath,
-                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath)
+                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath,
+                const QString& caseNumber, const QString& examiner, const QString& notes)
 {
     SReportInput input;
+    input.caseNumber = caseNumber;
+    input.examiner = examiner;
+    input.notes = notes;
     input.filterType = 0;
     input.fingerprintPath = QFileInfo(fingerprintPath).absoluteFilePath();
     input.fingerprintProperties = properties;
