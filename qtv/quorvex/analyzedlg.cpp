@@ -440,6 +440,9 @@ void CAnalyzeDlg::generateReport(const QString& path, const QFileInfoList& photo
     input.photosFolder = CSettings::lastAnalyzePath().absolutePath();
     input.reportPath = path;
     input.results = m_analyzer->results();
+    input.caseNumber = CSettings::reportCaseNumber();
+    input.examiner = CSettings::reportExaminer();
+    input.notes = CSettings::reportNotes();
 
     auto task = qutils::makeTask<CGeneratorTask>(input);
     const auto dialog = qdialogs::CProgressWidget::createDialog(this, tr("Creating PDF report..."), tr("Processing"), task);

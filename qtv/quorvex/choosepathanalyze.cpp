@@ -13,6 +13,8 @@
 #include "qutils/debugutils.h"
 
 #include <QCheckBox>
+#include <QLineEdit>
+#include <QPlainTextEdit>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QVBoxLayout>
@@ -130,6 +132,24 @@ CFingerprintInfoScr::CFingerprintInfoScr(const QFileInfoList& files, QWidget* pa
     m_autoReport->setObjectName(QStringLiteral("fingerprintSettings"));
     options->addWidget(m_skipDifferentCamera);
     options->addWidget(m_autoReport);
+    // Remembered: the photos of one case are often analysed in several runs.
+    auto* caseHeader = new QLabel(tr("Report details (optional)"), this);
+    caseHeader->setObjectName(QStringLiteral("fingerprintHeader"));
+    options->addSpacing(12);
+    options->addWidget(caseHeader);
+    m_caseNumber = new QLineEdit(CSettings::reportCaseNumber(), this);
+    m_caseNumber->setObjectName(QStringLiteral("reportCaseNumber"));
+    m_caseNumber->setPlaceholderText(tr("Case number"));
+    m_examiner = new QLineEdit(CSettings::reportExaminer(), this);
+    m_examiner->setObjectName(QStringLiteral("reportExaminer"));
+    m_examiner->setPlaceholderText(tr("Examiner"));
+    m_notes = new QPlainTextEdit(CSettings::reportNotes(), this);
+    m_notes->setObjectName(QStringLiteral("reportNotes"));
+    m_notes->setPlaceholderText(tr("Notes"));
+    m_notes->setMaximumHeight(90);
+    options->addWidget(m_caseNumber);
+    options->addWidget(m_examiner);
+    options->addWidget(m_notes);
     options->addStretch();
     row->addLayout(options);
     row->addSpacing(30);
@@ -149,8 +169,16 @@ CFingerprintInfoScr::CFingerprintInfoScr(const QFileInfoList& files, QWidget* pa
     m_info->setFingerprintFile(CSettings::lastRecognizer().filePath());
 }
 
+void CFingerprintInfoScr::storeCaseDetails()
+{
+    CSettings::setReportCaseNumber(m_caseNumber->text());
+    CSettings::setReportExaminer(m_examiner->text());
+    CSettings::setReportNotes(m_notes->toPlainText());
+}
+
 void CFingerprintInfoScr::onNext()
 {
+    storeCaseDetails();
     QString reportPath;
     if (m_autoReport->isChecked())
     {
@@ -166,6 +194,7 @@ void CFingerprintInfoScr::onNext()
 
 void CFingerprintInfoScr::onBack()
 {
+    storeCaseDetails();
     if (CMainWindow* window = CMainWindow::of(this))
         window->popPage();
 }

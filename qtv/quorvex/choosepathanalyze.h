@@ -7,6 +7,8 @@
 class CFingerprintInfo;
 class CGalleryWidget;
 class QCheckBox;
+class QLineEdit;
+class QPlainTextEdit;
 
 // The first page of the Analyze workflow: the folder of questioned photos,
 // then the fingerprint to match them against.
@@ -52,4 +54,9 @@ private:
     CFingerprintInfo* m_info = nullptr;
     QCheckBox* m_skipDifferentCamera = nullptr;
     QCheckBox* m_autoReport = nullptr;
+    QLineEdit* m_caseNumber = nullptr;
+    QLineEdit* m_examiner = nullptr;
+    QPlainTextEdit* m_notes = nullptr;
+    // Remembers the case details for the next report.
+    void storeCaseDetails();
 };

@@ -2,6 +2,8 @@
 
 #include "resultclass.h"
 
+#include "src/constants.h"
+
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
 #include "qutils/fileutils.h"
@@ -71,6 +73,18 @@ const char* const DocumentHead =
     "tbody td { color: #7D7D7D; font-size: 12px; border-bottom: 1px solid #999999; }"
     "</style><title>";
 
+// One decimal; a tiny negative PCE reads 0.0, not -0.0.
+QString pceText(double pce)
+{
+    const QString text = QString::number(pce, 'f', 1);
+    return text == QLatin1String("-0.0") ? QStringLiteral("0.0") : text;
+}
+
+QString hashText(const QString& sha256)
+{
+    return sha256.isEmpty() ? CGeneratorTask::tr("not computed (the file could not be read)") : sha256;
+}
+
 } // namespace
 
 CGeneratorTask::CGeneratorTask(const SReportInput& input) : m_input(input) {}
@@ -115,6 +129,59 @@ QString CGeneratorTask::footerText()
            QStringLiteral("https://www.veltrano-labs.com/quorvex");
 }
 
+QString CGeneratorTask::pageNumberText()
+{
+    // The converter puts the page number and count for the brackets.
+    return tr("Page %1 of %2").arg(QStringLiteral("[page]"), QStringLiteral("[topage]"));
+}
+
+QString CGeneratorTask::caseTable(const SReportInput& input)
+{
+    const QString rows[][2] = {
+        {tr("Case number"), input.caseNumber.trimmed()},
+        {tr("Examiner"), input.examiner.trimmed()},
+        {tr("Notes"), input.notes.trimmed()},
+    };
+    QString html;
+    for (const auto& row : rows)
+    {
+        if (row[1].isEmpty())
+            continue;
+        QString value = row[1].toHtmlEscaped();
+        value.replace(QLatin1Char('\n'), QStringLiteral("<br/>"));
+        html += QStringLiteral("<tr><td width = \"200px\"><h3>%1</h3></td><td>%2</td></tr>").arg(row[0], value);
+    }
+    if (html.isEmpty())
+        return html;
+    return QStringLiteral("<br/><table><tbody>") + html + QStringLiteral("</tbody></table>");
+}
+
+QString CGeneratorTask::methodRows(const SReportInput& input)
+{
+    namespace constants = lumicrest::constants;
+    QStringList ladder;
+    for (const constants::LadderPoint& point : constants::ProbabilityLadder)
+        ladder << QStringLiteral("%1 %2 %3").arg(QString::number(point.pce), QString(QChar(0x2192)),
+                                                 QString::number(point.probability));
+    const QVariant references = input.fingerprintProperties.value(CFingerprint::TrainingImagesCount);
+    const QString rows[][2] = {
+        // The engine is built from this program's sources and carries its version.
+        {tr("Engine"), tr("lumicrest %1").arg(programVersion())},
+        {tr("Decision threshold"),
+         tr("PCE %1: a photo matches the fingerprint at or above it").arg(constants::MatchThresholdPce)},
+        {tr("PCE to probability"),
+         ladder.join(QStringLiteral(", ")) + QStringLiteral("; ") + tr("log-linear in 1 - p between these points")},
+        {tr("Search correction"),
+         tr("PCE %1 max(0, 2%2ln(N/2)), N the positions examined").arg(QChar(0x2212)).arg(QChar(0x00B7))},
+        {tr("Reference photos"), references.isValid() ? references.toString() : tr("unknown")},
+    };
+    QString html;
+    for (const auto& row : rows)
+        html += QStringLiteral("<tr><td width = \"200px\"><h3>%1</h3></td><td>%2</td></tr>")
+                    .arg(row[0].toHtmlEscaped(), row[1].toHtmlEscaped());
+    return html;
+}
+
 QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
 {
     if (isNotCompared(result))
@@ -131,8 +198,18 @@ QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
             text += QStringLiteral("<p>%1</p>").arg(result.reason.toHtmlEscaped());
         return text;
     }
+    // Every compared photo carries its numbers, a "no match" as much as a match:
+    // how far below the threshold it stayed is part of the finding.
+    const QString numbers =
+        QStringLiteral("%1 <br>%2 <br>%3 <br>%4 <br>%5 <br>%6")
+            .arg(tr("Probability: %1").arg(QString::number(result.probability)),
+                 tr("Correlation: %1").arg(QString::number(result.correlation)),
+                 tr("PCE: %1").arg(pceText(result.pce)),
+                 tr("Scale: %1").arg(QString::number(result.scale, 'f', 2)),
+                 tr("Orientation: %1°").arg(result.orientation),
+                 tr("Status: %1").arg(CQuorvexAPI::statusText(result.status).toHtmlEscaped()));
     if (!result.matched)
-        return QStringLiteral("<h3>%1</h3>").arg(tr("No match"));
+        return QStringLiteral("<h3>%1</h3><br>").arg(tr("No match")) + numbers;
     QString word = tr("low");
     if (result.probability >= 0.999)
         word = tr("very high");
@@ -140,13 +217,20 @@ QString CGeneratorTask::resultText(const CQuorvexAPI::SAnalysisResult& result)
         word = tr("high");
     else if (result.probability >= 0.99)
         word = tr("medium");
-    QString text = QStringLiteral("<h3><b>%1</b></h3><br>%2 <br>%3")
-                       .arg(tr("Match: %1 probability").arg(word),
-                            tr("Probability: %1").arg(QString::number(result.probability)),
-                            tr("Correlation: %1").arg(QString::number(result.correlation)));
-    if (!scaleText(result).isEmpty())
-        text += QStringLiteral(" <br>") + tr("Scale: %1").arg(scaleText(result));
-    return text;
+    return QStringLiteral("<h3><b>%1</b></h3><br>").arg(tr("Match: %1 probability").arg(word)) + numbers;
+}
+
+QString CGeneratorTask::pixelSizeText(const QString& photoPath)
+{
+    QFile file;
+    if (!qutils::platform::openRegularFile(photoPath, file))
+        return QString();
+    QImageReader reader(&file);
+    reader.setDecideFormatFromContent(true);
+    const QSize size = reader.size();
+    if (!size.isValid())
+        return QString();
+    return tr("%1 × %2 pixels").arg(size.width()).arg(size.height());
 }
 
 QString CGeneratorTask::exifText(const QString& photoPath)
@@ -186,19 +270,24 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
     html += tr("Quorvex Report") + QStringLiteral("</title></head><body><h1>") + tr("Quorvex Report") +
             QStringLiteral("</h1><p>") + tr("Generated by version %1 on %2").arg(programVersion(), now());
 
-    html += QStringLiteral("</p><br/><div class = \"datagrid\"><table><tbody><tr><td width = \"200px\"><h2>") +
+    html += QStringLiteral("</p>") + caseTable(input);
+    html += QStringLiteral("<br/><div class = \"datagrid\"><table><tbody><tr><td width = \"200px\"><h2>") +
             tr("Fingerprint properties") +
             QStringLiteral("</h2></td><td> </td></tr><tr><td width = \"200px\"><h3>") + tr("Fingerprint path") +
             QStringLiteral(" </h3></td><td>%2</td></tr>")
                 .arg(QDir::toNativeSeparators(input.fingerprintPath).toHtmlEscaped());
     for (auto it = input.fingerprintProperties.cbegin(); it != input.fingerprintProperties.cend(); ++it)
     {
-        const QString value = it.key() == CFingerprint::CreationDate
-                                  ? QLocale::system().toString(it.value().toDateTime(), QLocale::ShortFormat)
-                                  : it.value().toString();
+        QString value = it.value().toString();
+        if (it.key() == CFingerprint::CreationDate)
+            value = QLocale::system().toString(it.value().toDateTime(), QLocale::ShortFormat);
+        else if (it.key() == CFingerprint::NMSE)
+            value = QString::number(it.value().toDouble(), 'g', 3);
         html += QStringLiteral("<tr><td width = \"200px\"><h3>%1 </h3></td><td>%2</td></tr>")
                     .arg(CFingerprint::displayText(it.key()).toHtmlEscaped(), value.toHtmlEscaped());
     }
+    html += QStringLiteral("<tr><td width = \"200px\"><h3>%1 </h3></td><td>%2</td></tr>")
+                .arg(tr("Fingerprint SHA-256"), hashText(input.fingerprintSha256));
     html += QStringLiteral("</tbody></table>");
 
     // The summary is recomputed from the results, with the classes of the analysis.
@@ -233,6 +322,8 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
     html += row(tr("Fingerprints not found"), QString::number(counts[4]));
     html += row(tr("Not compared"), QString::number(counts[5]));
     html += row(tr("Report filter"), filterText(input.filterType));
+    html += QStringLiteral("</tbody></table><br/><table><tbody><tr><td width = \"200px\"><h2>") + tr("Method") +
+            QStringLiteral("</h2></td><td> </td></tr>") + methodRows(input);
 
     html += QStringLiteral("</tbody></table><br/><table width=\"100%\"><thead><tr><th width = \"200px\">") +
             tr("Photo") + QStringLiteral("</th><th>") + tr("Result") + QStringLiteral("</th><th>") + tr("EXIF") +
@@ -244,7 +335,11 @@ QString CGeneratorTask::buildDocument(const SReportInput& input, const QStringLi
         html += QStringLiteral("<tr><td align = \"center\"><img src = \"%1\" style=\"max-width: 200px; max-height: "
                                "200px;\" />")
                     .arg(fileUrl(QFileInfo(thumbnails.value(i)).absoluteFilePath()));
-        html += QStringLiteral("</td><td><h3>%1</h3><br>").arg(QDir::toNativeSeparators(path).toHtmlEscaped());
+        html += QStringLiteral("</td><td><h3>%1</h3>").arg(QDir::toNativeSeparators(path).toHtmlEscaped());
+        const QString pixelSize = pixelSizeText(path);
+        if (!pixelSize.isEmpty())
+            html += QStringLiteral("<p>%1</p>").arg(pixelSize);
+        html += QStringLiteral("<p>%1</p><br>").arg(tr("SHA-256: %1").arg(hashText(input.sha256.value(path))));
         html += resultText(input.results.value(path));
         html += QStringLiteral("</td><td><p>");
         html += exifText(path);
@@ -298,9 +393,14 @@ bool CGeneratorTask::run()
         throw CException(tr("The report cannot be created!"));
     }
     m_thumbnails.clear();
+    // Hashed here, off the GUI thread: a large photo takes a while to read.
+    if (m_input.fingerprintSha256.isEmpty())
+        m_input.fingerprintSha256 = qutils::fileSha256(m_input.fingerprintPath);
     for (int i = 0; i < count; ++i)
     {
         const QFileInfo& photo = m_input.photos.at(i);
+        if (!m_input.sha256.contains(photo.absoluteFilePath()))
+            m_input.sha256.insert(photo.absoluteFilePath(), qutils::fileSha256(photo.absoluteFilePath()));
         const QString thumbnail = m_folder->filePath(thumbnailName(photo));
         m_thumbnails << thumbnail;
         // The same photo listed twice shares its thumbnail.
@@ -332,6 +432,8 @@ bool CGeneratorTask::run()
 
     auto conversion = qutils::makeTask<qutils::CHtmlToPdfTask>(htmlPath, m_input.reportPath);
     conversion->setFooterLeft(footerText());
+    // Every page says where it belongs: a page taken out of the report is missed.
+    conversion->setHeaderRight(pageNumberText());
     // The converter reports percentages: they fill the last 100 steps, after the photos.
     connect(conversion.get(), &qutils::CTask::progressPos, this,
             [this, count](qint64 percent) { setProgressPos(count + qBound<qint64>(0, percent, 100)); },

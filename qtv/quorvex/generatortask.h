@@ -27,6 +27,14 @@ struct SReportInput
     QString photosFolder;       // the analysed folder
     QString reportPath;         // the PDF to write
     QMap<QString, qutils::CQuorvexAPI::SAnalysisResult> results; // by absolute path
+    // SHA-256 in hex by absolute path; the task hashes the photos missing here
+    // (and the fingerprint when its hash is empty). Empty for an unreadable file.
+    QMap<QString, QString> sha256;
+    QString fingerprintSha256;
+    // Shown at the top when given.
+    QString caseNumber;
+    QString examiner;
+    QString notes;
 };
 
 // Turns one analysis into a PDF report: a thumbnail of every photo in a
@@ -46,11 +54,20 @@ public:
     static QString thumbnailName(const QFileInfo& photo);
     static QString filterText(int filterType);
     static QString footerText();
+    // "Page [page] of [topage]", for the converter to fill on every page.
+    static QString pageNumberText();
+    // How the findings were reached: engine, threshold, ladder, search
+    // correction, reference photos; rows of a two-column table.
+    static QString methodRows(const SReportInput& input);
+    // The case number, examiner and notes given, as a table; empty when none is.
+    static QString caseTable(const SReportInput& input);
     // The document for these photos with these thumbnails (one per photo).
     static QString buildDocument(const SReportInput& input, const QStringList& thumbnails);
     // A photo's result cell and EXIF cell contents.
     static QString resultText(const qutils::CQuorvexAPI::SAnalysisResult& result);
     static QString exifText(const QString& photoPath);
+    // "4000 × 3000 pixels" from the file's header; empty when it cannot be read.
+    static QString pixelSizeText(const QString& photoPath);
     // Writes a thumbnail that fits 300 × 300; false when it cannot be written.
     static bool writeThumbnail(const QString& photoPath, const QString& thumbnailPath);
 

@@ -1,6 +1,7 @@
 #include "multiplethreadanalyzer.h"
 
 #include "qutils/debugutils.h"
+#include "qutils/fileutils.h"
 #include "qutils/threadsync.h"
 
 CMultipleThreadAnalyzer::CAnalyzerThread::CAnalyzerThread(CMultipleThreadAnalyzer* analyzer)
@@ -23,7 +24,8 @@ void CMultipleThreadAnalyzer::CAnalyzerThread::run()
         const SAnalysisResult result = m_analyzer->m_fingerprint
                                            ? m_analyzer->m_fingerprint->match(photo, m_analyzer->m_skipDifferentCamera)
                                            : SAnalysisResult{false, 0.0, 0.0, qutils::CQuorvexAPI::CannotOpenFingerprint};
-        m_analyzer->store(index, result);
+        const QString sha256 = m_analyzer->m_hashFiles ? qutils::fileSha256(photo.absoluteFilePath()) : QString();
+        m_analyzer->store(index, result, sha256);
         emit m_analyzer->imageFinished(index);
     }
 }
@@ -106,16 +108,29 @@ int CMultipleThreadAnalyzer::takeNext(QFileInfo& photo)
     return index;
 }
 
-void CMultipleThreadAnalyzer::store(int index, const SAnalysisResult& result)
+void CMultipleThreadAnalyzer::store(int index, const SAnalysisResult& result, const QString& sha256)
 {
     std::lock_guard<std::mutex> lock(m_resultsMutex);
     SSlot& slot = m_slots[m_slotOfIndex.at(index)];
     slot.result = result;
+    slot.hashed = sha256.size() == static_cast<int>(slot.sha256.size());
+    for (int i = 0; slot.hashed && i < sha256.size(); ++i)
+        slot.sha256[static_cast<size_t>(i)] = sha256.at(i).toLatin1();
     if (!slot.done)
     {
         slot.done = true;
         ++m_analyzedCount;
     }
+}
+
+QString CMultipleThreadAnalyzer::sha256(const QString& absolutePath) const
+{
+    std::lock_guard<std::mutex> lock(m_resultsMutex);
+    const auto found = m_slotOfPath.constFind(absolutePath);
+    if (found == m_slotOfPath.constEnd() || !m_slots.at(found.value()).hashed)
+        return QString();
+    const SSlot& slot = m_slots.at(found.value());
+    return QString::fromLatin1(slot.sha256.data(), static_cast<int>(slot.sha256.size()));
 }
 
 int CMultipleThreadAnalyzer::analyzedCount() const

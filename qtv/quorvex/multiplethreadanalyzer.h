@@ -9,6 +9,7 @@
 #include <QThread>
 #include <QVector>
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -47,6 +48,12 @@ public:
     // Cancels and joins the pool: workers never outlive the analyzer.
     ~CMultipleThreadAnalyzer() override;
 
+    // Whether each photo's SHA-256 is computed on its worker after the match
+    // (off by default); set before start().
+    void setHashFiles(bool hash) { m_hashFiles = hash; }
+    // The photo's SHA-256 in hex; empty when not hashed (off, not yet done,
+    // or the file could not be read).
+    QString sha256(const QString& absolutePath) const;
     int analyzedCount() const;
     SAnalysisResult result(const QString& absolutePath) const;
     QMap<QString, SAnalysisResult> results() const;
@@ -69,7 +76,7 @@ private:
     friend class CAnalyzerThread;
     // The next photo to match, or -1 when there is none.
     int takeNext(QFileInfo& photo);
-    void store(int index, const SAnalysisResult& result);
+    void store(int index, const SAnalysisResult& result, const QString& sha256);
 
     // Per distinct absolute path (a path listed twice has one entry).
     struct SSlot
@@ -77,6 +84,9 @@ private:
         QString path;
         SAnalysisResult result;
         bool done = false;
+        // Fixed storage, so a worker allocates nothing for it that outlives the photo.
+        std::array<char, 64> sha256{};
+        bool hashed = false;
     };
 
     std::atomic<bool> m_cancelled{false};
@@ -87,6 +97,7 @@ private:
     int m_analyzedCount = 0;
     std::shared_ptr<const CFingerprint> m_fingerprint;
     bool m_skipDifferentCamera;
+    bool m_hashFiles = false;
     mutable std::mutex m_resultsMutex;
     int m_finishedThreads = 0;
     int m_nextIndex = 0;

@@ -75,6 +75,36 @@ void CSettings::setLastReport(const QFileInfo& file)
     store("lastReport", file.absoluteFilePath());
 }
 
+QString CSettings::reportCaseNumber()
+{
+    return text("reportCaseNumber", QString());
+}
+
+void CSettings::setReportCaseNumber(const QString& value)
+{
+    store("reportCaseNumber", value);
+}
+
+QString CSettings::reportExaminer()
+{
+    return text("reportExaminer", QString());
+}
+
+void CSettings::setReportExaminer(const QString& value)
+{
+    store("reportExaminer", value);
+}
+
+QString CSettings::reportNotes()
+{
+    return text("reportNotes", QString());
+}
+
+void CSettings::setReportNotes(const QString& value)
+{
+    store("reportNotes", value);
+}
+
 namespace
 {
 QMutex g_currentMutex;

@@ -30,4 +30,12 @@ public:
     // Falls back to the fingerprint's path, so a first report lands beside it.
     static QFileInfo lastReport();
     static void setLastReport(const QFileInfo& file);
+
+    // The case details put at the top of reports; empty until given.
+    static QString reportCaseNumber();
+    static void setReportCaseNumber(const QString& text);
+    static QString reportExaminer();
+    static void setReportExaminer(const QString& text);
+    static QString reportNotes();
+    static void setReportNotes(const QString& text);
 };

@@ -4,6 +4,7 @@
 #include "platform.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
 #include <QDate>
 #include <QDateTime>
 #include <QFileInfo>
@@ -844,6 +845,25 @@ bool isSameFile(const QString& a, const QString& b)
         return (folder.isEmpty() ? info.absolutePath() : folder) + QLatin1Char('/') + info.fileName();
     };
     return entry(a) == entry(b);
+}
+
+QString fileSha256(const QString& path)
+{
+    QFile file;
+    if (!platform::openRegularFile(path, file))
+        return QString();
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    QByteArray block(1 << 20, Qt::Uninitialized);
+    for (;;)
+    {
+        const qint64 read = file.read(block.data(), block.size());
+        if (read < 0)
+            return QString();
+        if (read == 0)
+            break;
+        hash.addData(block.constData(), static_cast<int>(read));
+    }
+    return QString::fromLatin1(hash.result().toHex());
 }
 
 } // namespace qutils

@@ -108,6 +108,12 @@ QString outputTargetProblem(const QString& path);
 // folder.
 bool isSameFile(const QString& a, const QString& b);
 
+// The SHA-256 of a regular file's bytes in lower-case hex, read in blocks so
+// a large file is never held whole; empty when the file cannot be read to its
+// end (missing, a pipe or device, a read error). Slow for large files: call it
+// off the GUI thread.
+QString fileSha256(const QString& path);
+
 } // namespace qutils
 
 Q_DECLARE_METATYPE(qutils::EXIFInfo::LensInfo_t)

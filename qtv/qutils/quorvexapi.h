@@ -74,6 +74,9 @@ public:
         // (0.8: shrunk to 80 %); 1 for the same size, a crop, or an answer
         // that does not say.
         double scale = 1.0;
+        // The clockwise turn, in degrees, that aligns the photo with the
+        // fingerprint; 0 when the answer does not say.
+        int orientation = 0;
     };
 
     // The lower-case key ("success"); empty for a code not in the table.

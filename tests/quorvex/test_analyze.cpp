@@ -23,6 +23,7 @@
 #include "testutils.h"
 
 #include <QCheckBox>
+#include <QLineEdit>
 #include <QComboBox>
 #include <QCoreApplication>
 #include <QDialog>
@@ -223,7 +224,9 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
     }
     EXPECT_EQ(window.currentPage(), info);
 
-    // Back returns to the folder page; a fresh visit has the boxes unchecked again.
+    // Back returns to the folder page; a fresh visit has the boxes unchecked
+    // again, and the report's case details as they were left.
+    info->findChild<QLineEdit*>(QStringLiteral("reportCaseNumber"))->setText(QStringLiteral("2026/17"));
     button<QPushButton>(info, "btnNavigateBackLeft")->click();
     EXPECT_EQ(window.currentPage(), page);
     {
@@ -234,6 +237,7 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
     ASSERT_TRUE(again);
     for (QCheckBox* box : again->findChildren<QCheckBox*>(QStringLiteral("fingerprintSettings")))
         EXPECT_FALSE(box->isChecked());
+    EXPECT_EQ(again->findChild<QLineEdit*>(QStringLiteral("reportCaseNumber"))->text(), QStringLiteral("2026/17"));
 }
 
 TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)

@@ -544,11 +544,12 @@ TEST(FingerprintAnswer, EngineJsonBecomesTheRecord)
         CQuorvexAPI::EStatus status;
         double scale;
         QString reason;
+        int orientation = 0;
     } cases[] = {
         {CQuorvexAPI::Success, R"("sensor_matched":1,"probability":0.9995,"pce":900,"reason":"")", true,
          CQuorvexAPI::Success, 1.0, QString()},
-        {CQuorvexAPI::Success, R"("sensor_matched":"1","probability":"0.9995","scale":"0.8","reason":"")", true,
-         CQuorvexAPI::Success, 0.8, QString()},
+        {CQuorvexAPI::Success, R"("sensor_matched":"1","probability":"0.9995","scale":"0.8","orientation":270,"reason":"")",
+         true, CQuorvexAPI::Success, 0.8, QString(), 270},
         {CQuorvexAPI::Success, R"("sensor_matched":1,"scale":"x","reason":"")", true, CQuorvexAPI::Success, 1.0,
          QString()},
         {CQuorvexAPI::Success, R"("sensor_matched":0,"probability":0,"pce":0,"scale":1,"reason":"size")", false,
@@ -568,6 +569,7 @@ TEST(FingerprintAnswer, EngineJsonBecomesTheRecord)
         EXPECT_EQ(r.status, c.status);
         EXPECT_DOUBLE_EQ(r.scale, c.scale);
         EXPECT_EQ(r.reason, c.reason);
+        EXPECT_EQ(r.orientation, c.orientation);
     }
     EXPECT_NE(CFingerprint::notComparedReason(QStringLiteral("size")), QStringLiteral("size"));
 }

@@ -55,4 +55,11 @@ TEST_F(SettingsTest, ValuesRoundTripThroughTheSharedFile)
     EXPECT_EQ(qutils::CAppSettings::value(QStringLiteral("analyzeSubdirs"), 0), 1);
     CSettings::setAnalyzeSubdirs(false);
     EXPECT_FALSE(CSettings::analyzeSubdirs());
+    EXPECT_TRUE(CSettings::reportNotes().isEmpty());
+    CSettings::setReportCaseNumber(QStringLiteral("2026/17"));
+    CSettings::setReportExaminer(QStringLiteral("A. Novak"));
+    CSettings::setReportNotes(QStringLiteral("bag 4\nsealed"));
+    EXPECT_EQ(CSettings::reportCaseNumber(), QStringLiteral("2026/17"));
+    EXPECT_EQ(CSettings::reportExaminer(), QStringLiteral("A. Novak"));
+    EXPECT_EQ(CSettings::reportNotes(), QStringLiteral("bag 4\nsealed"));
 }

@@ -1,6 +1,7 @@
 #include "qutils/fileutils.h"
 
 #include <QColor>
+#include <QCryptographicHash>
 #include <QDate>
 #include <QDateTime>
 #include <QDir>
@@ -366,6 +367,19 @@ TEST_F(FileUtilsTest, UnreadableFilesGiveFalseAndNothingIsPrinted)
     }
     EXPECT_EQ(out, std::string());
     EXPECT_EQ(err, std::string());
+
+    // Nor are they hashed; a file of several read blocks hashes as a whole.
+    for (int i = 4; i < paths.size(); ++i)
+        EXPECT_TRUE(qutils::fileSha256(paths.at(i)).isEmpty()) << paths.at(i).toStdString();
+    const QByteArray bytes(5 * 512 * 1024 + 7, 'q');
+    const QString large = path(QStringLiteral("large.bin"));
+    {
+        QFile file(large);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.write(bytes), bytes.size());
+    }
+    EXPECT_EQ(qutils::fileSha256(large),
+              QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()));
 
     // The damaged block is still a block: what could be read is kept, the
     // manufacturer whose text lies outside the file is not.

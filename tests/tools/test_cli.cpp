@@ -11,6 +11,7 @@
 #include "camsim/imagefile.h"
 
 #include <QDateTime>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -141,7 +142,8 @@ const QStringList JsonKeys = {QStringLiteral("path"),        QStringLiteral("mat
                               QStringLiteral("compared"),    QStringLiteral("probability"),
                               QStringLiteral("correlation"), QStringLiteral("pce"),
                               QStringLiteral("scale"),       QStringLiteral("status"),
-                              QStringLiteral("class"),       QStringLiteral("reason")};
+                              QStringLiteral("class"),       QStringLiteral("reason"),
+                              QStringLiteral("sha256")};
 const QStringList MatchClasses = {QStringLiteral("very high"), QStringLiteral("high"),
                                   QStringLiteral("medium"), QStringLiteral("low")};
 
@@ -473,7 +475,7 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     const QStringList rawLines = lines(csvText);
     ASSERT_EQ(rawLines.size(), 6);
     EXPECT_EQ(rawLines.at(0),
-              QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason"));
+              QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason,sha256"));
     // The folder's comma and quotes force quoting, with the quotes doubled.
     EXPECT_TRUE(rawLines.at(1).startsWith(QStringLiteral("\"") + s_dir->path()));
     EXPECT_TRUE(rawLines.at(1).contains(QStringLiteral("questioned, \"\"mixed\"\"/a-1.jpg\",")));
@@ -482,7 +484,7 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     for (int i = 0; i < 5; ++i)
     {
         const QStringList& row = rows.at(i + 1);
-        ASSERT_EQ(row.size(), 10) << rawLines.at(i + 1).toStdString();
+        ASSERT_EQ(row.size(), 11) << rawLines.at(i + 1).toStdString();
         const QJsonObject& o = json.at(i);
         EXPECT_EQ(row.at(0), QFileInfo(s_questioned.at(i)).absoluteFilePath());
         EXPECT_EQ(row.at(0), o.value(QStringLiteral("path")).toString());
@@ -495,6 +497,9 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
         EXPECT_EQ(row.at(7), o.value(QStringLiteral("status")).toString());
         EXPECT_EQ(row.at(8), o.value(QStringLiteral("class")).toString());
         EXPECT_EQ(row.at(1) == QLatin1String("true"), s_truth.at(i) == SameCamera);
+        EXPECT_EQ(row.at(10), QString::fromLatin1(QCryptographicHash::hash(readBytes(s_questioned.at(i)),
+                                                                           QCryptographicHash::Sha256).toHex()));
+        EXPECT_EQ(row.at(10), o.value(QStringLiteral("sha256")).toString());
     }
 }
 
@@ -1336,11 +1341,14 @@ TEST(CliFormat, OutcomesOfEveryKind)
     EXPECT_EQ(cli::jsonLine(outcome),
               QStringLiteral("{\"path\":\"/x/q/p.jpg\",\"matched\":false,\"compared\":false,\"probability\":0,"
                              "\"correlation\":0,\"pce\":0,\"scale\":1,\"status\":\"invalid\","
-                             "\"class\":\"not processed\",\"reason\":\"\"}"));
+                             "\"class\":\"not processed\",\"reason\":\"\",\"sha256\":null}"));
     outcome.processed = true;
     outcome.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
     EXPECT_EQ(cli::className(outcome), QStringLiteral("high"));
-    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,true,0.995,0.05,210.5,1,success,high,"));
+    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,true,0.995,0.05,210.5,1,success,high,,"));
+    outcome.sha256 = QStringLiteral("ba78");
+    EXPECT_TRUE(cli::jsonLine(outcome).endsWith(QStringLiteral(",\"reason\":\"\",\"sha256\":\"ba78\"}")));
+    EXPECT_TRUE(cli::csvLine(outcome).endsWith(QStringLiteral(",high,,ba78")));
     EXPECT_TRUE(cli::tableLine(outcome).startsWith(QStringLiteral("high ")));
     EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("210.5  q/p.jpg")));
     outcome.result.scale = 0.8;
@@ -1351,7 +1359,7 @@ TEST(CliFormat, OutcomesOfEveryKind)
     notCompared.result = {false, 0.0, 0.0, qutils::CQuorvexAPI::ImageFingerprintInconsistentSize, 0.0,
                           QStringLiteral("photo too small")};
     EXPECT_EQ(cli::csvLine(notCompared), QStringLiteral("/x/q/p.jpg,false,false,0,0,0,1,"
-                                                        "imagefingerprintinconsistentsize,not compared,photo too small"));
+                                                        "imagefingerprintinconsistentsize,not compared,photo too small,ba78"));
     EXPECT_EQ(cli::tableLine(notCompared),
               QStringLiteral("not compared            -          -  q/p.jpg  Not compared: Size is incompatible with "
                              "fingerprint (photo too small)"));
@@ -1366,7 +1374,7 @@ TEST(CliFormat, OutcomesOfEveryKind)
     refused.path = QStringLiteral("q/pipe.jpg");
     refused.reason = QStringLiteral("not a regular file, say");
     EXPECT_TRUE(cli::tableLine(refused).endsWith(QStringLiteral("q/pipe.jpg  (not a regular file, say)")));
-    EXPECT_TRUE(cli::csvLine(refused).endsWith(QStringLiteral(",not processed,\"not a regular file, say\"")));
+    EXPECT_TRUE(cli::csvLine(refused).endsWith(QStringLiteral(",not processed,\"not a regular file, say\",")));
 
     const cli::SSummary summary = cli::summarize({outcome, cli::SPhotoOutcome(), notCompared, skipped}, 6.0);
     EXPECT_EQ(cli::summaryLines(summary),
@@ -1448,9 +1456,16 @@ TEST(CliCommandLine, ValuesAndOrder)
 {
     const cli::SCommandLine c = cli::parseCommandLine(
         {QStringLiteral("analyze"), QStringLiteral("b"), QStringLiteral("--threads=3"), QStringLiteral("-f"),
-         QStringLiteral("k.fnp"), QStringLiteral("--json"), QStringLiteral("-"), QStringLiteral("--"),
-         QStringLiteral("--odd-name.jpg"), QStringLiteral("a")});
+         QStringLiteral("k.fnp"), QStringLiteral("--case=2026/17"), QStringLiteral("--examiner"),
+         QStringLiteral("A. Novak"), QStringLiteral("--notes"), QStringLiteral("seized, bag 4"),
+         QStringLiteral("--json"), QStringLiteral("-"), QStringLiteral("--"), QStringLiteral("--odd-name.jpg"),
+         QStringLiteral("a")});
     ASSERT_EQ(c.command, cli::ECommand::Analyze) << c.error.toStdString();
+    EXPECT_EQ(c.caseNumber, QStringLiteral("2026/17"));
+    EXPECT_EQ(c.examiner, QStringLiteral("A. Novak"));
+    EXPECT_EQ(c.notes, QStringLiteral("seized, bag 4"));
+    EXPECT_FALSE(cli::parseCommandLine({QStringLiteral("validate"), QStringLiteral("--case=1"), QStringLiteral("s")})
+                     .error.isEmpty()) << "the report's case fields belong to analyze";
     EXPECT_EQ(c.threads, 3);
     EXPECT_EQ(c.fingerprintFile, QStringLiteral("k.fnp"));
     EXPECT_EQ(c.jsonFile, QStringLiteral("-"));

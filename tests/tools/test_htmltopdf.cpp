@@ -220,8 +220,8 @@ protected:
         const QString body =
             QStringLiteral("<h1>Analysis report Gr\u00f6\u00dfe \u2013 \u00a9</h1>\n"
                            "<p>The fingerprint file was found in the office.</p>\n"
-                           "<table width=\"100%\"><tr><th width=\"90\">Thumbnail</th><th>File</th>"
-                           "<th>Result</th></tr>\n%1</table>\n")
+                           "<table width=\"100%\"><thead><tr><th width=\"90\">Thumbnail</th><th>File</th>"
+                           "<th>Result</th></tr></thead><tbody>\n%1</tbody></table>\n")
                 .arg(rows);
         s_report = path(QStringLiteral("report one.xhtml"));
         writeText(s_report, xhtmlPage(QStringLiteral("Quorvex test report"), ReportStyle, body));
@@ -308,6 +308,7 @@ TEST_F(HtmlToPdfTest, ReportHasItsTextAndTheFooterOnEveryPage)
             << page;
         EXPECT_TRUE(text.contains(QStringLiteral("Page %1 of %2").arg(page).arg(pages.size()))) << page;
         EXPECT_TRUE(text.contains(QStringLiteral("HeaderMark"))) << page;
+        EXPECT_EQ(text.count(QStringLiteral("Thumbnail")), 1) << page << ": the table header on every page";
     }
 }
 

@@ -76,6 +76,8 @@ int runAnalyze(const SCommandLine& commandLine)
 
     qutils::platform::catchInterrupts();
     CAnalyzeJob job(inputs.photos, fingerprint, commandLine.skipDifferentCamera, commandLine.threads);
+    // The files and the report name each photo by its hash too.
+    job.setHashFiles(jsonToStdout || jsonFile || csvFile || !commandLine.reportFile.isEmpty());
     CConsole::note(QStringLiteral("analyzing %1 photos against %2 on %3 %4")
                        .arg(inputs.photos.size())
                        .arg(commandLine.fingerprintFile)
@@ -154,7 +156,7 @@ int runAnalyze(const SCommandLine& commandLine)
         if (!QFileInfo(folder).isDir() && !inputs.photos.isEmpty())
             folder = inputs.photos.first().absolutePath();
         exitCode = writeReport(outcomes, commandLine.fingerprintFile, fingerprint->properties(), folder,
-                               commandLine.reportFile);
+                               commandLine.reportFile, commandLine.caseNumber, commandLine.examiner, commandLine.notes);
     }
     // Standard output may have gone (a reader that stopped early): the files
     // above were still finished, but the run did not deliver all it was asked.

@@ -44,6 +44,11 @@ CAnalyzeJob::CAnalyzeJob(const QFileInfoList& photos, std::shared_ptr<const CFin
 
 CAnalyzeJob::~CAnalyzeJob() = default;
 
+void CAnalyzeJob::setHashFiles(bool hash)
+{
+    m_analyzer->setHashFiles(hash);
+}
+
 int CAnalyzeJob::threadCount() const
 {
     return m_analyzer->threadCount();
@@ -91,6 +96,7 @@ void CAnalyzeJob::onImageFinished(int index)
         m_analyzer->cancel();
         return;
     }
+    outcome.sha256 = m_analyzer->sha256(outcome.absolutePath);
     outcome.processed = true;
     m_done[index] = true;
     ++m_doneCount;

@@ -36,6 +36,10 @@ public:
     // Gets every photo exactly once, in list order: each as soon as it and
     // all photos before it are done, at the end the ones never reached.
     void setOutcomeHandler(OutcomeHandler handler) { m_handler = std::move(handler); }
+    // Whether each photo's SHA-256 is computed, on the analyzer's worker right
+    // after its match, so the main thread's progress never waits for it (off
+    // by default); set before run().
+    void setHashFiles(bool hash);
     // Whether progress goes to standard error (on by default).
     void setShowProgress(bool show) { m_showProgress = show; }
 

@@ -101,6 +101,15 @@ QList<SOption> optionsFor(ECommand command)
              true,
              [](SCommandLine& c, const QString& v) { return storeText(c.csvFile, v); }},
             report,
+            {{QStringLiteral("--case")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.caseNumber, v); }},
+            {{QStringLiteral("--examiner")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.examiner, v); }},
+            {{QStringLiteral("--notes")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.notes, v); }},
         };
     case ECommand::Info:
         return {
@@ -307,7 +316,8 @@ QString helpText()
         "  quorvex-cli learn   -o FILE.fnp [--recursive] [--limit N] PATH...\n"
         "  quorvex-cli analyze -f FILE.fnp [--recursive] [--skip-different-camera] [--threads N]\n"
         "                      [--scale-search full|sized|off] [--json FILE|-] [--csv FILE]\n"
-        "                      [--report FILE.pdf] PATH...\n"
+        "                      [--report FILE.pdf] [--case TEXT] [--examiner TEXT]\n"
+        "                      [--notes TEXT] PATH...\n"
         "  quorvex-cli info    [--json] FILE.fnp\n"
         "  quorvex-cli demo    [--out DIR]\n"
         "  quorvex-cli validate [--variants] [--json FILE] [--report FILE.pdf] [--threads N]\n"
@@ -354,9 +364,13 @@ QString helpText()
         "                             was never compared with the fingerprint), probability,\n"
         "                             correlation, pce, scale (the photo's size as a factor of\n"
         "                             the fingerprint's image), status (lower-case key), class,\n"
-        "                             reason (why a photo was not processed or not compared)\n"
+        "                             reason (why a photo was not processed or not compared),\n"
+        "                             sha256 (of the photo file as analysed; null when unread)\n"
         "  --csv FILE                 write the same columns as CSV with a header line\n"
         "  --report FILE.pdf          also write a PDF report of every photo\n"
+        "  --case, --examiner, --notes TEXT\n"
+        "                             the case number, examiner and notes shown at the top of\n"
+        "                             the report (each optional)\n"
         "Classes: very high (probability >= 0.999), high (>= 0.995), medium (>= 0.99), low\n"
         "(any other match), not found (no match, or the photo failed: see its status),\n"
         "not compared (the photo's size fits the fingerprint in no way tried, status\n"

@@ -51,6 +51,9 @@ struct SCommandLine
     QString outDir;     // demo --out
     bool variants = false; // validate --variants
     QString scaleSearch;   // analyze and validate --scale-search; empty: not given
+    QString caseNumber;    // analyze --case, for the report
+    QString examiner;      // analyze --examiner
+    QString notes;         // analyze --notes
 };
 
 // Parses the arguments without the program's name. A --scale-search value is

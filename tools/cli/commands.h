@@ -23,7 +23,9 @@ int learnFingerprint(const QFileInfoList& photos, const QString& target);
 // Writes the PDF report of an analysis (every photo, in the order given);
 // shared by 'analyze --report' and 'demo'.
 int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprintPath,
-                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath);
+                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath,
+                const QString& caseNumber = QString(), const QString& examiner = QString(),
+                const QString& notes = QString());
 
 // The whole tool: parses the arguments and runs the command.
 int runCli(const QStringList& arguments);

@@ -12,9 +12,13 @@ namespace cli
 {
 
 int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprintPath,
-                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath)
+                const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath,
+                const QString& caseNumber, const QString& examiner, const QString& notes)
 {
     SReportInput input;
+    input.caseNumber = caseNumber;
+    input.examiner = examiner;
+    input.notes = notes;
     input.filterType = 0;
     input.fingerprintPath = QFileInfo(fingerprintPath).absoluteFilePath();
     input.fingerprintProperties = properties;
@@ -26,6 +30,9 @@ int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprint
         // Photos never reached stay out of the results, as in the program's report.
         if (outcome.processed)
             input.results.insert(outcome.absolutePath, outcome.result);
+        // Hashed by the analysis already; the report task hashes the rest.
+        if (!outcome.sha256.isEmpty())
+            input.sha256.insert(outcome.absolutePath, outcome.sha256);
     }
 
     auto task = qutils::makeTask<CGeneratorTask>(input);

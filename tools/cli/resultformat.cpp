@@ -60,17 +60,18 @@ QString jsonLine(const SPhotoOutcome& outcome)
 {
     const auto& r = outcome.result;
     return QStringLiteral("{\"path\":%1,\"matched\":%2,\"compared\":%3,\"probability\":%4,\"correlation\":%5,"
-                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9,\"reason\":%10}")
+                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9,\"reason\":%10,\"sha256\":%11}")
         .arg(jsonString(outcome.absolutePath), boolText(outcome.processed && r.matched), boolText(compared(outcome)),
              jsonNumber(outcome.processed ? r.probability : 0.0), jsonNumber(outcome.processed ? r.correlation : 0.0),
              jsonNumber(outcome.processed ? r.pce : 0.0), jsonNumber(outcome.processed ? r.scale : 1.0),
              jsonString(statusKey(outcome)), jsonString(className(outcome)))
-        .arg(jsonString(reason(outcome)));
+        .arg(jsonString(reason(outcome)),
+             outcome.sha256.isEmpty() ? QStringLiteral("null") : jsonString(outcome.sha256));
 }
 
 QString csvHeader()
 {
-    return QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason");
+    return QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason,sha256");
 }
 
 QString csvField(const QString& text)
@@ -97,6 +98,7 @@ QString csvLine(const SPhotoOutcome& outcome)
         statusKey(outcome),
         className(outcome),
         csvField(reason(outcome)),
+        outcome.sha256,
     };
     return fields.join(QLatin1Char(','));
 }

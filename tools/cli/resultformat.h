@@ -17,6 +17,7 @@ struct SPhotoOutcome
     bool processed = false;
     QString reason; // why a photo was not processed (the result carries the reason of a failed one)
     qutils::CQuorvexAPI::SAnalysisResult result;
+    QString sha256; // of the file as analysed, in hex; empty when not hashed
 };
 
 // A JSON string literal, quotes included.
@@ -28,7 +29,8 @@ QString jsonNumber(double value);
 QString className(const SPhotoOutcome& outcome);
 
 // {"path":..,"matched":..,"compared":..,"probability":..,"correlation":..,"pce":..,"scale":..,
-//  "status":..,"class":..,"reason":..} in this key order, on one line. compared is true only
+//  "status":..,"class":..,"reason":..,"sha256":..} in this key order, on one line (sha256 null
+// when the file was not hashed). compared is true only
 // for a photo the engine correlated with the fingerprint.
 QString jsonLine(const SPhotoOutcome& outcome);
 

@@ -102,14 +102,27 @@ void CConverter::warnMissingResources(const QStringList& missing)
 void CConverter::drawSlice(QPainter* painter, QTextDocument* document, const SPageSlice& slice,
                            const QRectF& content, qreal pageWidth)
 {
+    qreal y = content.top();
+    if (slice.headerBottom > slice.headerTop)
+    {
+        drawRegion(painter, document, slice.headerTop, slice.headerBottom, slice.headerBottom, y, content.left(),
+                   pageWidth);
+        y += slice.headerBottom - slice.headerTop;
+    }
+    drawRegion(painter, document, slice.top, slice.bottom, slice.inkBottom, y, content.left(), pageWidth);
+}
+
+void CConverter::drawRegion(QPainter* painter, QTextDocument* document, qreal top, qreal bottom, qreal inkBottom,
+                            qreal y, qreal left, qreal pageWidth)
+{
     painter->save();
     CCullingPaintDevice canvas(painter->device());
-    canvas.setTarget(painter, QRectF(0, content.top(), pageWidth, slice.bottom - slice.top));
+    canvas.setTarget(painter, QRectF(0, y, pageWidth, bottom - top));
     QPainter culling(&canvas);
-    culling.translate(content.left(), content.top() - slice.top);
+    culling.translate(left, y - top);
     // Wide content may run into the side margins, never past the paper; the
     // last line's descenders may reach below the cut.
-    const QRectF area(-content.left(), slice.top, pageWidth, slice.inkBottom - slice.top);
+    const QRectF area(-left, top, pageWidth, inkBottom - top);
     culling.setClipRect(area);
     QAbstractTextDocumentLayout::PaintContext context;
     context.clip = area;

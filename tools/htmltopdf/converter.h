@@ -29,6 +29,9 @@ private:
     void warnMissingResources(const QStringList& missing);
     static void drawSlice(QPainter* painter, QTextDocument* document, const SPageSlice& slice,
                           const QRectF& content, qreal pageWidth);
+    // The document from top to bottom (ink to inkBottom) with its top at y.
+    static void drawRegion(QPainter* painter, QTextDocument* document, qreal top, qreal bottom, qreal inkBottom,
+                           qreal y, qreal left, qreal pageWidth);
 
     SOptions m_options;
     CProgress m_progress;

@@ -193,7 +193,10 @@ void CPagePlanner::collectTable(QTextTable* table)
     // A header row never ends a page: it stays with the first row under it.
     const int headerRows = tableFormat.headerRowCount();
     if (headerRows > 0 && headerRows < rows)
+    {
         m_keep.append({rowTop[0], rowBottom(headerRows), rowBottom(headerRows)});
+        m_headers.append({rowTop[0], rowTop[headerRows], tableRect.bottom()});
+    }
 }
 
 QVector<SPageSlice> CPagePlanner::plan(qreal pageHeight) const
@@ -204,7 +207,21 @@ QVector<SPageSlice> CPagePlanner::plan(qreal pageHeight) const
     qreal top = 0;
     while (top < m_contentBottom - Tolerance || slices.isEmpty())
     {
-        qreal bottom = top + pageHeight;
+        // A page starting inside a table's body repeats its header rows, in
+        // room taken from the page; a header too tall for that is not repeated.
+        SPageSlice slice;
+        for (const SHeader& header : m_headers)
+        {
+            const qreal height = header.bottom - header.top;
+            if (header.bottom <= top + Tolerance && top < header.tableBottom - Tolerance && height > Tolerance &&
+                height <= pageHeight / 4)
+            {
+                slice.headerTop = header.top;
+                slice.headerBottom = header.bottom;
+            }
+        }
+        const qreal room = pageHeight - (slice.headerBottom - slice.headerTop);
+        qreal bottom = top + room;
         for (qreal cut : m_breaks)
             if (cut > top + Tolerance && cut < bottom)
             {
@@ -225,7 +242,7 @@ QVector<SPageSlice> CPagePlanner::plan(qreal pageHeight) const
                 if (span.top >= bottom - Tolerance)
                     break;
                 if (span.bottom > bottom + Tolerance && span.top > top + Tolerance &&
-                    span.bottom - span.top <= pageHeight + Tolerance)
+                    span.bottom - span.top <= room + Tolerance)
                 {
                     bottom = span.top;
                     moved = true;
@@ -234,12 +251,15 @@ QVector<SPageSlice> CPagePlanner::plan(qreal pageHeight) const
             }
         }
         if (bottom <= top + Tolerance)
-            bottom = top + pageHeight;
+            bottom = top + room;
         qreal inkBottom = bottom;
         for (auto it = first; it != m_keep.cend() && it->top < bottom - Tolerance; ++it)
             if (it->bottom <= bottom + Tolerance)
                 inkBottom = qMax(inkBottom, it->ink);
-        slices.append({top, bottom, inkBottom});
+        slice.top = top;
+        slice.bottom = bottom;
+        slice.inkBottom = inkBottom;
+        slices.append(slice);
         top = bottom;
     }
     return slices;

@@ -18,6 +18,10 @@ struct SPageSlice
     qreal top = 0;
     qreal bottom = 0;
     qreal inkBottom = 0;
+    // A table's header rows drawn above the slice, when the page starts
+    // inside that table's body; equal when there are none.
+    qreal headerTop = 0;
+    qreal headerBottom = 0;
 };
 
 // Cuts a document laid out without pages (setTextWidth only) into pages.
@@ -25,6 +29,8 @@ struct SPageSlice
 // foot of one page; here a cut never crosses a line of text, a table row or
 // a heading and the line after it, unless the piece is taller than a page.
 // Page breaks the style sheet asks for (page-break-before/after) are kept.
+// A page that starts inside the body of a table with header rows (thead)
+// repeats them at its top.
 class CPagePlanner
 {
 public:
@@ -46,6 +52,14 @@ private:
         qreal ink;    // where its drawing ends; not above bottom
     };
 
+    // A table's header rows and where its body ends.
+    struct SHeader
+    {
+        qreal top;
+        qreal bottom;
+        qreal tableBottom;
+    };
+
     void collectBlocks();
     void collectTable(QTextTable* table);
     qreal blockOffsetY(const QTextBlock& block) const;
@@ -53,6 +67,7 @@ private:
     QTextDocument* m_document;
     QVector<SSpan> m_keep;     // not to be cut, unless taller than a page
     QVector<qreal> m_breaks;   // cuts the document asks for
+    QVector<SHeader> m_headers;
     qreal m_contentBottom = 0; // below this there is nothing to show
 };
 
