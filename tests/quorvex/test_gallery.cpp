@@ -6,7 +6,9 @@
 #include "imagemodel.h"
 
 #include "qcontrols/dialogscript.h"
+#include "qcontrols/stylesheetmanager.h"
 #include "qutils/quorvexapi.h"
+#include "resources.h"
 
 #include "testutils.h"
 
@@ -20,6 +22,7 @@
 #include <QPainter>
 #include <QPropertyAnimation>
 #include <QPushButton>
+#include <QSet>
 #include <QUrl>
 #include <QSignalSpy>
 #include <QStandardItemModel>
@@ -186,20 +189,109 @@ TEST_F(GalleryTest, FilterReadsStatesHeldAsNumbers)
     EXPECT_EQ(filter.index(1, 0).data(CImageModel::ItemStateRole).toInt(), 256);
 }
 
-TEST_F(GalleryTest, DelegatePaintsEveryState)
+TEST_F(GalleryTest, DelegatePaintsEveryStateWithItsVerdict)
 {
+    using API = qutils::CQuorvexAPI;
+    using Look = CGalleryDelegate::ELook;
     CImageModel model;
     model.setFiles(makePhotos(1));
     CGalleryDelegate delegate;
-    const CImageModel::State states[] = {CImageModel::Idle,          CImageModel::Processing,
-                                         CImageModel::Waiting,       CImageModel::SuccessVeryHigh,
-                                         CImageModel::SuccessHigh,   CImageModel::SuccessMedium,
-                                         CImageModel::SuccessLow,    CImageModel::Fail};
+    const auto analysed = [](bool matched, double probability, API::EStatus status, double pce,
+                             double scale = 1.0, const QString& reason = QString()) {
+        return QVariant::fromValue(
+            API::SAnalysisResult{matched, probability, 0.01, status, pce, reason, scale});
+    };
+    struct SCase
+    {
+        CImageModel::State state;
+        QVariant result;
+        QString description;
+        Look look;
+        QString text;
+        QString detail;
+    };
+    const SCase cases[] = {
+        {CImageModel::Idle, {}, {}, Look::Plain, {}, {}},
+        {CImageModel::Processing, {}, {}, Look::Processing, QStringLiteral("Analyzing"), {}},
+        {CImageModel::Waiting, {}, {}, Look::Waiting, QStringLiteral("Waiting"), {}},
+        {CImageModel::SuccessVeryHigh,
+         analysed(true, 0.9999, API::Success, 1234.56),
+         {},
+         Look::VeryHigh,
+         QStringLiteral("Match: very high probability"),
+         QStringLiteral("PCE 1234.6")},
+        {CImageModel::SuccessHigh,
+         analysed(true, 0.995, API::Success, 80.0, 0.8),
+         {},
+         Look::High,
+         QStringLiteral("Match: high probability"),
+         QStringLiteral("PCE 80.0, scale 0.80")},
+        {CImageModel::SuccessMedium,
+         analysed(true, 0.99, API::Success, 70.0),
+         {},
+         Look::Medium,
+         QStringLiteral("Match: medium probability"),
+         QStringLiteral("PCE 70.0")},
+        {CImageModel::SuccessLow,
+         analysed(true, 0.9, API::Success, 60.1),
+         {},
+         Look::Low,
+         QStringLiteral("Match: low probability"),
+         QStringLiteral("PCE 60.1")},
+        // A reference photo of a new fingerprint carries no comparison.
+        {CImageModel::SuccessVeryHigh,
+         analysed(false, 100.0, API::Invalid, 0.0),
+         {},
+         Look::Learned,
+         QStringLiteral("Used for the fingerprint"),
+         {}},
+        {CImageModel::Fail,
+         analysed(false, 0.95, API::Success, 59.84),
+         {},
+         Look::NotFound,
+         QStringLiteral("No match"),
+         QStringLiteral("PCE 59.8")},
+        {CImageModel::Fail,
+         analysed(false, 0.0, API::BrokenImage, 0.0, 1.0, QStringLiteral("JPEG truncated")),
+         {},
+         Look::Error,
+         QStringLiteral("File cannot be opened"),
+         QStringLiteral("JPEG truncated")},
+        {CImageModel::Fail,
+         {},
+         QStringLiteral("<br />Photos have <b>different</b> size"),
+         Look::Error,
+         QStringLiteral("Photos have different size"),
+         {}},
+        {CImageModel::NotCompared,
+         analysed(false, 0.0, API::ImageFingerprintInconsistentSize, 0.0, 1.0, QStringLiteral("too small")),
+         {},
+         Look::NotCompared,
+         QStringLiteral("Not compared: Size is incompatible with fingerprint"),
+         QStringLiteral("too small")},
+    };
     QImage blank(delegate.tileSize(), QImage::Format_ARGB32_Premultiplied);
     blank.fill(Qt::black);
-    for (CImageModel::State state : states)
+    QSet<QRgb> verdictColours;
+    QSet<QString> badges;
+    for (const SCase& c : cases)
     {
-        model.setState(0, state);
+        SCOPED_TRACE(c.text.toStdString());
+        model.setState(0, c.state);
+        model.setResult(0, c.result);
+        model.setDescription(0, c.description);
+        const CGalleryDelegate::SVerdict verdict = CGalleryDelegate::verdict(model.index(0));
+        EXPECT_EQ(verdict.look, c.look);
+        EXPECT_EQ(verdict.text, c.text);
+        EXPECT_EQ(verdict.detail, c.detail);
+        EXPECT_EQ(verdict.badge.isEmpty(), c.look == Look::Plain);
+        if (c.look != Look::Plain && c.look != Look::Processing && c.look != Look::Learned)
+        {
+            // Told apart by colour and, for colour-blind readers, by the badge.
+            verdictColours.insert(CGalleryDelegate::lookColor(c.look).rgb());
+            badges.insert(verdict.badge);
+        }
+
         QImage image = blank;
         QPainter painter(&image);
         QStyleOptionViewItem option;
@@ -208,13 +300,21 @@ TEST_F(GalleryTest, DelegatePaintsEveryState)
         option.fontMetrics = QFontMetrics(QFont());
         delegate.paint(&painter, option, model.index(0));
         painter.end();
-        EXPECT_NE(image, blank) << int(state);
-        // The frame is drawn in the state's colour.
+        EXPECT_NE(image, blank);
         // The tile sits 4 pixels in; its 3-pixel frame is centred on that line.
         const QColor edge = image.pixelColor(delegate.tileSize().width() / 2, 4);
-        EXPECT_EQ(edge.rgb(), CGalleryDelegate::stateColor(state).rgb()) << int(state);
-        EXPECT_EQ(delegate.takePaintedProcessing(), state == CImageModel::Processing) << int(state);
+        const QColor frame = c.look == Look::Error ? CGalleryDelegate::lookColor(Look::Error)
+                                                   : CGalleryDelegate::stateColor(c.state);
+        EXPECT_EQ(edge.rgb(), frame.rgb());
+        EXPECT_EQ(delegate.takePaintedProcessing(), c.state == CImageModel::Processing);
+        // A verdict fills its band in its own colour (probed left of the badge).
+        const QColor band = image.pixelColor(10, delegate.tileSize().height() - 24);
+        if (c.look != Look::Plain && c.look != Look::Waiting && c.look != Look::Processing)
+            EXPECT_EQ(band.rgb(), CGalleryDelegate::lookColor(c.look).rgb());
     }
+    // Waiting, not found, not compared, error and the four classes: all distinct.
+    EXPECT_EQ(verdictColours.size(), 8);
+    EXPECT_EQ(badges.size(), 8);
     model.stopThread();
 
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::Processing), QStringLiteral("normal"));
@@ -223,8 +323,6 @@ TEST_F(GalleryTest, DelegatePaintsEveryState)
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::SuccessLow), QStringLiteral("success_low"));
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::Fail), QStringLiteral("fail"));
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::NotCompared), QStringLiteral("not_compared"));
-    EXPECT_NE(CGalleryDelegate::stateColor(CImageModel::SuccessHigh),
-              CGalleryDelegate::stateColor(CImageModel::SuccessMedium));
 }
 
 TEST_F(GalleryTest, LoadingIndicatorAnimatesOnlyWhileProcessingTileIsPainted)
@@ -400,6 +498,9 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
         opened << url;
         return true;
     });
+    // In the program's own style, so its fonts and paddings count.
+    qApp->setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                            quorvex::styleConstantsResourcePath()));
     CGalleryWidget gallery;
     gallery.resize(800, 600);
     gallery.show();
@@ -408,12 +509,20 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     CGalleryItem* item = gallery.hoverItem();
     const QModelIndex first = gallery.model()->index(0, 0);
     ASSERT_TRUE(QMetaObject::invokeMethod(&gallery, "entered", Q_ARG(QModelIndex, first)));
+    // The name is elided at its start; its tooltip gives the whole path.
+    auto* name = item->findChild<QLabel*>(QStringLiteral("fileName"));
+    ASSERT_TRUE(name);
+    EXPECT_EQ(name->toolTip(), QDir::toNativeSeparators(files.at(0).absoluteFilePath()));
 
     auto button = [&](const char* name) { return item->findChild<QPushButton*>(QString::fromLatin1(name)); };
     ASSERT_TRUE(button("openFolderButton"));
     EXPECT_EQ(button("openFolderButton")->text(), QStringLiteral("Open folder"));
     EXPECT_EQ(button("externalViewerButton")->text(), QStringLiteral("Show in external viewer"));
     EXPECT_EQ(button("detailResultButton")->text(), QStringLiteral("Show detail result"));
+    EXPECT_TRUE(testutils::waitFor(
+        [&] { return item->contentWidget()->geometry() == QRect(QPoint(0, 0), item->size()); }));
+    for (const char* action : {"openFolderButton", "externalViewerButton"})
+        EXPECT_LE(button(action)->sizeHint().width(), button(action)->width()) << action;
     // Nothing to detail before the photo has a result.
     EXPECT_FALSE(button("detailResultButton")->isVisibleTo(item));
 
@@ -484,6 +593,8 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     EXPECT_TRUE(gallery.previewWidget()->isVisible());
     CGalleryWidget::setUrlOpener({});
     gallery.imageModel()->stopThread();
+    qApp->setStyleSheet(QString());
+    qcontrols::CStyleSheetManager::clear();
 }
 
 } // namespace
