@@ -29,6 +29,8 @@
 #include <QToolButton>
 #include <QVBoxLayout>
 
+#include <cmath>
+
 namespace
 {
 constexpr int FrameIntervalMs = 100;
@@ -229,39 +231,55 @@ void CGalleryWidget::openInExternalViewer(const QString& path)
         QX_WARNING << "No image viewer could be started for " << url.toString();
 }
 
-QString CGalleryWidget::detailResultText(const QString& path, const QVariant& result)
+QString CGalleryWidget::pceThresholdText(double pce)
 {
+    const double threshold = qutils::CQuorvexAPI::MatchThresholdPce;
+    if (pce >= threshold)
+        return tr("PCE %1, at or above the threshold of %2").arg(pce, 0, 'f', 1).arg(threshold);
+    return tr("PCE %1, below the threshold of %2").arg(pce, 0, 'f', 1).arg(threshold);
+}
+
+QString CGalleryWidget::detailResultText(const QString& path, const QVariant& result, int state)
+{
+    using qutils::CQuorvexAPI;
     QString verdict = tr("no match");
     QString numbers;
-    if (result.canConvert<qutils::CQuorvexAPI::SAnalysisResult>())
+    if (result.canConvert<CQuorvexAPI::SAnalysisResult>())
     {
-        const auto analysis = result.value<qutils::CQuorvexAPI::SAnalysisResult>();
+        const auto analysis = result.value<CQuorvexAPI::SAnalysisResult>();
+        const bool compared = analysis.status == CQuorvexAPI::Success;
         // A photo without a comparison has no numbers to show: it says why instead.
         if (isNotCompared(analysis))
             verdict = notComparedText(analysis).toHtmlEscaped();
-        else if (analysis.status != qutils::CQuorvexAPI::Success)
+        else if (state == CImageModel::SuccessVeryHigh && !(compared && analysis.matched))
         {
-            verdict = tr("not compared: %1").arg(qutils::CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
+            // A reference photo of a new fingerprint: used, never compared.
+            verdict = tr("used for the fingerprint");
+        }
+        else if (!compared)
+        {
+            verdict = tr("not compared: %1").arg(CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
             if (!analysis.reason.isEmpty())
                 numbers = tr("<br/>Reason: %1").arg(analysis.reason.toHtmlEscaped());
         }
         else
         {
-            switch (classifyResult(analysis))
-            {
-            case EResultClass::VeryHigh:
-            case EResultClass::High:
-            case EResultClass::Medium:
+            // Any match, of low probability too, is a match: only the engine's
+            // decision says "no match".
+            if (analysis.matched)
                 verdict = tr("match with %1 probability").arg(resultClassName(classifyResult(analysis)));
-                break;
-            default:
-                break;
-            }
             numbers = tr("<br/>Probability: %1%<br/>Correlation: %2")
                           .arg(analysis.probability * 100.0, 0, 'f', 2)
                           .arg(analysis.correlation, 0, 'f', 4);
-            if (!scaleText(analysis).isEmpty())
-                numbers += tr("<br/>Scale: %1").arg(scaleText(analysis));
+            if (std::isfinite(analysis.pce))
+                numbers += QStringLiteral("<br/>") + pceThresholdText(analysis.pce);
+            numbers += tr("<br/>Status: %1").arg(CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
+            const QString scale = scaleText(analysis);
+            numbers += tr("<br/>Scale: %1, orientation: %2\u00b0, shift: %3, %4")
+                           .arg(scale.isEmpty() ? QStringLiteral("1.00") : scale)
+                           .arg(analysis.orientation)
+                           .arg(analysis.shiftX)
+                           .arg(analysis.shiftY);
         }
     }
     return tr("Path: %1<br/><br/>Result: %2%3").arg(QDir::toNativeSeparators(path).toHtmlEscaped(), verdict, numbers);
@@ -273,7 +291,8 @@ void CGalleryWidget::showDetailResult(const QModelIndex& index)
         return;
     qcontrols::CMessageBoxFactory::information(
         this, tr("Analysis results"),
-        detailResultText(index.data(CImageModel::PathRole).toString(), index.data(CImageModel::ResultRole)));
+        detailResultText(index.data(CImageModel::PathRole).toString(), index.data(CImageModel::ResultRole),
+                         CGalleryFilterModel::stateValue(index.data(CImageModel::ItemStateRole))));
 }
 
 QString CGalleryWidget::pathText(const QString& path)

@@ -537,6 +537,7 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     result.probability = 0.9991;
     result.correlation = 0.0123;
     result.status = qutils::CQuorvexAPI::Success;
+    result.pce = 812.34;
     gallery.imageModel()->setResult(0, QVariant::fromValue(result));
     EXPECT_TRUE(testutils::waitFor([&] { return button("detailResultButton")->isVisibleTo(item); }));
     {
@@ -546,7 +547,9 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
         ASSERT_EQ(shown.size(), 1);
         EXPECT_EQ(shown.at(0).title, QStringLiteral("Analysis results"));
         EXPECT_EQ(shown.at(0).text, QStringLiteral("Path: %1<br/><br/>Result: match with very high probability"
-                                                   "<br/>Probability: 99.91%<br/>Correlation: 0.0123")
+                                                   "<br/>Probability: 99.91%<br/>Correlation: 0.0123"
+                                                   "<br/>PCE 812.3, at or above the threshold of 60"
+                                                   "<br/>Status: Success<br/>Scale: 1.00, orientation: 0\u00b0, shift: 0, 0")
                                         .arg(QDir::toNativeSeparators(files.at(0).absoluteFilePath())));
     }
     // The classes behind the verdicts.
@@ -558,11 +561,19 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
                     .contains(QStringLiteral("Result: match with medium probability<br/>")));
     result.probability = 0.9899;
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
-                    .contains(QStringLiteral("Result: no match<br/>Probability: 98.99%")));
+                    .contains(QStringLiteral("Result: match with low probability<br/>Probability: 98.99%")));
+    // A near miss reads as one.
     result.matched = false;
-    result.probability = 0.9995;
+    result.probability = 0.9498;
+    result.pce = 59.84;
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
-                    .contains(QStringLiteral("Result: no match<br/>")));
+                    .contains(QStringLiteral("Result: no match<br/>Probability: 94.98%<br/>Correlation: 0.0123"
+                                             "<br/>PCE 59.8, below the threshold of 60<br/>")));
+    // The learn screen's record of a reference photo (its 100.0 is no
+    // fraction): used, not compared, so no probability at all.
+    const QVariant learned = QVariant::fromValue(qutils::CQuorvexAPI::SAnalysisResult{false, 100.0});
+    EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), learned, CImageModel::SuccessVeryHigh),
+              QStringLiteral("Path: p<br/><br/>Result: used for the fingerprint"));
     EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("a&b"), QVariant()),
               QStringLiteral("Path: a&amp;b<br/><br/>Result: no match"));
     // A photo that could not be compared is never shown as excluded.
@@ -582,9 +593,9 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result)),
               QStringLiteral("Path: p<br/><br/>Result: Not compared: Different camera type"));
     // A photo found at another scale says so.
-    result = {true, 0.9995, 0.02, qutils::CQuorvexAPI::Success, 900.0, QString(), 0.8};
+    result = {true, 0.9995, 0.02, qutils::CQuorvexAPI::Success, 900.0, QString(), 0.8, 90, 12, -3};
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
-                    .endsWith(QStringLiteral("Correlation: 0.0200<br/>Scale: 0.80")));
+                    .endsWith(QStringLiteral("Scale: 0.80, orientation: 90\u00b0, shift: 12, -3")));
 
     // A double click on the live tile opens the preview.
     QSignalSpy doubled(item, &CGalleryItem::doubleClicked);
