@@ -8,6 +8,7 @@
 
 #include "qcontrols/messageboxfactory.h"
 #include "qutils/debugutils.h"
+#include "qutils/fileutils.h"
 #include "qutils/platform.h"
 #include "qutils/quorvexapi.h"
 
@@ -83,7 +84,14 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
         if (index.isValid())
             setCurrentIndex(index);
     });
-    connect(m_item, &CGalleryItem::doubleClicked, this, &CGalleryWidget::onPreviewShow);
+    // A double click opens what there is to know: the details once the photo
+    // has a result, the preview before.
+    connect(m_item, &CGalleryItem::doubleClicked, this, [this](const QString& filePath) {
+        if (m_item->index().data(CImageModel::ResultRole).isValid())
+            showDetailResult(m_item->index());
+        else
+            onPreviewShow(filePath);
+    });
     connect(m_item, &CGalleryItem::repaintRequest, viewport(), QOverload<>::of(&QWidget::update));
     connect(m_item, &CGalleryItem::openFolderClicked, this, [this] { openFolder(m_item->filePath()); });
     connect(m_item, &CGalleryItem::showExternalViewerClicked, this,
@@ -109,7 +117,7 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
     close->setObjectName(QStringLiteral("previewClose"));
     close->setIcon(QIcon(QStringLiteral(":/Quorvex/close-icon.png")));
     close->setAutoRaise(true);
-    connect(close, &QToolButton::clicked, m_preview, &QWidget::hide);
+    connect(close, &QToolButton::clicked, this, &CGalleryWidget::hidePreview);
     layout->addWidget(close, 0, Qt::AlignRight);
     m_previewImage = new QLabel(m_preview);
     m_previewImage->setObjectName(QStringLiteral("previewImage"));
@@ -123,6 +131,10 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
     m_sizeLabel->setObjectName(QStringLiteral("previewSize"));
     m_dateLabel = new QLabel(m_preview);
     m_dateLabel->setObjectName(QStringLiteral("previewDate"));
+    m_verdictLabel = new QLabel(m_preview);
+    m_verdictLabel->setObjectName(QStringLiteral("previewVerdict"));
+    m_verdictLabel->setWordWrap(true);
+    layout->addWidget(m_verdictLabel);
     layout->addWidget(m_pathLabel);
     layout->addWidget(m_sizeLabel);
     layout->addWidget(m_dateLabel);
@@ -149,7 +161,7 @@ void CGalleryWidget::setFilterMask(int mask)
 
 void CGalleryWidget::setFiles(QFileInfoList value)
 {
-    m_preview->hide();
+    hidePreview();
     m_imageModel->setFiles(value);
 }
 
@@ -307,13 +319,23 @@ QString CGalleryWidget::sizeText(qint64 bytes)
 
 QString CGalleryWidget::dateText(const QString& path)
 {
+    // The capture date the camera wrote, when there is one: the file's own
+    // date is only when it was copied.
+    qutils::EXIFInfo::Properties exif;
+    if (qutils::EXIFInfo::read(path, exif))
+    {
+        const QDateTime taken = exif.value(qutils::EXIFMetadataProperty::DateTimeOriginal).toDateTime();
+        if (taken.isValid())
+            return tr("Date: %1").arg(QLocale::system().toString(taken, QLocale::ShortFormat));
+    }
     const QFileInfo info(path);
     // Not every file system records a creation time; the last change is the
     // nearest honest stand-in.
     QDateTime created = info.birthTime();
     if (!created.isValid())
         created = info.lastModified();
-    return tr("Date: %1").arg(QLocale::system().toString(created.date(), QLocale::ShortFormat));
+    return tr("Date: %1 (of the file; the photo records none)")
+        .arg(QLocale::system().toString(created.date(), QLocale::ShortFormat));
 }
 
 void CGalleryWidget::onPreviewShow(const QString& filePath)
@@ -322,6 +344,18 @@ void CGalleryWidget::onPreviewShow(const QString& filePath)
     m_pathLabel->setText(pathText(info.absoluteFilePath()));
     m_sizeLabel->setText(sizeText(info.size()));
     m_dateLabel->setText(dateText(filePath));
+    QString verdict;
+    for (int row = 0; row < m_imageModel->rowCount(); ++row)
+    {
+        const QModelIndex index = m_imageModel->index(row);
+        if (index.data(CImageModel::PathRole).toString() != filePath)
+            continue;
+        const CGalleryDelegate::SVerdict v = CGalleryDelegate::verdict(index);
+        verdict = v.detail.isEmpty() ? v.text : tr("%1 (%2)").arg(v.text, v.detail);
+        break;
+    }
+    m_verdictLabel->setText(verdict);
+    m_verdictLabel->setVisible(!verdict.isEmpty());
 
     // Decoded at the preview's size, never at the photo's full size.
     QFile file;
@@ -337,8 +371,10 @@ void CGalleryWidget::onPreviewShow(const QString& filePath)
     }
     m_previewImage->setPixmap(QPixmap::fromImage(reader.read()));
 
-    placePreview();
+    // The grid gives the preview its room instead of lying under it.
+    setViewportMargins(0, 0, PreviewWidth, 0);
     m_preview->show();
+    placePreview();
     m_preview->raise();
 }
 
@@ -363,12 +399,19 @@ void CGalleryWidget::resizeEvent(QResizeEvent* event)
     placePreview();
 }
 
-void CGalleryWidget::placePreview()
+void CGalleryWidget::hidePreview()
 {
     if (!m_preview)
         return;
-    // Docked on the right over the grid, clear of the scroll bar.
-    const int scrollBar = verticalScrollBar()->isVisible() ? verticalScrollBar()->width() : 0;
-    const int width = qMin(PreviewWidth, this->width() - scrollBar);
-    m_preview->setGeometry(this->width() - scrollBar - width, 0, width, height());
+    m_preview->hide();
+    setViewportMargins(0, 0, 0, 0);
+}
+
+void CGalleryWidget::placePreview()
+{
+    if (!m_preview || m_preview->isHidden())
+        return;
+    // In the margin beside the viewport, which the grid leaves free.
+    const QRect grid = viewport()->geometry();
+    m_preview->setGeometry(grid.right() + 1, grid.top(), PreviewWidth, grid.height());
 }

@@ -65,6 +65,7 @@ private:
     void onCurrentChanged(const QModelIndex& current);
     void onAnimationTick();
     void placePreview();
+    void hidePreview();
     void hideHoverItem();
     void openFolder(const QString& path);
     void openInExternalViewer(const QString& path);
@@ -79,5 +80,6 @@ private:
     QLabel* m_pathLabel = nullptr;
     QLabel* m_sizeLabel = nullptr;
     QLabel* m_dateLabel = nullptr;
+    QLabel* m_verdictLabel = nullptr;
     QTimer m_frameTimer;
 };

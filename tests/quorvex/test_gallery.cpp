@@ -383,8 +383,18 @@ TEST_F(GalleryTest, PreviewShowsPathSizeAndDateOfSelectedPhoto)
     ASSERT_TRUE(preview);
     EXPECT_FALSE(preview->isVisible());
 
+    gallery.imageModel()->setState(0, CImageModel::Fail);
+    gallery.imageModel()->setResult(
+        0, QVariant::fromValue(qutils::CQuorvexAPI::SAnalysisResult{false, 0.9498, 0.01, qutils::CQuorvexAPI::Success, 59.84}));
     gallery.setCurrentIndex(gallery.model()->index(0, 0));
     EXPECT_TRUE(preview->isVisible());
+    // Beside the tiles, never over one.
+    for (int row = 0; row < gallery.model()->rowCount(); ++row)
+    {
+        const QRect tile = gallery.visualRect(gallery.model()->index(row, 0))
+                               .translated(gallery.viewport()->geometry().topLeft());
+        EXPECT_FALSE(tile.intersects(preview->geometry())) << row;
+    }
     auto text = [&](const char* name) {
         QLabel* label = preview->findChild<QLabel*>(QString::fromLatin1(name));
         return label ? label->text() : QStringLiteral("<missing>");
@@ -392,7 +402,8 @@ TEST_F(GalleryTest, PreviewShowsPathSizeAndDateOfSelectedPhoto)
     EXPECT_EQ(text("previewPath"), QStringLiteral("Path: %1").arg(QDir::toNativeSeparators(path)));
     EXPECT_EQ(text("previewSize"), QStringLiteral("Size: 1.50 MB"));
     EXPECT_TRUE(text("previewDate").startsWith(QStringLiteral("Date: ")));
-    EXPECT_GT(text("previewDate").size(), 6);
+    EXPECT_TRUE(text("previewDate").endsWith(QStringLiteral(" (of the file; the photo records none)")));
+    EXPECT_EQ(text("previewVerdict"), QStringLiteral("No match (PCE 59.8)"));
     QLabel* picture = preview->findChild<QLabel*>(QStringLiteral("previewImage"));
     ASSERT_TRUE(picture);
     EXPECT_FALSE(picture->pixmap(Qt::ReturnByValue).isNull());
@@ -597,7 +608,15 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
                     .endsWith(QStringLiteral("Scale: 0.80, orientation: 90\u00b0, shift: 12, -3")));
 
-    // A double click on the live tile opens the preview.
+    // A double click on the live tile opens the details of a photo with a
+    // result, and the preview of one without.
+    {
+        qcontrols::CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        QTest::mouseDClick(item, Qt::LeftButton);
+        ASSERT_EQ(qcontrols::CDialogScript::shown().size(), 1);
+        EXPECT_EQ(qcontrols::CDialogScript::shown().at(0).title, QStringLiteral("Analysis results"));
+    }
+    ASSERT_TRUE(QMetaObject::invokeMethod(&gallery, "entered", Q_ARG(QModelIndex, gallery.model()->index(1, 0))));
     QSignalSpy doubled(item, &CGalleryItem::doubleClicked);
     QTest::mouseDClick(item, Qt::LeftButton);
     ASSERT_EQ(doubled.size(), 1);
