@@ -147,13 +147,18 @@ void CGalleryDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     QColor border = tileVerdict.look == ELook::Error ? lookColor(ELook::Error) : stateColor(state);
     // Not compared is neither a match nor an exclusion: a dashed frame.
     const bool notCompared = tileVerdict.look == ELook::NotCompared;
-    if (selected)
-        border = option.palette.color(QPalette::Highlight);
-    else if (hovered)
+    if (hovered || selected)
         background = background.lighter(115);
     painter->setPen(QPen(border, FrameWidth, notCompared ? Qt::DashLine : Qt::SolidLine));
     painter->setBrush(background);
     painter->drawRoundedRect(tile, 6, 6);
+    // The selection is a line inside the frame, so the class colour stays.
+    if (selected)
+    {
+        painter->setPen(QPen(option.palette.color(QPalette::Text), 1.5));
+        painter->setBrush(Qt::NoBrush);
+        painter->drawRoundedRect(QRectF(tile).adjusted(FrameWidth, FrameWidth, -FrameWidth, -FrameWidth), 4, 4);
+    }
 
     const QRect picture(tile.left() + FrameWidth, tile.top() + FrameWidth, tile.width() - 2 * FrameWidth,
                         tile.height() - 2 * FrameWidth - NameHeight - VerdictHeight);

@@ -131,6 +131,7 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
     m_sizeLabel->setObjectName(QStringLiteral("previewSize"));
     m_dateLabel = new QLabel(m_preview);
     m_dateLabel->setObjectName(QStringLiteral("previewDate"));
+    m_dateLabel->setWordWrap(true);
     m_verdictLabel = new QLabel(m_preview);
     m_verdictLabel->setObjectName(QStringLiteral("previewVerdict"));
     m_verdictLabel->setWordWrap(true);
