@@ -688,7 +688,10 @@ CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, cons
     const double scale = jsonText(answer.value(QStringLiteral("scale"))).toDouble(&scaleRead);
     if (scaleRead && scale > 0.0)
         result.scale = scale;
-    result.orientation = jsonText(answer.value(QStringLiteral("orientation"))).toInt();
+    result.orientation = jsonText(answer.value(QStringLiteral("orientation"))).toInt(nullptr, 10);
+    const QJsonArray shift = answer.value(QStringLiteral("shift")).toArray();
+    result.shiftX = shift.at(0).toInt();
+    result.shiftY = shift.at(1).toInt();
     if (result.status == CQuorvexAPI::Success && !result.reason.isEmpty())
     {
         // Read but not compared: a finding of its own, never "no match".

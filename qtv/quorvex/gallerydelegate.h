@@ -3,10 +3,12 @@
 #include <QColor>
 #include <QSize>
 #include <QStyledItemDelegate>
+#include <QVariant>
 
 // Paints a gallery tile straight from the model's roles: the thumbnail, the
-// file name and a frame coloured by the processing state. Painting instead of
-// a widget per row keeps a folder of thousands of photos cheap to scroll.
+// file name, a frame coloured by the processing state and the verdict band.
+// Painting instead of a widget per row keeps a folder of thousands of photos
+// cheap to scroll.
 class CGalleryDelegate : public QStyledItemDelegate
 {
     Q_OBJECT
@@ -14,6 +16,36 @@ class CGalleryDelegate : public QStyledItemDelegate
 public:
     static constexpr int LoadingFrames = 8;
     static constexpr int TileMargin = 4;
+    static constexpr int NameHeight = 22;
+    static constexpr int VerdictHeight = 52;
+
+    // How a tile reads, finer than the model state: a failed photo is either
+    // not found (compared, no match) or an error (never compared properly).
+    enum class ELook
+    {
+        Plain,
+        Waiting,
+        Processing,
+        VeryHigh,
+        High,
+        Medium,
+        Low,
+        Learned,
+        NotFound,
+        Error,
+        NotCompared,
+    };
+
+    // What the verdict band of a tile says: a badge letter, the verdict (the
+    // class, "No match", the failure's status text or "Not compared: ..."),
+    // and a detail line (the PCE, or the reason).
+    struct SVerdict
+    {
+        ELook look = ELook::Plain;
+        QString badge;
+        QString text;
+        QString detail;
+    };
 
     explicit CGalleryDelegate(QObject* parent = nullptr);
 
@@ -38,12 +70,19 @@ public:
     // tiles and the live tile under the pointer look the same.
     static QColor stateColor(int state);
 
+    static SVerdict verdict(int state, const QVariant& result, const QString& description);
+    static SVerdict verdict(const QModelIndex& index);
+    // The band's colour; the frame of a tile uses it too.
+    static QColor lookColor(ELook look);
+    // The band under the name: nothing for a photo not in an analysis yet.
+    static void paintVerdict(QPainter* painter, const QRect& rect, const SVerdict& verdict,
+                             const QFont& font);
+
     // Eight dots on a circle, the frame's dot brightest.
     static void paintLoading(QPainter* painter, const QRect& rect, int frame);
 
 private:
-
-    QSize m_tileSize{168, 156};
+    QSize m_tileSize{176, 208};
     int m_frame = 0;
     mutable bool m_paintedProcessing = false;
 };

@@ -4,6 +4,7 @@
 #include "galleryfiltermodel.h"
 #include "imagemodel.h"
 
+#include <QDir>
 #include <QEvent>
 #include <QLabel>
 #include <QMouseEvent>
@@ -14,6 +15,40 @@
 #include <QStyle>
 #include <QVBoxLayout>
 #include <QtMath>
+
+namespace
+{
+// The verdict band, painted by the delegate's own code so the live tile and
+// the painted ones read alike.
+class CVerdictBand : public QWidget
+{
+public:
+    explicit CVerdictBand(QWidget* parent)
+        : QWidget(parent)
+    {
+        setObjectName(QStringLiteral("verdictBand"));
+        setFixedHeight(CGalleryDelegate::VerdictHeight);
+        setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+    }
+
+    void setVerdict(const CGalleryDelegate::SVerdict& verdict)
+    {
+        m_verdict = verdict;
+        setAccessibleName(verdict.text);
+        update();
+    }
+
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        CGalleryDelegate::paintVerdict(&painter, rect().adjusted(0, 1, 0, -1), m_verdict, font());
+    }
+
+private:
+    CGalleryDelegate::SVerdict m_verdict;
+};
+} // namespace
 
 CGalleryItem::CGalleryItem(QWidget* parent)
     : QFrame(parent)
@@ -44,6 +79,9 @@ CGalleryItem::CGalleryItem(QWidget* parent)
     m_name->setAlignment(Qt::AlignCenter);
     m_name->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
     layout->addWidget(m_name);
+
+    m_verdict = new CVerdictBand(m_content);
+    layout->addWidget(m_verdict);
 
     m_actions = new QWidget(m_content);
     m_actions->setObjectName(QStringLiteral("actionsPanel"));
@@ -97,6 +135,16 @@ void CGalleryItem::setIndex(const QModelIndex& index, const QRect& rect)
     setImage(index.data(CImageModel::ImageRole).value<QPixmap>());
     setState(CGalleryFilterModel::stateValue(index.data(CImageModel::ItemStateRole)));
     setHasResult(index.data(CImageModel::ResultRole).isValid());
+    const CGalleryDelegate::SVerdict verdict = CGalleryDelegate::verdict(index);
+    static_cast<CVerdictBand*>(m_verdict)->setVerdict(verdict);
+    m_name->setToolTip(QDir::toNativeSeparators(filePath()));
+    const bool error = verdict.look == CGalleryDelegate::ELook::Error;
+    if (m_content->property("error").toBool() != error)
+    {
+        m_content->setProperty("error", error);
+        m_content->style()->unpolish(m_content);
+        m_content->style()->polish(m_content);
+    }
     if (!sameIndex)
     {
         // A tile taken over for another photo starts collapsed.
@@ -114,7 +162,8 @@ QString CGalleryItem::filePath() const
 
 void CGalleryItem::setText(const QString& text)
 {
-    m_name->setText(m_name->fontMetrics().elidedText(text, Qt::ElideMiddle, qMax(10, width() - 12)));
+    // The end of a name tells photos apart (camera model, unit, number).
+    m_name->setText(m_name->fontMetrics().elidedText(text, Qt::ElideLeft, qMax(10, width() - 12)));
     m_name->setToolTip(text);
 }
 

@@ -13,7 +13,7 @@ class QPushButton;
 // The live tile of the photo under the pointer. Only one exists per gallery:
 // every other tile is painted by the delegate in the same colours, so a folder
 // of thousands of photos costs no widget per row. Over its tile it shows the
-// photo, its name, its state colour, the loading indicator and the actions row
+// photo, its name, its state colour, its verdict band, the loading indicator and the actions row
 // that slides open while the pointer rests on it.
 class CGalleryItem : public QFrame
 {
@@ -43,6 +43,7 @@ public:
     void setHasResult(bool hasResult);
 
     QWidget* contentWidget() const { return m_content; }
+    QWidget* verdictBand() const { return m_verdict; }
     QWidget* actionsPanel() const { return m_actions; }
     QLabel* loadingIcon() const { return m_loadingIcon; }
     // The running hover animations (for the owner's tests and screenshots).
@@ -83,6 +84,7 @@ private:
     QFrame* m_content = nullptr;
     QLabel* m_image = nullptr;
     QLabel* m_name = nullptr;
+    QWidget* m_verdict = nullptr;
     QLabel* m_loadingIcon = nullptr;
     QWidget* m_actions = nullptr;
     QPushButton* m_detailButton = nullptr;

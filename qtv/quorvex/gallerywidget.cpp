@@ -8,6 +8,7 @@
 
 #include "qcontrols/messageboxfactory.h"
 #include "qutils/debugutils.h"
+#include "qutils/fileutils.h"
 #include "qutils/platform.h"
 #include "qutils/quorvexapi.h"
 
@@ -28,6 +29,8 @@
 #include <QScrollBar>
 #include <QToolButton>
 #include <QVBoxLayout>
+
+#include <cmath>
 
 namespace
 {
@@ -81,7 +84,14 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
         if (index.isValid())
             setCurrentIndex(index);
     });
-    connect(m_item, &CGalleryItem::doubleClicked, this, &CGalleryWidget::onPreviewShow);
+    // A double click opens what there is to know: the details once the photo
+    // has a result, the preview before.
+    connect(m_item, &CGalleryItem::doubleClicked, this, [this](const QString& filePath) {
+        if (m_item->index().data(CImageModel::ResultRole).isValid())
+            showDetailResult(m_item->index());
+        else
+            onPreviewShow(filePath);
+    });
     connect(m_item, &CGalleryItem::repaintRequest, viewport(), QOverload<>::of(&QWidget::update));
     connect(m_item, &CGalleryItem::openFolderClicked, this, [this] { openFolder(m_item->filePath()); });
     connect(m_item, &CGalleryItem::showExternalViewerClicked, this,
@@ -107,7 +117,7 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
     close->setObjectName(QStringLiteral("previewClose"));
     close->setIcon(QIcon(QStringLiteral(":/Quorvex/close-icon.png")));
     close->setAutoRaise(true);
-    connect(close, &QToolButton::clicked, m_preview, &QWidget::hide);
+    connect(close, &QToolButton::clicked, this, &CGalleryWidget::hidePreview);
     layout->addWidget(close, 0, Qt::AlignRight);
     m_previewImage = new QLabel(m_preview);
     m_previewImage->setObjectName(QStringLiteral("previewImage"));
@@ -121,6 +131,11 @@ CGalleryWidget::CGalleryWidget(QWidget* parent)
     m_sizeLabel->setObjectName(QStringLiteral("previewSize"));
     m_dateLabel = new QLabel(m_preview);
     m_dateLabel->setObjectName(QStringLiteral("previewDate"));
+    m_dateLabel->setWordWrap(true);
+    m_verdictLabel = new QLabel(m_preview);
+    m_verdictLabel->setObjectName(QStringLiteral("previewVerdict"));
+    m_verdictLabel->setWordWrap(true);
+    layout->addWidget(m_verdictLabel);
     layout->addWidget(m_pathLabel);
     layout->addWidget(m_sizeLabel);
     layout->addWidget(m_dateLabel);
@@ -147,7 +162,7 @@ void CGalleryWidget::setFilterMask(int mask)
 
 void CGalleryWidget::setFiles(QFileInfoList value)
 {
-    m_preview->hide();
+    hidePreview();
     m_imageModel->setFiles(value);
 }
 
@@ -229,39 +244,55 @@ void CGalleryWidget::openInExternalViewer(const QString& path)
         QX_WARNING << "No image viewer could be started for " << url.toString();
 }
 
-QString CGalleryWidget::detailResultText(const QString& path, const QVariant& result)
+QString CGalleryWidget::pceThresholdText(double pce)
 {
+    const double threshold = qutils::CQuorvexAPI::MatchThresholdPce;
+    if (pce >= threshold)
+        return tr("PCE %1, at or above the threshold of %2").arg(pce, 0, 'f', 1).arg(threshold);
+    return tr("PCE %1, below the threshold of %2").arg(pce, 0, 'f', 1).arg(threshold);
+}
+
+QString CGalleryWidget::detailResultText(const QString& path, const QVariant& result, int state)
+{
+    using qutils::CQuorvexAPI;
     QString verdict = tr("no match");
     QString numbers;
-    if (result.canConvert<qutils::CQuorvexAPI::SAnalysisResult>())
+    if (result.canConvert<CQuorvexAPI::SAnalysisResult>())
     {
-        const auto analysis = result.value<qutils::CQuorvexAPI::SAnalysisResult>();
+        const auto analysis = result.value<CQuorvexAPI::SAnalysisResult>();
+        const bool compared = analysis.status == CQuorvexAPI::Success;
         // A photo without a comparison has no numbers to show: it says why instead.
         if (isNotCompared(analysis))
             verdict = notComparedText(analysis).toHtmlEscaped();
-        else if (analysis.status != qutils::CQuorvexAPI::Success)
+        else if (state == CImageModel::SuccessVeryHigh && !(compared && analysis.matched))
         {
-            verdict = tr("not compared: %1").arg(qutils::CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
+            // A reference photo of a new fingerprint: used, never compared.
+            verdict = tr("used for the fingerprint");
+        }
+        else if (!compared)
+        {
+            verdict = tr("not compared: %1").arg(CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
             if (!analysis.reason.isEmpty())
                 numbers = tr("<br/>Reason: %1").arg(analysis.reason.toHtmlEscaped());
         }
         else
         {
-            switch (classifyResult(analysis))
-            {
-            case EResultClass::VeryHigh:
-            case EResultClass::High:
-            case EResultClass::Medium:
+            // Any match, of low probability too, is a match: only the engine's
+            // decision says "no match".
+            if (analysis.matched)
                 verdict = tr("match with %1 probability").arg(resultClassName(classifyResult(analysis)));
-                break;
-            default:
-                break;
-            }
             numbers = tr("<br/>Probability: %1%<br/>Correlation: %2")
                           .arg(analysis.probability * 100.0, 0, 'f', 2)
                           .arg(analysis.correlation, 0, 'f', 4);
-            if (!scaleText(analysis).isEmpty())
-                numbers += tr("<br/>Scale: %1").arg(scaleText(analysis));
+            if (std::isfinite(analysis.pce))
+                numbers += QStringLiteral("<br/>") + pceThresholdText(analysis.pce);
+            numbers += tr("<br/>Status: %1").arg(CQuorvexAPI::statusText(analysis.status).toHtmlEscaped());
+            const QString scale = scaleText(analysis);
+            numbers += tr("<br/>Scale: %1, orientation: %2\u00b0, shift: %3, %4")
+                           .arg(scale.isEmpty() ? QStringLiteral("1.00") : scale)
+                           .arg(analysis.orientation)
+                           .arg(analysis.shiftX)
+                           .arg(analysis.shiftY);
         }
     }
     return tr("Path: %1<br/><br/>Result: %2%3").arg(QDir::toNativeSeparators(path).toHtmlEscaped(), verdict, numbers);
@@ -273,7 +304,8 @@ void CGalleryWidget::showDetailResult(const QModelIndex& index)
         return;
     qcontrols::CMessageBoxFactory::information(
         this, tr("Analysis results"),
-        detailResultText(index.data(CImageModel::PathRole).toString(), index.data(CImageModel::ResultRole)));
+        detailResultText(index.data(CImageModel::PathRole).toString(), index.data(CImageModel::ResultRole),
+                         CGalleryFilterModel::stateValue(index.data(CImageModel::ItemStateRole))));
 }
 
 QString CGalleryWidget::pathText(const QString& path)
@@ -288,13 +320,23 @@ QString CGalleryWidget::sizeText(qint64 bytes)
 
 QString CGalleryWidget::dateText(const QString& path)
 {
+    // The capture date the camera wrote, when there is one: the file's own
+    // date is only when it was copied.
+    qutils::EXIFInfo::Properties exif;
+    if (qutils::EXIFInfo::read(path, exif))
+    {
+        const QDateTime taken = exif.value(qutils::EXIFMetadataProperty::DateTimeOriginal).toDateTime();
+        if (taken.isValid())
+            return tr("Date: %1").arg(QLocale::system().toString(taken, QLocale::ShortFormat));
+    }
     const QFileInfo info(path);
     // Not every file system records a creation time; the last change is the
     // nearest honest stand-in.
     QDateTime created = info.birthTime();
     if (!created.isValid())
         created = info.lastModified();
-    return tr("Date: %1").arg(QLocale::system().toString(created.date(), QLocale::ShortFormat));
+    return tr("Date: %1 (of the file; the photo records none)")
+        .arg(QLocale::system().toString(created.date(), QLocale::ShortFormat));
 }
 
 void CGalleryWidget::onPreviewShow(const QString& filePath)
@@ -303,6 +345,18 @@ void CGalleryWidget::onPreviewShow(const QString& filePath)
     m_pathLabel->setText(pathText(info.absoluteFilePath()));
     m_sizeLabel->setText(sizeText(info.size()));
     m_dateLabel->setText(dateText(filePath));
+    QString verdict;
+    for (int row = 0; row < m_imageModel->rowCount(); ++row)
+    {
+        const QModelIndex index = m_imageModel->index(row);
+        if (index.data(CImageModel::PathRole).toString() != filePath)
+            continue;
+        const CGalleryDelegate::SVerdict v = CGalleryDelegate::verdict(index);
+        verdict = v.detail.isEmpty() ? v.text : tr("%1 (%2)").arg(v.text, v.detail);
+        break;
+    }
+    m_verdictLabel->setText(verdict);
+    m_verdictLabel->setVisible(!verdict.isEmpty());
 
     // Decoded at the preview's size, never at the photo's full size.
     QFile file;
@@ -318,8 +372,10 @@ void CGalleryWidget::onPreviewShow(const QString& filePath)
     }
     m_previewImage->setPixmap(QPixmap::fromImage(reader.read()));
 
-    placePreview();
+    // The grid gives the preview its room instead of lying under it.
+    setViewportMargins(0, 0, PreviewWidth, 0);
     m_preview->show();
+    placePreview();
     m_preview->raise();
 }
 
@@ -344,12 +400,19 @@ void CGalleryWidget::resizeEvent(QResizeEvent* event)
     placePreview();
 }
 
-void CGalleryWidget::placePreview()
+void CGalleryWidget::hidePreview()
 {
     if (!m_preview)
         return;
-    // Docked on the right over the grid, clear of the scroll bar.
-    const int scrollBar = verticalScrollBar()->isVisible() ? verticalScrollBar()->width() : 0;
-    const int width = qMin(PreviewWidth, this->width() - scrollBar);
-    m_preview->setGeometry(this->width() - scrollBar - width, 0, width, height());
+    m_preview->hide();
+    setViewportMargins(0, 0, 0, 0);
+}
+
+void CGalleryWidget::placePreview()
+{
+    if (!m_preview || m_preview->isHidden())
+        return;
+    // In the margin beside the viewport, which the grid leaves free.
+    const QRect grid = viewport()->geometry();
+    m_preview->setGeometry(grid.right() + 1, grid.top(), PreviewWidth, grid.height());
 }

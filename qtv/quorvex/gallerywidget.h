@@ -39,8 +39,11 @@ public:
     static QString sizeText(qint64 bytes);
     static QString dateText(const QString& path);
     // "Path: …<br/><br/>Result: …" of the detail window; result is the
-    // model's result role (invalid while the photo has none).
-    static QString detailResultText(const QString& path, const QVariant& result);
+    // model's result role (invalid while the photo has none), state its
+    // model state (a reference photo of a new fingerprint is told by it).
+    static QString detailResultText(const QString& path, const QVariant& result, int state = 0);
+    // "PCE 59.8, below the threshold of 60".
+    static QString pceThresholdText(double pce);
 
     // How the tile actions hand a folder or photo to the desktop; tests
     // replace it so nothing is launched. Returns whether it was handed over.
@@ -62,6 +65,7 @@ private:
     void onCurrentChanged(const QModelIndex& current);
     void onAnimationTick();
     void placePreview();
+    void hidePreview();
     void hideHoverItem();
     void openFolder(const QString& path);
     void openInExternalViewer(const QString& path);
@@ -76,5 +80,6 @@ private:
     QLabel* m_pathLabel = nullptr;
     QLabel* m_sizeLabel = nullptr;
     QLabel* m_dateLabel = nullptr;
+    QLabel* m_verdictLabel = nullptr;
     QTimer m_frameTimer;
 };

@@ -2,10 +2,15 @@
 
 #include "qutils/platform.h"
 
+#include <QCollator>
 #include <QCoreApplication>
 #include <QFile>
+#include <QLocale>
 #include <QRegularExpression>
 #include <QTextCodec>
+#include <QVector>
+
+#include <algorithm>
 
 QStringList photoNameFilters()
 {
@@ -93,6 +98,29 @@ QString refusalReason(const QByteArray& path)
     return QString();
 }
 
+void sortPhotosNaturally(QFileInfoList& files, const QDir& base)
+{
+    // One collator per call: a collator is not to be shared between threads.
+    // The C locale states no preference, and its collator compares code
+    // points only, without numbers: English rules stand in for it.
+    QLocale locale;
+    if (locale.language() == QLocale::C)
+        locale = QLocale(QLocale::English, QLocale::UnitedStates);
+    QCollator collator(locale);
+    collator.setNumericMode(true);
+    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    QVector<QPair<QString, QFileInfo>> keyed;
+    keyed.reserve(files.size());
+    for (const QFileInfo& file : files)
+        keyed.append({base.relativeFilePath(file.filePath()), file});
+    std::stable_sort(keyed.begin(), keyed.end(), [&collator](const auto& a, const auto& b) {
+        const int order = collator.compare(a.first, b.first);
+        return order != 0 ? order < 0 : a.first < b.first;
+    });
+    for (int i = 0; i < keyed.size(); ++i)
+        files[i] = keyed.at(i).second;
+}
+
 QFileInfoList listPhotos(const QDir& dir, bool recursive, const std::function<bool()>& cancelled,
                          const std::function<void(int)>& progress, QList<SRefusedFile>* refused)
 {
@@ -133,5 +161,8 @@ QFileInfoList listPhotos(const QDir& dir, bool recursive, const std::function<bo
         return QFileInfoList();
     if (refused)
         refused->append(refusedHere);
+    // The directory iterator's order depends on the file system; people look
+    // for photos by name.
+    sortPhotosNaturally(files, dir);
     return files;
 }

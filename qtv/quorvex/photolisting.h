@@ -29,8 +29,13 @@ QString refusalReason(const QByteArray& path);
 // The path as text, each byte that is not part of valid UTF-8 written \xNN.
 QString displayPath(const QByteArray& path);
 
-// Lists the photo files of a folder (and of its subfolders when recursive), in
-// the order the directory iterator gives them; hidden files are left out.
+// Sorts photos by their path below base in natural order, in the user's
+// locale: "IMG_2" before "IMG_10". Equal names keep a repeatable order by
+// their exact paths.
+void sortPhotosNaturally(QFileInfoList& files, const QDir& base);
+
+// Lists the photo files of a folder (and of its subfolders when recursive),
+// sorted by sortPhotosNaturally; hidden files are left out.
 // Entries with a photo's name that cannot be analysed go to refused (when
 // given) with the reason, never silently away. cancelled is polled before
 // each entry: a cancelled listing is empty. progress gets the running count.

@@ -74,10 +74,16 @@ public:
         // (0.8: shrunk to 80 %); 1 for the same size, a crop, or an answer
         // that does not say.
         double scale = 1.0;
-        // The clockwise turn, in degrees, that aligns the photo with the
-        // fingerprint; 0 when the answer does not say.
+        // The clockwise turn (0, 90, 180, 270) and the shift in pixels at
+        // which the photo lined up best with the fingerprint.
         int orientation = 0;
+        int shiftX = 0;
+        int shiftY = 0;
     };
+
+    // The engine's decision threshold on the search-corrected PCE: a photo
+    // matches at or above it. The engine applies it but does not report it.
+    static constexpr double MatchThresholdPce = 60.0;
 
     // The lower-case key ("success"); empty for a code not in the table.
     static QString statusKey(EStatus status);

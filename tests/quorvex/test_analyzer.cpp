@@ -265,9 +265,10 @@ TEST(PhotoListing, PatternsSubfoldersAndCancel)
     EXPECT_FALSE(isPhotoFileName(QStringLiteral("raw.cr2")));
 
     QTemporaryDir dir;
-    const QStringList names = {QStringLiteral("a.jpg"),  QStringLiteral("b.PNG"), QStringLiteral("c.txt"),
-                               QStringLiteral("d.tiff"), QStringLiteral(".hidden.jpg"),
-                               QStringLiteral("sub/e.bmp"), QStringLiteral("sub/deeper/f.jpe")};
+    const QStringList names = {QStringLiteral("IMG_10.jpg"), QStringLiteral("a.jpg"),  QStringLiteral("b.PNG"),
+                               QStringLiteral("c.txt"),      QStringLiteral("d.tiff"), QStringLiteral(".hidden.jpg"),
+                               QStringLiteral("img_2.JPG"),  QStringLiteral("sub/e.bmp"),
+                               QStringLiteral("sub/deeper/f.jpe")};
     for (const QString& name : names)
     {
         QDir().mkpath(QFileInfo(dir.filePath(name)).absolutePath());
@@ -276,20 +277,30 @@ TEST(PhotoListing, PatternsSubfoldersAndCancel)
     }
     QDir().mkpath(dir.filePath(QStringLiteral("folder.jpg")));
 
+    // Whatever order the file system keeps: by name, numbers by value, case aside.
     auto names_of = [](const QFileInfoList& list) {
         QStringList out;
         for (const QFileInfo& f : list)
             out.append(f.fileName());
-        out.sort();
         return out;
     };
     EXPECT_EQ(names_of(listPhotos(QDir(dir.path()), false)),
-              (QStringList{QStringLiteral("a.jpg"), QStringLiteral("b.PNG"), QStringLiteral("d.tiff")}));
+              (QStringList{QStringLiteral("a.jpg"), QStringLiteral("b.PNG"), QStringLiteral("d.tiff"),
+                           QStringLiteral("img_2.JPG"), QStringLiteral("IMG_10.jpg")}));
     int lastCount = 0;
     const QFileInfoList all = listPhotos(QDir(dir.path()), true, nullptr, [&](int n) { lastCount = n; });
     EXPECT_EQ(names_of(all), (QStringList{QStringLiteral("a.jpg"), QStringLiteral("b.PNG"), QStringLiteral("d.tiff"),
-                                          QStringLiteral("e.bmp"), QStringLiteral("f.jpe")}));
-    EXPECT_EQ(lastCount, 5);
+                                          QStringLiteral("img_2.JPG"), QStringLiteral("IMG_10.jpg"),
+                                          QStringLiteral("f.jpe"), QStringLiteral("e.bmp")}));
+    EXPECT_EQ(lastCount, 7);
+    // Ten and more digits, and names alike but for case, in a repeatable order.
+    QFileInfoList mixed{QFileInfo(QStringLiteral("/p/x100.jpg")), QFileInfo(QStringLiteral("/p/X9.jpg")),
+                        QFileInfo(QStringLiteral("/p/x9.jpg")), QFileInfo(QStringLiteral("/p/x99999999999.jpg")),
+                        QFileInfo(QStringLiteral("/p/x0010.jpg"))};
+    sortPhotosNaturally(mixed, QDir(QStringLiteral("/p")));
+    EXPECT_EQ(names_of(mixed), (QStringList{QStringLiteral("X9.jpg"), QStringLiteral("x9.jpg"),
+                                            QStringLiteral("x0010.jpg"), QStringLiteral("x100.jpg"),
+                                            QStringLiteral("x99999999999.jpg")}));
     int polls = 0;
     EXPECT_TRUE(listPhotos(QDir(dir.path()), true, [&] { return ++polls > 2; }).isEmpty())
         << "a cancelled listing is empty";

@@ -74,6 +74,11 @@ TEST_F(ChooseImagePathTest, ListsIntoTheGalleryWithAndWithoutSubfolders)
     ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 3; }));
     EXPECT_EQ(page.files().size(), 3);
     EXPECT_EQ(count->text(), QStringLiteral("Photos found: 3"));
+    // By name as people read it, not by the file system's or the code points' order.
+    QStringList shown;
+    for (int row = 0; row < gallery.model()->rowCount(); ++row)
+        shown << gallery.model()->index(row, 0).data(CImageModel::FileNameRole).toString();
+    EXPECT_EQ(shown, (QStringList{QStringLiteral("a.jpg"), QStringLiteral("B.JPG"), QStringLiteral("c.png")}));
     EXPECT_EQ(page.findChild<QLineEdit*>(QStringLiteral("editPath"))->text(), QDir::toNativeSeparators(m_dir.path()));
     EXPECT_EQ(page.stored, QStringList{QDir(m_dir.path()).absolutePath()});
 

@@ -572,6 +572,13 @@ TEST(FingerprintAnswer, EngineJsonBecomesTheRecord)
         EXPECT_EQ(r.orientation, c.orientation);
     }
     EXPECT_NE(CFingerprint::notComparedReason(QStringLiteral("size")), QStringLiteral("size"));
+    // Where the photo lined up, for the details.
+    const auto turned = CFingerprint::readMatchAnswer(
+        CQuorvexAPI::Success, answer(R"("sensor_matched":1,"orientation":270,"shift":[12,-3],"reason":"")"),
+        QStringLiteral("/p.jpg"));
+    EXPECT_EQ(turned.orientation, 270);
+    EXPECT_EQ(turned.shiftX, 12);
+    EXPECT_EQ(turned.shiftY, -3);
 }
 
 TEST(FingerprintPath, PreparedForTheEngine)

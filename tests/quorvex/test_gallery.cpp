@@ -6,7 +6,9 @@
 #include "imagemodel.h"
 
 #include "qcontrols/dialogscript.h"
+#include "qcontrols/stylesheetmanager.h"
 #include "qutils/quorvexapi.h"
+#include "resources.h"
 
 #include "testutils.h"
 
@@ -20,6 +22,7 @@
 #include <QPainter>
 #include <QPropertyAnimation>
 #include <QPushButton>
+#include <QSet>
 #include <QUrl>
 #include <QSignalSpy>
 #include <QStandardItemModel>
@@ -186,20 +189,109 @@ TEST_F(GalleryTest, FilterReadsStatesHeldAsNumbers)
     EXPECT_EQ(filter.index(1, 0).data(CImageModel::ItemStateRole).toInt(), 256);
 }
 
-TEST_F(GalleryTest, DelegatePaintsEveryState)
+TEST_F(GalleryTest, DelegatePaintsEveryStateWithItsVerdict)
 {
+    using API = qutils::CQuorvexAPI;
+    using Look = CGalleryDelegate::ELook;
     CImageModel model;
     model.setFiles(makePhotos(1));
     CGalleryDelegate delegate;
-    const CImageModel::State states[] = {CImageModel::Idle,          CImageModel::Processing,
-                                         CImageModel::Waiting,       CImageModel::SuccessVeryHigh,
-                                         CImageModel::SuccessHigh,   CImageModel::SuccessMedium,
-                                         CImageModel::SuccessLow,    CImageModel::Fail};
+    const auto analysed = [](bool matched, double probability, API::EStatus status, double pce,
+                             double scale = 1.0, const QString& reason = QString()) {
+        return QVariant::fromValue(
+            API::SAnalysisResult{matched, probability, 0.01, status, pce, reason, scale});
+    };
+    struct SCase
+    {
+        CImageModel::State state;
+        QVariant result;
+        QString description;
+        Look look;
+        QString text;
+        QString detail;
+    };
+    const SCase cases[] = {
+        {CImageModel::Idle, {}, {}, Look::Plain, {}, {}},
+        {CImageModel::Processing, {}, {}, Look::Processing, QStringLiteral("Analyzing"), {}},
+        {CImageModel::Waiting, {}, {}, Look::Waiting, QStringLiteral("Waiting"), {}},
+        {CImageModel::SuccessVeryHigh,
+         analysed(true, 0.9999, API::Success, 1234.56),
+         {},
+         Look::VeryHigh,
+         QStringLiteral("Match: very high probability"),
+         QStringLiteral("PCE 1234.6")},
+        {CImageModel::SuccessHigh,
+         analysed(true, 0.995, API::Success, 80.0, 0.8),
+         {},
+         Look::High,
+         QStringLiteral("Match: high probability"),
+         QStringLiteral("PCE 80.0, scale 0.80")},
+        {CImageModel::SuccessMedium,
+         analysed(true, 0.99, API::Success, 70.0),
+         {},
+         Look::Medium,
+         QStringLiteral("Match: medium probability"),
+         QStringLiteral("PCE 70.0")},
+        {CImageModel::SuccessLow,
+         analysed(true, 0.9, API::Success, 60.1),
+         {},
+         Look::Low,
+         QStringLiteral("Match: low probability"),
+         QStringLiteral("PCE 60.1")},
+        // A reference photo of a new fingerprint carries no comparison.
+        {CImageModel::SuccessVeryHigh,
+         analysed(false, 100.0, API::Invalid, 0.0),
+         {},
+         Look::Learned,
+         QStringLiteral("Used for the fingerprint"),
+         {}},
+        {CImageModel::Fail,
+         analysed(false, 0.95, API::Success, 59.84),
+         {},
+         Look::NotFound,
+         QStringLiteral("No match"),
+         QStringLiteral("PCE 59.8")},
+        {CImageModel::Fail,
+         analysed(false, 0.0, API::BrokenImage, 0.0, 1.0, QStringLiteral("JPEG truncated")),
+         {},
+         Look::Error,
+         QStringLiteral("File cannot be opened"),
+         QStringLiteral("JPEG truncated")},
+        {CImageModel::Fail,
+         {},
+         QStringLiteral("<br />Photos have <b>different</b> size"),
+         Look::Error,
+         QStringLiteral("Photos have different size"),
+         {}},
+        {CImageModel::NotCompared,
+         analysed(false, 0.0, API::ImageFingerprintInconsistentSize, 0.0, 1.0, QStringLiteral("too small")),
+         {},
+         Look::NotCompared,
+         QStringLiteral("Not compared: Size is incompatible with fingerprint"),
+         QStringLiteral("too small")},
+    };
     QImage blank(delegate.tileSize(), QImage::Format_ARGB32_Premultiplied);
     blank.fill(Qt::black);
-    for (CImageModel::State state : states)
+    QSet<QRgb> verdictColours;
+    QSet<QString> badges;
+    for (const SCase& c : cases)
     {
-        model.setState(0, state);
+        SCOPED_TRACE(c.text.toStdString());
+        model.setState(0, c.state);
+        model.setResult(0, c.result);
+        model.setDescription(0, c.description);
+        const CGalleryDelegate::SVerdict verdict = CGalleryDelegate::verdict(model.index(0));
+        EXPECT_EQ(verdict.look, c.look);
+        EXPECT_EQ(verdict.text, c.text);
+        EXPECT_EQ(verdict.detail, c.detail);
+        EXPECT_EQ(verdict.badge.isEmpty(), c.look == Look::Plain);
+        if (c.look != Look::Plain && c.look != Look::Processing && c.look != Look::Learned)
+        {
+            // Told apart by colour and, for colour-blind readers, by the badge.
+            verdictColours.insert(CGalleryDelegate::lookColor(c.look).rgb());
+            badges.insert(verdict.badge);
+        }
+
         QImage image = blank;
         QPainter painter(&image);
         QStyleOptionViewItem option;
@@ -208,13 +300,21 @@ TEST_F(GalleryTest, DelegatePaintsEveryState)
         option.fontMetrics = QFontMetrics(QFont());
         delegate.paint(&painter, option, model.index(0));
         painter.end();
-        EXPECT_NE(image, blank) << int(state);
-        // The frame is drawn in the state's colour.
+        EXPECT_NE(image, blank);
         // The tile sits 4 pixels in; its 3-pixel frame is centred on that line.
         const QColor edge = image.pixelColor(delegate.tileSize().width() / 2, 4);
-        EXPECT_EQ(edge.rgb(), CGalleryDelegate::stateColor(state).rgb()) << int(state);
-        EXPECT_EQ(delegate.takePaintedProcessing(), state == CImageModel::Processing) << int(state);
+        const QColor frame = c.look == Look::Error ? CGalleryDelegate::lookColor(Look::Error)
+                                                   : CGalleryDelegate::stateColor(c.state);
+        EXPECT_EQ(edge.rgb(), frame.rgb());
+        EXPECT_EQ(delegate.takePaintedProcessing(), c.state == CImageModel::Processing);
+        // A verdict fills its band in its own colour (probed left of the badge).
+        const QColor band = image.pixelColor(10, delegate.tileSize().height() - 24);
+        if (c.look != Look::Plain && c.look != Look::Waiting && c.look != Look::Processing)
+            EXPECT_EQ(band.rgb(), CGalleryDelegate::lookColor(c.look).rgb());
     }
+    // Waiting, not found, not compared, error and the four classes: all distinct.
+    EXPECT_EQ(verdictColours.size(), 8);
+    EXPECT_EQ(badges.size(), 8);
     model.stopThread();
 
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::Processing), QStringLiteral("normal"));
@@ -223,8 +323,6 @@ TEST_F(GalleryTest, DelegatePaintsEveryState)
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::SuccessLow), QStringLiteral("success_low"));
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::Fail), QStringLiteral("fail"));
     EXPECT_EQ(CGalleryDelegate::stateStyle(CImageModel::NotCompared), QStringLiteral("not_compared"));
-    EXPECT_NE(CGalleryDelegate::stateColor(CImageModel::SuccessHigh),
-              CGalleryDelegate::stateColor(CImageModel::SuccessMedium));
 }
 
 TEST_F(GalleryTest, LoadingIndicatorAnimatesOnlyWhileProcessingTileIsPainted)
@@ -285,8 +383,18 @@ TEST_F(GalleryTest, PreviewShowsPathSizeAndDateOfSelectedPhoto)
     ASSERT_TRUE(preview);
     EXPECT_FALSE(preview->isVisible());
 
+    gallery.imageModel()->setState(0, CImageModel::Fail);
+    gallery.imageModel()->setResult(
+        0, QVariant::fromValue(qutils::CQuorvexAPI::SAnalysisResult{false, 0.9498, 0.01, qutils::CQuorvexAPI::Success, 59.84}));
     gallery.setCurrentIndex(gallery.model()->index(0, 0));
     EXPECT_TRUE(preview->isVisible());
+    // Beside the tiles, never over one.
+    for (int row = 0; row < gallery.model()->rowCount(); ++row)
+    {
+        const QRect tile = gallery.visualRect(gallery.model()->index(row, 0))
+                               .translated(gallery.viewport()->geometry().topLeft());
+        EXPECT_FALSE(tile.intersects(preview->geometry())) << row;
+    }
     auto text = [&](const char* name) {
         QLabel* label = preview->findChild<QLabel*>(QString::fromLatin1(name));
         return label ? label->text() : QStringLiteral("<missing>");
@@ -294,7 +402,8 @@ TEST_F(GalleryTest, PreviewShowsPathSizeAndDateOfSelectedPhoto)
     EXPECT_EQ(text("previewPath"), QStringLiteral("Path: %1").arg(QDir::toNativeSeparators(path)));
     EXPECT_EQ(text("previewSize"), QStringLiteral("Size: 1.50 MB"));
     EXPECT_TRUE(text("previewDate").startsWith(QStringLiteral("Date: ")));
-    EXPECT_GT(text("previewDate").size(), 6);
+    EXPECT_TRUE(text("previewDate").endsWith(QStringLiteral(" (of the file; the photo records none)")));
+    EXPECT_EQ(text("previewVerdict"), QStringLiteral("No match (PCE 59.8)"));
     QLabel* picture = preview->findChild<QLabel*>(QStringLiteral("previewImage"));
     ASSERT_TRUE(picture);
     EXPECT_FALSE(picture->pixmap(Qt::ReturnByValue).isNull());
@@ -400,6 +509,9 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
         opened << url;
         return true;
     });
+    // In the program's own style, so its fonts and paddings count.
+    qApp->setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                            quorvex::styleConstantsResourcePath()));
     CGalleryWidget gallery;
     gallery.resize(800, 600);
     gallery.show();
@@ -408,12 +520,20 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     CGalleryItem* item = gallery.hoverItem();
     const QModelIndex first = gallery.model()->index(0, 0);
     ASSERT_TRUE(QMetaObject::invokeMethod(&gallery, "entered", Q_ARG(QModelIndex, first)));
+    // The name is elided at its start; its tooltip gives the whole path.
+    auto* name = item->findChild<QLabel*>(QStringLiteral("fileName"));
+    ASSERT_TRUE(name);
+    EXPECT_EQ(name->toolTip(), QDir::toNativeSeparators(files.at(0).absoluteFilePath()));
 
     auto button = [&](const char* name) { return item->findChild<QPushButton*>(QString::fromLatin1(name)); };
     ASSERT_TRUE(button("openFolderButton"));
     EXPECT_EQ(button("openFolderButton")->text(), QStringLiteral("Open folder"));
     EXPECT_EQ(button("externalViewerButton")->text(), QStringLiteral("Show in external viewer"));
     EXPECT_EQ(button("detailResultButton")->text(), QStringLiteral("Show detail result"));
+    EXPECT_TRUE(testutils::waitFor(
+        [&] { return item->contentWidget()->geometry() == QRect(QPoint(0, 0), item->size()); }));
+    for (const char* action : {"openFolderButton", "externalViewerButton"})
+        EXPECT_LE(button(action)->sizeHint().width(), button(action)->width()) << action;
     // Nothing to detail before the photo has a result.
     EXPECT_FALSE(button("detailResultButton")->isVisibleTo(item));
 
@@ -428,6 +548,7 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     result.probability = 0.9991;
     result.correlation = 0.0123;
     result.status = qutils::CQuorvexAPI::Success;
+    result.pce = 812.34;
     gallery.imageModel()->setResult(0, QVariant::fromValue(result));
     EXPECT_TRUE(testutils::waitFor([&] { return button("detailResultButton")->isVisibleTo(item); }));
     {
@@ -437,7 +558,9 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
         ASSERT_EQ(shown.size(), 1);
         EXPECT_EQ(shown.at(0).title, QStringLiteral("Analysis results"));
         EXPECT_EQ(shown.at(0).text, QStringLiteral("Path: %1<br/><br/>Result: match with very high probability"
-                                                   "<br/>Probability: 99.91%<br/>Correlation: 0.0123")
+                                                   "<br/>Probability: 99.91%<br/>Correlation: 0.0123"
+                                                   "<br/>PCE 812.3, at or above the threshold of 60"
+                                                   "<br/>Status: Success<br/>Scale: 1.00, orientation: 0\u00b0, shift: 0, 0")
                                         .arg(QDir::toNativeSeparators(files.at(0).absoluteFilePath())));
     }
     // The classes behind the verdicts.
@@ -449,11 +572,19 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
                     .contains(QStringLiteral("Result: match with medium probability<br/>")));
     result.probability = 0.9899;
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
-                    .contains(QStringLiteral("Result: no match<br/>Probability: 98.99%")));
+                    .contains(QStringLiteral("Result: match with low probability<br/>Probability: 98.99%")));
+    // A near miss reads as one.
     result.matched = false;
-    result.probability = 0.9995;
+    result.probability = 0.9498;
+    result.pce = 59.84;
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
-                    .contains(QStringLiteral("Result: no match<br/>")));
+                    .contains(QStringLiteral("Result: no match<br/>Probability: 94.98%<br/>Correlation: 0.0123"
+                                             "<br/>PCE 59.8, below the threshold of 60<br/>")));
+    // The learn screen's record of a reference photo (its 100.0 is no
+    // fraction): used, not compared, so no probability at all.
+    const QVariant learned = QVariant::fromValue(qutils::CQuorvexAPI::SAnalysisResult{false, 100.0});
+    EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), learned, CImageModel::SuccessVeryHigh),
+              QStringLiteral("Path: p<br/><br/>Result: used for the fingerprint"));
     EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("a&b"), QVariant()),
               QStringLiteral("Path: a&amp;b<br/><br/>Result: no match"));
     // A photo that could not be compared is never shown as excluded.
@@ -473,17 +604,27 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     EXPECT_EQ(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result)),
               QStringLiteral("Path: p<br/><br/>Result: Not compared: Different camera type"));
     // A photo found at another scale says so.
-    result = {true, 0.9995, 0.02, qutils::CQuorvexAPI::Success, 900.0, QString(), 0.8};
+    result = {true, 0.9995, 0.02, qutils::CQuorvexAPI::Success, 900.0, QString(), 0.8, 90, 12, -3};
     EXPECT_TRUE(CGalleryWidget::detailResultText(QStringLiteral("p"), QVariant::fromValue(result))
-                    .endsWith(QStringLiteral("Correlation: 0.0200<br/>Scale: 0.80")));
+                    .endsWith(QStringLiteral("Scale: 0.80, orientation: 90\u00b0, shift: 12, -3")));
 
-    // A double click on the live tile opens the preview.
+    // A double click on the live tile opens the details of a photo with a
+    // result, and the preview of one without.
+    {
+        qcontrols::CScriptedDialogs script({{QMessageBox::Ok, {}}});
+        QTest::mouseDClick(item, Qt::LeftButton);
+        ASSERT_EQ(qcontrols::CDialogScript::shown().size(), 1);
+        EXPECT_EQ(qcontrols::CDialogScript::shown().at(0).title, QStringLiteral("Analysis results"));
+    }
+    ASSERT_TRUE(QMetaObject::invokeMethod(&gallery, "entered", Q_ARG(QModelIndex, gallery.model()->index(1, 0))));
     QSignalSpy doubled(item, &CGalleryItem::doubleClicked);
     QTest::mouseDClick(item, Qt::LeftButton);
     ASSERT_EQ(doubled.size(), 1);
     EXPECT_TRUE(gallery.previewWidget()->isVisible());
     CGalleryWidget::setUrlOpener({});
     gallery.imageModel()->stopThread();
+    qApp->setStyleSheet(QString());
+    qcontrols::CStyleSheetManager::clear();
 }
 
 } // namespace

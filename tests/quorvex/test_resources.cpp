@@ -307,15 +307,16 @@ TEST_F(ResourcesTest, RulesReachTheNamedWidgets)
     EXPECT_GE(edit->minimumWidth(), 300);
     EXPECT_GE(edit->minimumHeight(), 22);
 
-    // Each result class paints its tile in its own colour.
+    // Each result class frames its tile in its own colour; the tile stays plain.
     const QMap<QString, QString> stateColour = {
-        {QStringLiteral("normal"), QStringLiteral("COLOR_TILE")},
+        {QStringLiteral("normal"), QStringLiteral("COLOR_BORDER")},
         {QStringLiteral("success_very_high"), QStringLiteral("COLOR_RESULT_VERY_HIGH")},
         {QStringLiteral("success_high"), QStringLiteral("COLOR_RESULT_HIGH")},
         {QStringLiteral("success_medium"), QStringLiteral("COLOR_RESULT_MEDIUM")},
         {QStringLiteral("success_low"), QStringLiteral("COLOR_RESULT_LOW")},
         {QStringLiteral("fail"), QStringLiteral("COLOR_RESULT_FAIL")},
     };
+    const QColor plain(constants.value(QStringLiteral("COLOR_SURFACE_RAISED")).trimmed());
     QSet<QRgb> seen;
     for (QFrame* tile : tiles)
     {
@@ -324,9 +325,10 @@ TEST_F(ResourcesTest, RulesReachTheNamedWidgets)
         const QColor expected(constants.value(stateColour.value(state)).trimmed());
         ASSERT_TRUE(expected.isValid());
         const QImage image = tile->grab().toImage();
-        const QColor centre = image.pixelColor(image.width() / 2, image.height() / 2);
-        EXPECT_EQ(centre.rgb(), expected.rgb());
-        seen.insert(centre.rgb());
+        const QColor edge = image.pixelColor(0, image.height() / 2);
+        EXPECT_EQ(edge.rgb(), expected.rgb());
+        EXPECT_EQ(image.pixelColor(image.width() / 2, image.height() / 2).rgb(), plain.rgb());
+        seen.insert(edge.rgb());
     }
     EXPECT_EQ(seen.size(), tiles.size());
     qcontrols::CStyleSheetManager::clear();

@@ -22,13 +22,8 @@ SPhotoInputs collectPhotos(const QStringList& paths, bool recursive)
         {
             const QDir dir(path);
             QList<SRefusedFile> refused;
-            QFileInfoList listed = listPhotos(dir, recursive, nullptr, nullptr, &refused);
-            // The directory iterator's order depends on the file system; runs
-            // must be repeatable, so sort by the path below the folder.
-            std::sort(listed.begin(), listed.end(),
-                      [&dir](const QFileInfo& a, const QFileInfo& b)
-                      { return dir.relativeFilePath(a.filePath()) < dir.relativeFilePath(b.filePath()); });
-            inputs.photos.append(listed);
+            // Listed in natural order by the path below the folder, as the gallery shows them.
+            inputs.photos.append(listPhotos(dir, recursive, nullptr, nullptr, &refused));
             std::sort(refused.begin(), refused.end(),
                       [](const SRefusedFile& x, const SRefusedFile& y) { return x.path < y.path; });
             inputs.refused.append(refused);
