@@ -310,7 +310,9 @@ TEST_F(GalleryTest, DelegatePaintsEveryStateWithItsVerdict)
         // A verdict fills its band in its own colour (probed left of the badge).
         const QColor band = image.pixelColor(10, delegate.tileSize().height() - 24);
         if (c.look != Look::Plain && c.look != Look::Waiting && c.look != Look::Processing)
+        {
             EXPECT_EQ(band.rgb(), CGalleryDelegate::lookColor(c.look).rgb());
+        }
     }
     // Waiting, not found, not compared, error and the four classes: all distinct.
     EXPECT_EQ(verdictColours.size(), 8);
@@ -525,7 +527,9 @@ TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
     ASSERT_TRUE(name);
     EXPECT_EQ(name->toolTip(), QDir::toNativeSeparators(files.at(0).absoluteFilePath()));
 
-    auto button = [&](const char* name) { return item->findChild<QPushButton*>(QString::fromLatin1(name)); };
+    auto button = [&](const char* objectName) {
+        return item->findChild<QPushButton*>(QString::fromLatin1(objectName));
+    };
     ASSERT_TRUE(button("openFolderButton"));
     EXPECT_EQ(button("openFolderButton")->text(), QStringLiteral("Open folder"));
     EXPECT_EQ(button("externalViewerButton")->text(), QStringLiteral("Show in external viewer"));
