@@ -1,5 +1,7 @@
 #pragma once
 
+#include "lumicrest_calibration.h"
+
 #include <cstdint>
 
 // Every tunable number of the engine, in one place. engine/README.md explains
@@ -34,7 +36,7 @@ constexpr float WarnNoiseLevel = 6.0f;
 
 // Matching.
 constexpr int PeakExclusion = 11;             // PCE ignores this square around the peak
-constexpr double MatchThresholdPce = 60.0;    // search-corrected PCE for "sensor_matched"
+constexpr double MatchThresholdPce = LUMICREST_MATCH_THRESHOLD_PCE; // search-corrected PCE for "sensor_matched"
 constexpr int MinMatchSide = 256;             // smaller questioned photos are not judged
 constexpr double MaxProbability = 0.999999;
 // Working memory of one match, per fingerprint pixel, reserved from the budget
@@ -66,9 +68,13 @@ struct LadderPoint
     double pce;
     double probability;
 };
-constexpr LadderPoint ProbabilityLadder[] = {
-    {10.0, 0.5}, {60.0, 0.95}, {100.0, 0.99}, {200.0, 0.995}, {400.0, 0.999}, {2000.0, 0.99999},
+constexpr double LadderPce[LUMICREST_LADDER_POINTS] = LUMICREST_LADDER_PCE;
+constexpr double LadderProbability[LUMICREST_LADDER_POINTS] = LUMICREST_LADDER_PROBABILITY;
+constexpr LadderPoint ProbabilityLadder[LUMICREST_LADDER_POINTS] = {
+    {LadderPce[0], LadderProbability[0]}, {LadderPce[1], LadderProbability[1]}, {LadderPce[2], LadderProbability[2]},
+    {LadderPce[3], LadderProbability[3]}, {LadderPce[4], LadderProbability[4]}, {LadderPce[5], LadderProbability[5]},
 };
+static_assert(LUMICREST_LADDER_POINTS == 6, "the ladder above names six points");
 
 } // namespace constants
 } // namespace lumicrest

@@ -6,6 +6,8 @@
 #include "imagemodel.h"
 #include "resultclass.h"
 
+#include "lumicrest_calibration.h"
+
 #include "qcontrols/messageboxfactory.h"
 #include "qutils/debugutils.h"
 #include "qutils/fileutils.h"
@@ -246,7 +248,7 @@ void CGalleryWidget::openInExternalViewer(const QString& path)
 
 QString CGalleryWidget::pceThresholdText(double pce)
 {
-    const double threshold = qutils::CQuorvexAPI::MatchThresholdPce;
+    const double threshold = LUMICREST_MATCH_THRESHOLD_PCE;
     if (pce >= threshold)
         return tr("PCE %1, at or above the threshold of %2").arg(pce, 0, 'f', 1).arg(threshold);
     return tr("PCE %1, below the threshold of %2").arg(pce, 0, 'f', 1).arg(threshold);

@@ -2,7 +2,7 @@
 
 #include "resultclass.h"
 
-#include "src/constants.h"
+#include "lumicrest_calibration.h"
 
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
@@ -158,17 +158,18 @@ QString CGeneratorTask::caseTable(const SReportInput& input)
 
 QString CGeneratorTask::methodRows(const SReportInput& input)
 {
-    namespace constants = lumicrest::constants;
+    const double pces[] = LUMICREST_LADDER_PCE;
+    const double probabilities[] = LUMICREST_LADDER_PROBABILITY;
     QStringList ladder;
-    for (const constants::LadderPoint& point : constants::ProbabilityLadder)
-        ladder << QStringLiteral("%1 %2 %3").arg(QString::number(point.pce), QString(QChar(0x2192)),
-                                                 QString::number(point.probability));
+    for (int i = 0; i < LUMICREST_LADDER_POINTS; ++i)
+        ladder << QStringLiteral("%1 %2 %3").arg(QString::number(pces[i]), QString(QChar(0x2192)),
+                                                 QString::number(probabilities[i]));
     const QVariant references = input.fingerprintProperties.value(CFingerprint::TrainingImagesCount);
     const QString rows[][2] = {
         // The engine is built from this program's sources and carries its version.
         {tr("Engine"), tr("lumicrest %1").arg(programVersion())},
         {tr("Decision threshold"),
-         tr("PCE %1: a photo matches the fingerprint at or above it").arg(constants::MatchThresholdPce)},
+         tr("PCE %1: a photo matches the fingerprint at or above it").arg(LUMICREST_MATCH_THRESHOLD_PCE)},
         {tr("PCE to probability"),
          ladder.join(QStringLiteral(", ")) + QStringLiteral("; ") + tr("log-linear in 1 - p between these points")},
         {tr("Search correction"),

@@ -81,10 +81,6 @@ public:
         int shiftY = 0;
     };
 
-    // The engine's decision threshold on the search-corrected PCE: a photo
-    // matches at or above it. The engine applies it but does not report it.
-    static constexpr double MatchThresholdPce = 60.0;
-
     // The lower-case key ("success"); empty for a code not in the table.
     static QString statusKey(EStatus status);
     // The display text, translated.
