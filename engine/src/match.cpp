@@ -43,44 +43,53 @@ void prepareSums(LoadedFingerprint& fp)
     });
 }
 
-// Peak over the admissible shifts and its PCE against the whole (circular)
-// correlation plane outside the exclusion square around it, wrapped at the borders.
-Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
+} // namespace
+
+Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1)
 {
     StageTimer timer(Stage::Pce);
+    const int width = c.width();
+    const int height = c.height();
+    const auto wrap = [](int v, int n) { return ((v % n) + n) % n; };
+    // Shifts inside the plane are read straight; only a window past its edges wraps.
+    const bool inside = x0 >= 0 && x1 < width;
     Peak peak;
-    peak.value = c.at(0, 0);
-    for (int y = 0; y <= maxShiftY; ++y)
+    bool first = true;
+    for (int y = y0; y <= y1; ++y)
     {
-        const float* row = c.row(y);
-        for (int x = 0; x <= maxShiftX; ++x)
-            if (row[x] > peak.value)
+        const float* row = c.row(wrap(y, height));
+        for (int x = x0; x <= x1; ++x)
+        {
+            const float v = row[inside ? x : wrap(x, width)];
+            if (first || v > peak.value)
             {
-                peak.value = row[x];
+                first = false;
+                peak.value = v;
                 peak.x = x;
                 peak.y = y;
             }
+        }
     }
     double total = 0.0;
-    for (int y = 0; y < c.height(); ++y)
+    for (int y = 0; y < height; ++y)
     {
         const float* row = c.row(y);
         double rowSum = 0.0;
-        for (int x = 0; x < c.width(); ++x)
+        for (int x = 0; x < width; ++x)
             rowSum += static_cast<double>(row[x]) * row[x];
         total += rowSum;
     }
     const int half = constants::PeakExclusion / 2;
-    const int spanX = std::min(constants::PeakExclusion, c.width());
-    const int spanY = std::min(constants::PeakExclusion, c.height());
+    const int spanX = std::min(constants::PeakExclusion, width);
+    const int spanY = std::min(constants::PeakExclusion, height);
     double excluded = 0.0;
     for (int dy = 0; dy < spanY; ++dy)
     {
-        const int y = ((peak.y - half + dy) % c.height() + c.height()) % c.height();
+        const float* row = c.row(wrap(peak.y - half + dy, height));
         for (int dx = 0; dx < spanX; ++dx)
         {
-            const int x = ((peak.x - half + dx) % c.width() + c.width()) % c.width();
-            excluded += static_cast<double>(c.at(x, y)) * c.at(x, y);
+            const double v = row[wrap(peak.x - half + dx, width)];
+            excluded += v * v;
         }
     }
     const double count = static_cast<double>(c.size()) - static_cast<double>(spanX) * spanY;
@@ -89,6 +98,9 @@ Peak peakToCorrelationEnergy(const Plane& c, int maxShiftX, int maxShiftY)
         peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
     return peak;
 }
+
+namespace
+{
 
 // A photo of the fingerprint's size, in every candidate turn. The photo's
 // residual is weighted by its intensity before the Wiener filter, so the
@@ -493,7 +505,7 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
 
         const int maxShiftX = fp.width - w;
         const int maxShiftY = fp.height - h;
-        const Peak peak = peakToCorrelationEnergy(correlation, maxShiftX, maxShiftY);
+        const Peak peak = windowPeak(correlation, 0, maxShiftX, 0, maxShiftY);
         result.positions += static_cast<long long>(maxShiftX + 1) * (maxShiftY + 1);
         if (first || peak.pce > result.pceRaw)
         {

@@ -30,6 +30,11 @@ struct Peak
     int y = 0;
 };
 
+// Highest value of a circular correlation plane over the shifts x0..x1,
+// y0..y1 (wrapped at the borders), and its PCE against the whole plane outside
+// the exclusion square around it.
+Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1);
+
 // Value at zero shift and PCE there of the circular correlation
 // c = IDFT(g) / (width * height), from its half spectrum `g` (for two planes
 // of the same size, g = conj(F_a) F_b); planes at least as wide as the

@@ -251,51 +251,6 @@ void padInto(const Plane& in, int width, int height, Plane& out)
     }
 }
 
-// Highest value over shifts x0..x1, y0..y1 (wrapping), and its PCE against the
-// whole circular plane outside the exclusion square around it.
-Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1)
-{
-    StageTimer timer(Stage::Pce);
-    const int W = c.width();
-    const int H = c.height();
-    const auto wrap = [](int v, int n) { return ((v % n) + n) % n; };
-    Peak peak;
-    bool first = true;
-    for (int y = y0; y <= y1; ++y)
-    {
-        const float* row = c.row(wrap(y, H));
-        for (int x = x0; x <= x1; ++x)
-        {
-            const float v = row[wrap(x, W)];
-            if (first || v > peak.value)
-            {
-                first = false;
-                peak.value = v;
-                peak.x = x;
-                peak.y = y;
-            }
-        }
-    }
-    double total = 0.0;
-    for (size_t i = 0, n = c.size(); i < n; ++i)
-        total += static_cast<double>(c.data()[i]) * c.data()[i];
-    const int half = constants::PeakExclusion / 2;
-    const int spanX = std::min(constants::PeakExclusion, W);
-    const int spanY = std::min(constants::PeakExclusion, H);
-    double excluded = 0.0;
-    for (int dy = 0; dy < spanY; ++dy)
-        for (int dx = 0; dx < spanX; ++dx)
-        {
-            const double v = c.at(wrap(peak.x - half + dx, W), wrap(peak.y - half + dy, H));
-            excluded += v * v;
-        }
-    const double count = static_cast<double>(c.size()) - static_cast<double>(spanX) * spanY;
-    const double floor = count > 0 ? std::max(total - excluded, 0.0) / count : 0.0;
-    if (floor > 0.0)
-        peak.pce = (peak.value >= 0 ? 1.0 : -1.0) * peak.value * peak.value / floor;
-    return peak;
-}
-
 // Circular correlation of x and k, both zero-padded to width x height:
 // c(d) = sum over p of x(p) k(p + d).
 void correlate(const Spectrum& xSpectrum, const Spectrum& kSpectrum, Spectrum& work, Plane& c)

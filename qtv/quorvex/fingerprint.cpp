@@ -201,19 +201,13 @@ QByteArray cameraKey(const QString& text)
 // when the file is not a regular file or cannot be read.
 QByteArray contentDigest(const QFileInfo& photo, bool whole)
 {
+    if (whole)
+        return qutils::fileSha256(photo.absoluteFilePath()).toLatin1();
     QFile file;
     if (!qutils::platform::openRegularFile(photo.absoluteFilePath(), file))
         return QByteArray();
     QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (whole)
-    {
-        if (!hash.addData(&file))
-            return QByteArray();
-    }
-    else
-    {
-        hash.addData(file.read(64 * 1024));
-    }
+    hash.addData(file.read(64 * 1024));
     return hash.result();
 }
 
