@@ -45,7 +45,9 @@ LUMICREST_EXPORT lumicrest_error_code lumicrest_open_library(const wchar_t** pat
  * those that got the full PCE after the digest pass, and P every position
  * examined over all fingerprints; the PCE of each entry is corrected for P,
  * so that the false-alarm rate per photo stays that of one comparison. Only
- * matching fingerprints are listed, strongest first. When the photo fits no
+ * matching fingerprints are listed, strongest first; "best" is the strongest
+ * fingerprint that got the full PCE, matching or not (null when none did), so
+ * a caller can say how close the nearest camera came. When the photo fits no
  * fingerprint, N is 0 and reason is "size" (or "too small"). A photo that
  * cannot be read gives its result value, with reason naming the failure. */
 LUMICREST_EXPORT lumicrest_error_code lumicrest_identify(const lumicrest_library_s* library,
