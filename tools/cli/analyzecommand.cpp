@@ -18,7 +18,7 @@ namespace cli
 
 int runAnalyze(const SCommandLine& commandLine)
 {
-    const SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
+    SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
     if (!reportInputProblems(inputs))
         return ExitFailure;
     if (inputs.photos.isEmpty())
@@ -28,6 +28,8 @@ int runAnalyze(const SCommandLine& commandLine)
                             : QStringLiteral("no photo in the given paths can be analyzed"));
         return ExitFailure;
     }
+    // A shard may be empty (more shards than photos): it runs and writes no line.
+    keepShard(inputs, commandLine.shardNumber, commandLine.shardCount);
     // Checked before anything is written: evidence must never be overwritten.
     QList<OutputOption> outputs;
     if (!commandLine.jsonFile.isEmpty() && commandLine.jsonFile != QLatin1String("-"))
@@ -78,14 +80,26 @@ int runAnalyze(const SCommandLine& commandLine)
     CAnalyzeJob job(inputs.photos, fingerprint, commandLine.skipDifferentCamera, commandLine.threads);
     // The files and the report name each photo by its hash too.
     job.setHashFiles(jsonToStdout || jsonFile || csvFile || !commandLine.reportFile.isEmpty());
-    CConsole::note(QStringLiteral("analyzing %1 photos against %2 on %3 %4")
+    const QString shardText = commandLine.shardCount > 1 ? QStringLiteral(" (shard %1/%2 of %3)")
+                                                               .arg(commandLine.shardNumber)
+                                                               .arg(commandLine.shardCount)
+                                                               .arg(inputs.total)
+                                                         : QString();
+    CConsole::note(QStringLiteral("analyzing %1 photos%2 against %3 on %4 %5")
                        .arg(inputs.photos.size())
-                       .arg(commandLine.fingerprintFile)
+                       .arg(shardText, commandLine.fingerprintFile)
                        .arg(job.threadCount())
                        .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
     bool tableStarted = false;
-    const auto handle = [&](const SPhotoOutcome& outcome)
+    // Outcomes arrive in list order, the refused files last: their count is their place.
+    int delivered = 0;
+    const QString fingerprintPath = QFileInfo(commandLine.fingerprintFile).absoluteFilePath();
+    const auto handle = [&](const SPhotoOutcome& given)
     {
+        SPhotoOutcome outcome = given;
+        outcome.index = inputs.indexes.at(delivered++);
+        outcome.total = inputs.total;
+        outcome.fingerprint = fingerprintPath;
         if (jsonToStdout)
         {
             CConsole::out(jsonLine(outcome));
@@ -103,7 +117,8 @@ int runAnalyze(const SCommandLine& commandLine)
             csvFile->writeLine(csvLine(outcome));
     };
     job.setOutcomeHandler(handle);
-    QList<SPhotoOutcome> outcomes = job.run();
+    // The job's pool is left idle for a shard with no photo to match.
+    QList<SPhotoOutcome> outcomes = inputs.photos.isEmpty() ? QList<SPhotoOutcome>() : job.run();
     if (job.fingerprintUnreadable())
     {
         CConsole::error(QStringLiteral("cannot read the fingerprint file %1: the engine refuses it (%2)")

@@ -40,6 +40,21 @@ QString storeCount(int& target, const QString& option, const QString& value, int
     return QString();
 }
 
+// "K/N": shard K (1 to N) of N.
+QString storeShard(SCommandLine& c, const QString& value)
+{
+    const QStringList parts = value.split(QLatin1Char('/'));
+    bool numberOk = false;
+    bool countOk = false;
+    const int number = parts.size() == 2 ? parts.at(0).toInt(&numberOk, 10) : 0;
+    const int count = parts.size() == 2 ? parts.at(1).toInt(&countOk, 10) : 0;
+    if (!numberOk || !countOk || count < 1 || number < 1 || number > count)
+        return QStringLiteral("--shard needs K/N, shard K of N with K from 1 to N (such as 2/8), not '%1'").arg(value);
+    c.shardNumber = number;
+    c.shardCount = count;
+    return QString();
+}
+
 QList<SOption> optionsFor(ECommand command)
 {
     const SOption recursive{{QStringLiteral("-r"), QStringLiteral("--recursive")},
@@ -68,6 +83,21 @@ QList<SOption> optionsFor(ECommand command)
                                       return QStringLiteral("--scale-search needs full, sized or off, not '%1'").arg(v);
                                   return storeText(c.scaleSearch, v);
                               }};
+    // Options analyze and merge share (the outputs and the report's heading).
+    const SOption csv{{QStringLiteral("--csv")},
+                      true,
+                      [](SCommandLine& c, const QString& v) { return storeText(c.csvFile, v); }};
+    const SOption caseNumber{{QStringLiteral("--case")},
+                             true,
+                             [](SCommandLine& c, const QString& v) { return storeText(c.caseNumber, v); }};
+    const SOption examiner{{QStringLiteral("--examiner")},
+                           true,
+                           [](SCommandLine& c, const QString& v) { return storeText(c.examiner, v); }};
+    const SOption notes{{QStringLiteral("--notes")},
+                        true,
+                        [](SCommandLine& c, const QString& v) { return storeText(c.notes, v); }};
+    // For every command that matches a list of photos.
+    const SOption shard{{QStringLiteral("--shard")}, true, storeShard};
     switch (command)
     {
     case ECommand::Learn:
@@ -97,20 +127,15 @@ QList<SOption> optionsFor(ECommand command)
             threads,
             scaleSearch,
             json,
-            {{QStringLiteral("--csv")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.csvFile, v); }},
+            csv,
             report,
-            {{QStringLiteral("--case")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.caseNumber, v); }},
-            {{QStringLiteral("--examiner")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.examiner, v); }},
-            {{QStringLiteral("--notes")},
-             true,
-             [](SCommandLine& c, const QString& v) { return storeText(c.notes, v); }},
+            caseNumber,
+            examiner,
+            notes,
+            shard,
         };
+    case ECommand::Merge:
+        return {json, csv, report, caseNumber, examiner, notes};
     case ECommand::Info:
         return {
             {{QStringLiteral("--json")},
@@ -184,6 +209,12 @@ QString checkComplete(const QString& name, SCommandLine& c)
         if (c.jsonFile == QLatin1String("-"))
             return QStringLiteral("'validate --json' needs a FILE");
         return QString();
+    case ECommand::Merge:
+        if (c.paths.isEmpty())
+            return QStringLiteral("'merge' needs at least one SHARD.jsonl: the --json files of the shards");
+        if (!c.csvFile.isEmpty() && c.csvFile == c.jsonFile)
+            return QStringLiteral("--json and --csv cannot write to the same file");
+        return QString();
     case ECommand::Demo:
         if (!c.paths.isEmpty())
             return QStringLiteral("'demo' takes no PATH, only --out DIR");
@@ -222,9 +253,11 @@ SCommandLine parseCommandLine(const QStringList& arguments)
         result.command = ECommand::Demo;
     else if (name == QLatin1String("validate"))
         result.command = ECommand::Validate;
+    else if (name == QLatin1String("merge"))
+        result.command = ECommand::Merge;
     else if (name.startsWith(QLatin1Char('-')))
         return failed(
-            QStringLiteral("unknown option '%1'; a command (learn, analyze, info, demo, validate) comes first")
+            QStringLiteral("unknown option '%1'; a command (learn, analyze, merge, info, demo, validate) comes first")
                 .arg(name));
     else
         return failed(QStringLiteral("unknown command '%1'").arg(name));
@@ -317,7 +350,9 @@ QString helpText()
         "  quorvex-cli analyze -f FILE.fnp [--recursive] [--skip-different-camera] [--threads N]\n"
         "                      [--scale-search full|sized|off] [--json FILE|-] [--csv FILE]\n"
         "                      [--report FILE.pdf] [--case TEXT] [--examiner TEXT]\n"
-        "                      [--notes TEXT] PATH...\n"
+        "                      [--notes TEXT] [--shard K/N] PATH...\n"
+        "  quorvex-cli merge   [--json FILE|-] [--csv FILE] [--report FILE.pdf] [--case TEXT]\n"
+        "                      [--examiner TEXT] [--notes TEXT] SHARD.jsonl...\n"
         "  quorvex-cli info    [--json] FILE.fnp\n"
         "  quorvex-cli demo    [--out DIR]\n"
         "  quorvex-cli validate [--variants] [--json FILE] [--report FILE.pdf] [--threads N]\n"
@@ -365,12 +400,21 @@ QString helpText()
         "                             correlation, pce, scale (the photo's size as a factor of\n"
         "                             the fingerprint's image), status (lower-case key), class,\n"
         "                             reason (why a photo was not processed or not compared),\n"
-        "                             sha256 (of the photo file as analysed; null when unread)\n"
+        "                             sha256 (of the photo file as analysed; null when unread),\n"
+        "                             index (the photo's position in the whole input list,\n"
+        "                             from 0, before --shard), total (the whole list's length),\n"
+        "                             fingerprint (absolute), orientation (the clockwise turn\n"
+        "                             at which the photo lined up with the fingerprint)\n"
         "  --csv FILE                 write the same columns as CSV with a header line\n"
         "  --report FILE.pdf          also write a PDF report of every photo\n"
         "  --case, --examiner, --notes TEXT\n"
         "                             the case number, examiner and notes shown at the top of\n"
         "                             the report (each optional)\n"
+        "  --shard K/N                analyze only shard K of N (K from 1 to N) of the input\n"
+        "                             list: the photos at positions i (from 0, in the order\n"
+        "                             above, the files that cannot be analyzed last) with\n"
+        "                             i mod N = K-1; run every shard, then 'merge' their --json\n"
+        "                             files. Progress and the summary count the shard's photos\n"
         "Classes: very high (probability >= 0.999), high (>= 0.995), medium (>= 0.99), low\n"
         "(any other match), not found (no match, or the photo failed: see its status),\n"
         "not compared (the photo's size fits the fingerprint in no way tried, status\n"
@@ -378,6 +422,16 @@ QString helpText()
         "finding that another camera took it), not processed (interrupted before the photo\n"
         "was analyzed).\n"
         "PCE is the peak-to-correlation energy; 60 or more counts as a match.\n"
+        "\n"
+        "merge: joins the --json files of the shards of one run into what the whole run\n"
+        "would have written: the table and summary (without the time), --json and --csv\n"
+        "byte for byte, and --report (from the fingerprint file the lines name, which must\n"
+        "still be there). Refuses lines of different runs (another total or fingerprint),\n"
+        "a position no shard has (naming the positions), one position with two different\n"
+        "results, and any line not written by 'analyze --json' (naming file and line).\n"
+        "The paths in the table are relative to the working folder when below it.\n"
+        "  --json FILE|-, --csv FILE, --report FILE.pdf, --case, --examiner, --notes\n"
+        "                             as for analyze\n"
         "\n"
         "info: prints the properties of a fingerprint file.\n"
         "  --json                     as one JSON object keyed by property\n"

@@ -16,6 +16,7 @@ enum class ECommand
     Info,
     Demo,
     Validate,
+    Merge,
 };
 
 // The exit codes scripts rely on.
@@ -44,9 +45,9 @@ struct SCommandLine
     int limit = 0; // learn: 0 means no limit of the user's own
     bool skipDifferentCamera = false;
     int threads = 0;    // 0: every core
-    QString jsonFile;   // analyze and validate --json; "-" is standard output for analyze
-    QString csvFile;    // analyze --csv
-    QString reportFile; // analyze and validate --report
+    QString jsonFile;   // analyze, merge and validate --json; "-" is standard output for analyze and merge
+    QString csvFile;    // analyze and merge --csv
+    QString reportFile; // analyze, merge and validate --report
     bool json = false;  // info --json
     QString outDir;     // demo --out
     bool variants = false; // validate --variants
@@ -54,6 +55,8 @@ struct SCommandLine
     QString caseNumber;    // analyze --case, for the report
     QString examiner;      // analyze --examiner
     QString notes;         // analyze --notes
+    int shardNumber = 1;   // --shard K/N: K, from 1
+    int shardCount = 1;    // N; 1: the whole list
 };
 
 // Parses the arguments without the program's name. A --scale-search value is

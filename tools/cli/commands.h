@@ -15,6 +15,7 @@ int runAnalyze(const SCommandLine& commandLine);
 int runInfo(const SCommandLine& commandLine);
 int runDemo(const SCommandLine& commandLine);
 int runValidate(const SCommandLine& commandLine);
+int runMerge(const SCommandLine& commandLine);
 
 // Learns from the photos into target and prints the fingerprint's properties;
 // shared by 'learn' and 'demo'.

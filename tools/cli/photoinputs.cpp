@@ -47,7 +47,32 @@ SPhotoInputs collectPhotos(const QStringList& paths, bool recursive)
             inputs.missing.append(path);
         }
     }
+    inputs.total = inputs.photos.size() + inputs.refused.size();
+    for (int i = 0; i < inputs.total; ++i)
+        inputs.indexes.append(i);
     return inputs;
+}
+
+void keepShard(SPhotoInputs& inputs, int number, int count)
+{
+    QFileInfoList photos;
+    QList<SRefusedFile> refused;
+    QList<int> indexes;
+    const int photoCount = inputs.photos.size();
+    for (int i = 0; i < inputs.indexes.size(); ++i)
+    {
+        const int index = inputs.indexes.at(i);
+        if (index % count != number - 1)
+            continue;
+        indexes.append(index);
+        if (i < photoCount)
+            photos.append(inputs.photos.at(i));
+        else
+            refused.append(inputs.refused.at(i - photoCount));
+    }
+    inputs.photos = photos;
+    inputs.refused = refused;
+    inputs.indexes = indexes;
 }
 
 bool reportInputProblems(const SPhotoInputs& inputs)

@@ -17,12 +17,22 @@ struct SPhotoInputs
     QStringList missing;         // paths that name neither a file nor a folder
     QStringList skipped;         // files given by name that are not photo files
     QList<SRefusedFile> refused; // photo files that cannot be analysed, with the reason
+    // Each photo's position in the whole list (the photos, then the refused
+    // files, as they are reported), and that list's length: a shard keeps
+    // the positions its lines had in the whole run.
+    QList<int> indexes;
+    int total = 0;
 };
 
 // The photos of the PATHs in the order given: a file as it is, a folder's
 // photo files sorted by their path below the folder (subfolders only when
 // recursive). Paths keep the form they were given in.
 SPhotoInputs collectPhotos(const QStringList& paths, bool recursive);
+
+// Keeps one shard of the whole list so that several runs can share it: the
+// entries at positions i with i mod count == number - 1 (number from 1 to
+// count). Shard 1/1 is the whole list.
+void keepShard(SPhotoInputs& inputs, int number, int count);
 
 // Tells the user about missing, skipped and refused paths; false when any is missing.
 bool reportInputProblems(const SPhotoInputs& inputs);

@@ -4,8 +4,10 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 
 #include <cmath>
+#include <limits>
 
 using qutils::CQuorvexAPI;
 
@@ -60,18 +62,107 @@ QString jsonLine(const SPhotoOutcome& outcome)
 {
     const auto& r = outcome.result;
     return QStringLiteral("{\"path\":%1,\"matched\":%2,\"compared\":%3,\"probability\":%4,\"correlation\":%5,"
-                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9,\"reason\":%10,\"sha256\":%11}")
+                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9,\"reason\":%10,\"sha256\":%11,"
+                          "\"index\":%12,\"total\":%13,\"fingerprint\":%14,\"orientation\":%15}")
         .arg(jsonString(outcome.absolutePath), boolText(outcome.processed && r.matched), boolText(compared(outcome)),
              jsonNumber(outcome.processed ? r.probability : 0.0), jsonNumber(outcome.processed ? r.correlation : 0.0),
              jsonNumber(outcome.processed ? r.pce : 0.0), jsonNumber(outcome.processed ? r.scale : 1.0),
              jsonString(statusKey(outcome)), jsonString(className(outcome)))
         .arg(jsonString(reason(outcome)),
-             outcome.sha256.isEmpty() ? QStringLiteral("null") : jsonString(outcome.sha256));
+             outcome.sha256.isEmpty() ? QStringLiteral("null") : jsonString(outcome.sha256),
+             QString::number(outcome.index), QString::number(outcome.total), jsonString(outcome.fingerprint),
+             QString::number(outcome.processed ? r.orientation : 0));
+}
+
+bool readJsonLine(const QByteArray& line, SPhotoOutcome* outcome, QString* error)
+{
+    const auto fail = [error](const QString& why)
+    {
+        *error = why;
+        return false;
+    };
+    if (line.size() > MaximumJsonLineBytes)
+        return fail(QStringLiteral("the line is too long for a result line"));
+    QJsonParseError parseError{};
+    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject())
+        return fail(QStringLiteral("not a JSON object"));
+    const QJsonObject o = document.object();
+    QStringList problems;
+    const auto text = [&](const char* key, bool nullable = false)
+    {
+        const QJsonValue v = o.value(QLatin1String(key));
+        if (!v.isString() && !(nullable && v.isNull()))
+            problems << QLatin1String(key);
+        return v.toString();
+    };
+    const auto flag = [&](const char* key)
+    {
+        const QJsonValue v = o.value(QLatin1String(key));
+        if (!v.isBool())
+            problems << QLatin1String(key);
+        return v.toBool();
+    };
+    // jsonNumber writes null for NaN and infinity.
+    const auto number = [&](const char* key)
+    {
+        const QJsonValue v = o.value(QLatin1String(key));
+        if (v.isNull())
+            return std::numeric_limits<double>::quiet_NaN();
+        if (!v.isDouble())
+            problems << QLatin1String(key);
+        return v.toDouble();
+    };
+    const auto whole = [&](const char* key, int minimum)
+    {
+        const QJsonValue v = o.value(QLatin1String(key));
+        const double d = v.toDouble(-1.0);
+        if (!v.isDouble() || d != std::floor(d) || d < minimum || d > std::numeric_limits<int>::max())
+        {
+            problems << QLatin1String(key);
+            return 0;
+        }
+        return static_cast<int>(d);
+    };
+
+    SPhotoOutcome read;
+    read.absolutePath = text("path");
+    read.path = read.absolutePath;
+    auto& r = read.result;
+    r.matched = flag("matched");
+    flag("compared");
+    r.probability = number("probability");
+    r.correlation = number("correlation");
+    r.pce = number("pce");
+    r.scale = number("scale");
+    bool known = false;
+    r.status = CQuorvexAPI::statusFromKey(text("status"), &known);
+    if (!known && !problems.contains(QLatin1String("status")))
+        problems << QStringLiteral("status");
+    read.processed = text("class") != resultClassName(EResultClass::NotProcessed);
+    const QString why = text("reason");
+    (read.processed ? r.reason : read.reason) = why;
+    read.sha256 = text("sha256", true);
+    read.index = whole("index", 0);
+    read.total = whole("total", 1);
+    read.fingerprint = text("fingerprint");
+    r.orientation = whole("orientation", 0);
+    if (!problems.isEmpty())
+        return fail(QStringLiteral("missing or wrong type: %1").arg(problems.join(QStringLiteral(", "))));
+    if (read.index >= read.total)
+        return fail(QStringLiteral("index %1 is not below total %2").arg(read.index).arg(read.total));
+    // Every value above is also checked against the others (a class that
+    // does not fit the numbers, a changed key order, an edited number).
+    if (jsonLine(read).toUtf8() != line)
+        return fail(QStringLiteral("not a line as 'analyze' writes it (edited, or from another version?)"));
+    *outcome = read;
+    return true;
 }
 
 QString csvHeader()
 {
-    return QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason,sha256");
+    return QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason,sha256,"
+                          "index,total,fingerprint,orientation");
 }
 
 QString csvField(const QString& text)
@@ -99,6 +190,10 @@ QString csvLine(const SPhotoOutcome& outcome)
         className(outcome),
         csvField(reason(outcome)),
         outcome.sha256,
+        QString::number(outcome.index),
+        QString::number(outcome.total),
+        csvField(outcome.fingerprint),
+        QString::number(outcome.processed ? r.orientation : 0),
     };
     return fields.join(QLatin1Char(','));
 }

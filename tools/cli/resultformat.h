@@ -18,6 +18,9 @@ struct SPhotoOutcome
     QString reason; // why a photo was not processed (the result carries the reason of a failed one)
     qutils::CQuorvexAPI::SAnalysisResult result;
     QString sha256; // of the file as analysed, in hex; empty when not hashed
+    int index = 0;       // position in the whole input list, before any shard was taken
+    int total = 0;       // the whole input list's length
+    QString fingerprint; // the fingerprint file, absolute
 };
 
 // A JSON string literal, quotes included.
@@ -29,10 +32,20 @@ QString jsonNumber(double value);
 QString className(const SPhotoOutcome& outcome);
 
 // {"path":..,"matched":..,"compared":..,"probability":..,"correlation":..,"pce":..,"scale":..,
-//  "status":..,"class":..,"reason":..,"sha256":..} in this key order, on one line (sha256 null
-// when the file was not hashed). compared is true only
-// for a photo the engine correlated with the fingerprint.
+//  "status":..,"class":..,"reason":..,"sha256":..,"index":..,"total":..,"fingerprint":..,
+//  "orientation":..} in this key order, on one line (sha256 null when the file was not hashed).
+// compared is true only for a photo the engine correlated with the fingerprint.
 QString jsonLine(const SPhotoOutcome& outcome);
+
+// The longest line readJsonLine takes: far above any real one, low enough
+// that a file that is no result file is not read whole into memory.
+constexpr int MaximumJsonLineBytes = 1 << 20;
+
+// The outcome a line of jsonLine stands for (path as given is the absolute
+// path). False with the reason when the line is not such a line: not JSON, a
+// key missing or of the wrong type, or a line that jsonLine would not write
+// byte for byte.
+bool readJsonLine(const QByteArray& line, SPhotoOutcome* outcome, QString* error);
 
 // The CSV columns, the same as the JSON keys.
 QString csvHeader();
