@@ -3,6 +3,7 @@
 // interruption and the demo; plus the small formatting pieces directly.
 #include "commandline.h"
 #include "learnjob.h"
+#include "photoinputs.h"
 #include "progressline.h"
 #include "resultformat.h"
 #include "validation.h"
@@ -143,7 +144,9 @@ const QStringList JsonKeys = {QStringLiteral("path"),        QStringLiteral("mat
                               QStringLiteral("correlation"), QStringLiteral("pce"),
                               QStringLiteral("scale"),       QStringLiteral("status"),
                               QStringLiteral("class"),       QStringLiteral("reason"),
-                              QStringLiteral("sha256")};
+                              QStringLiteral("sha256"),      QStringLiteral("index"),
+                              QStringLiteral("total"),       QStringLiteral("fingerprint"),
+                              QStringLiteral("orientation")};
 const QStringList MatchClasses = {QStringLiteral("very high"), QStringLiteral("high"),
                                   QStringLiteral("medium"), QStringLiteral("low")};
 
@@ -396,8 +399,12 @@ TEST_F(CliTest, AnalyzeJsonLinesAgreeWithTheTruth)
                   QFileInfo(s_questioned.at(i)).absoluteFilePath())
             << "input order, absolute";
         EXPECT_EQ(o.value(QStringLiteral("status")).toString(), QStringLiteral("success"));
+        EXPECT_EQ(o.value(QStringLiteral("index")).toInt(-1), i);
+        EXPECT_EQ(o.value(QStringLiteral("total")).toInt(), 5);
+        EXPECT_EQ(o.value(QStringLiteral("fingerprint")).toString(), QFileInfo(s_fingerprint).absoluteFilePath());
         if (s_truth.at(i) == SameCamera)
         {
+            EXPECT_EQ(o.value(QStringLiteral("orientation")).toInt(), i == 1 ? 270 : 0) << "a-2 was shot turned";
             EXPECT_TRUE(o.value(QStringLiteral("matched")).toBool());
             EXPECT_TRUE(MatchClasses.contains(o.value(QStringLiteral("class")).toString()));
             EXPECT_GE(o.value(QStringLiteral("pce")).toDouble(), 60.0);
@@ -475,7 +482,8 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     const QStringList rawLines = lines(csvText);
     ASSERT_EQ(rawLines.size(), 6);
     EXPECT_EQ(rawLines.at(0),
-              QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason,sha256"));
+              QStringLiteral("path,matched,compared,probability,correlation,pce,scale,status,class,reason,sha256,"
+                             "index,total,fingerprint,orientation"));
     // The folder's comma and quotes force quoting, with the quotes doubled.
     EXPECT_TRUE(rawLines.at(1).startsWith(QStringLiteral("\"") + s_dir->path()));
     EXPECT_TRUE(rawLines.at(1).contains(QStringLiteral("questioned, \"\"mixed\"\"/a-1.jpg\",")));
@@ -484,7 +492,7 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     for (int i = 0; i < 5; ++i)
     {
         const QStringList& row = rows.at(i + 1);
-        ASSERT_EQ(row.size(), 11) << rawLines.at(i + 1).toStdString();
+        ASSERT_EQ(row.size(), 15) << rawLines.at(i + 1).toStdString();
         const QJsonObject& o = json.at(i);
         EXPECT_EQ(row.at(0), QFileInfo(s_questioned.at(i)).absoluteFilePath());
         EXPECT_EQ(row.at(0), o.value(QStringLiteral("path")).toString());
@@ -500,6 +508,9 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
         EXPECT_EQ(row.at(10), QString::fromLatin1(QCryptographicHash::hash(readBytes(s_questioned.at(i)),
                                                                            QCryptographicHash::Sha256).toHex()));
         EXPECT_EQ(row.at(10), o.value(QStringLiteral("sha256")).toString());
+        EXPECT_EQ(row.mid(11), QStringList({QString::number(i), QStringLiteral("5"),
+                                            o.value(QStringLiteral("fingerprint")).toString(),
+                                            QString::number(o.value(QStringLiteral("orientation")).toInt())}));
     }
 }
 
@@ -649,6 +660,19 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"), s_references.at(0),
          s_questioned.at(1)},
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--report"), notes, s_questioned.at(1)},
+        // Shards: K from 1 to N, both whole numbers.
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--shard"), QStringLiteral("0/3"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--shard"), QStringLiteral("4/3"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--shard=1/0"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--shard"), QStringLiteral("x/y"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--shard"), QStringLiteral("2"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--shard"), QStringLiteral("1/2/3"), refs},
+        {QStringLiteral("analyze"), QStringLiteral("-f"), fp, refs, QStringLiteral("--shard")},
+        {QStringLiteral("merge")},
+        {QStringLiteral("merge"), QStringLiteral("--shard"), QStringLiteral("1/2"), notes},
+        {QStringLiteral("merge"), QStringLiteral("--json"), path(QStringLiteral("o.csv")), QStringLiteral("--csv"),
+         path(QStringLiteral("o.csv")), notes},
+        {QStringLiteral("merge"), QStringLiteral("--csv"), notes, notes},
     };
     for (const QStringList& arguments : cases)
     {
@@ -1089,6 +1113,120 @@ TEST_F(CliTest, AClosedStandardOutputLeavesTheOtherOutputsWhole)
 }
 #endif
 
+// Three shards merged give the whole run's table, JSON and CSV; merge
+// refuses what is not one whole run and never writes a shorter table.
+TEST_F(CliTest, ShardsMergeIntoTheWholeRun)
+{
+    // Relative paths, as the merged table shows photos below the working folder.
+    const QStringList photos = {QFileInfo(s_questionedFolder).fileName(), QStringLiteral("extra/broken.jpg"),
+                                QStringLiteral("extra/larger.jpg"), QStringLiteral("extra/relabelled.jpg")};
+    const QString fp = path(QStringLiteral("shard-camera.fnp"));
+    QFile::remove(fp);
+    ASSERT_TRUE(QFile::copy(s_fingerprint, fp));
+    const auto analyze = [&](const QStringList& options, const QString& name)
+    {
+        const SRun result = run(QStringList{QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"),
+                                            path(name + QStringLiteral(".jsonl"))} +
+                                options + photos);
+        EXPECT_EQ(result.exitCode, 0) << name.toStdString() << result.err.toStdString();
+        return result;
+    };
+    const SRun whole = analyze({QStringLiteral("--csv"), path(QStringLiteral("whole.csv"))}, QStringLiteral("whole"));
+    for (const char* shard : {"1/3", "2/3", "3/3", "9/9"})
+    {
+        const SRun part = analyze({QStringLiteral("--shard"), QLatin1String(shard)},
+                                  QStringLiteral("shard-") + QString::fromLatin1(shard).left(1));
+        const int count = QByteArray(shard) == "9/9" ? 0 : QByteArray(shard) == "3/3" ? 2 : 3;
+        EXPECT_TRUE(part.out.contains(QStringLiteral("Photos analyzed: %1/%1\n").arg(count))) << shard;
+    }
+    EXPECT_TRUE(readBytes(path(QStringLiteral("shard-9.jsonl"))).isEmpty()) << "8 photos: shard 9/9 is empty";
+    // Shard 2 again, skipping the relabelled photo (index 7): another result for one position.
+    analyze({QStringLiteral("--shard"), QStringLiteral("2/3"), QStringLiteral("--skip-different-camera")},
+            QStringLiteral("shard-2-skip"));
+    // Shard 1 against the same fingerprint at another path, and a run of another list.
+    const SRun other = run(QStringList{QStringLiteral("analyze"), QStringLiteral("-f"), s_fingerprint,
+                                       QStringLiteral("--shard"), QStringLiteral("1/3"), QStringLiteral("--json"),
+                                       path(QStringLiteral("shard-other.jsonl"))} +
+                           photos);
+    ASSERT_EQ(other.exitCode, 0);
+    ASSERT_EQ(run({QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"),
+                   path(QStringLiteral("shard-short.jsonl")), photos.at(0)})
+                  .exitCode,
+              0);
+    const QByteArray firstLine = readBytes(path(QStringLiteral("shard-1.jsonl"))).split('\n').first();
+    writeBytes(path(QStringLiteral("shard-bad.jsonl")), firstLine + "\n{\"path\":\n");
+    writeBytes(path(QStringLiteral("shard-long.jsonl")), QByteArray(3 << 20, 'x'));
+    writeBytes(path(QStringLiteral("shard-identify.jsonl")),
+               "{\"path\":\"/p.jpg\",\"matches\":[],\"compared\":0,\"best\":null,\"index\":1,\"total\":8}\n");
+
+    const QString merged = path(QStringLiteral("merged.jsonl"));
+    const QString mergedCsv = path(QStringLiteral("merged.csv"));
+    const auto shards = [&](const QStringList& names)
+    {
+        QStringList arguments = {QStringLiteral("merge"), QStringLiteral("--json"), merged, QStringLiteral("--csv"),
+                                 mergedCsv};
+        for (const QString& name : names)
+            arguments.append(path(QStringLiteral("shard-%1.jsonl").arg(name)));
+        return arguments;
+    };
+    const auto s = [](const char* text) { return QString::fromLatin1(text); };
+    const struct
+    {
+        QStringList arguments;
+        int exitCode;
+        QString error;
+    } cases[] = {
+        {shards({s("3"), s("1"), s("9"), s("2"), s("1")}), 0, QString()}, // any order, a shard twice
+        {shards({s("1"), s("3")}), 2, s("3 of the run's 8 photos are in none of the files (index 1, 4, 7)")},
+        {shards({s("1"), s("2"), s("3"), s("2-skip")}), 2, s("give different results for index 7")},
+        {shards({s("other"), s("2"), s("3")}), 2, s("merge the shards of one run")},
+        {shards({s("1"), s("short")}), 2, s("a run of 5 photos")},
+        {shards({s("2"), s("3"), s("bad")}), 2, s("shard-bad.jsonl line 2: not a JSON object")},
+        {shards({s("long")}), 2, s("shard-long.jsonl line 1: the line is too long")},
+        {shards({s("1"), s("identify")}), 2, s("shard-identify.jsonl line 1: an 'identify' result among 'analyze'")},
+        {shards({s("9")}), 2, s("no result lines")},
+        {shards({s("1"), s("gone")}), 2, s("no such file")},
+        {{s("merge"), s("--csv"), path(s("shard-3.jsonl")), path(s("shard-1.jsonl")), path(s("shard-2.jsonl")),
+          path(s("shard-3.jsonl"))},
+         1, s("would overwrite the input")},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.arguments.join(QLatin1Char(' ')).toStdString());
+        QFile::remove(merged);
+        QFile::remove(mergedCsv);
+        const SRun result = run(c.arguments);
+        EXPECT_EQ(result.exitCode, c.exitCode) << result.err.toStdString();
+        if (c.exitCode != 0)
+        {
+            EXPECT_TRUE(result.err.contains(c.error)) << result.err.toStdString();
+            EXPECT_TRUE(result.out.isEmpty()) << "no shorter table";
+            EXPECT_FALSE(QFile::exists(merged) || QFile::exists(mergedCsv));
+            continue;
+        }
+        EXPECT_EQ(readBytes(merged), readBytes(path(s("whole.jsonl"))));
+        EXPECT_EQ(readBytes(mergedCsv), readBytes(path(s("whole.csv"))));
+        // The table and the counts; the time is not in the lines.
+        EXPECT_EQ(lines(result.out).mid(0, 1 + 8 + 4), lines(whole.out).mid(0, 1 + 8 + 4));
+        EXPECT_FALSE(result.out.contains(s("Time elapsed")));
+    }
+
+    // The report needs the fingerprint the lines name: gone, no report.
+    const QString report = path(s("merged.pdf"));
+    QFile::remove(report);
+    const QStringList withReport = {s("merge"), s("--report"), report, path(s("shard-1.jsonl")),
+                                    path(s("shard-2.jsonl")), path(s("shard-3.jsonl"))};
+    const SRun reported = run(withReport);
+    EXPECT_EQ(reported.exitCode, 0) << reported.err.toStdString();
+    EXPECT_TRUE(readBytes(report).startsWith("%PDF-"));
+    QFile::remove(report);
+    ASSERT_TRUE(QFile::remove(fp));
+    const SRun noFingerprint = run(withReport);
+    EXPECT_EQ(noFingerprint.exitCode, 2);
+    EXPECT_TRUE(noFingerprint.err.contains(fp)) << noFingerprint.err.toStdString();
+    EXPECT_FALSE(QFile::exists(report));
+}
+
 TEST_F(CliTest, HelpExplainsEveryOption)
 {
     const SRun help = run({QStringLiteral("--help")});
@@ -1096,6 +1234,8 @@ TEST_F(CliTest, HelpExplainsEveryOption)
     EXPECT_TRUE(help.err.isEmpty());
     for (const char* word : {"learn",
                              "analyze",
+                             "merge",
+                             "--shard",
                              "info",
                              "demo",
                              "validate",
@@ -1341,14 +1481,21 @@ TEST(CliFormat, OutcomesOfEveryKind)
     EXPECT_EQ(cli::jsonLine(outcome),
               QStringLiteral("{\"path\":\"/x/q/p.jpg\",\"matched\":false,\"compared\":false,\"probability\":0,"
                              "\"correlation\":0,\"pce\":0,\"scale\":1,\"status\":\"invalid\","
-                             "\"class\":\"not processed\",\"reason\":\"\",\"sha256\":null}"));
+                             "\"class\":\"not processed\",\"reason\":\"\",\"sha256\":null,\"index\":0,"
+                             "\"total\":0,\"fingerprint\":\"\",\"orientation\":0}"));
+    outcome.index = 3;
+    outcome.total = 7;
+    outcome.fingerprint = QStringLiteral("/c/a,b.fnp");
     outcome.processed = true;
     outcome.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
     EXPECT_EQ(cli::className(outcome), QStringLiteral("high"));
-    EXPECT_EQ(cli::csvLine(outcome), QStringLiteral("/x/q/p.jpg,true,true,0.995,0.05,210.5,1,success,high,,"));
+    EXPECT_EQ(cli::csvLine(outcome),
+              QStringLiteral("/x/q/p.jpg,true,true,0.995,0.05,210.5,1,success,high,,,3,7,\"/c/a,b.fnp\",0"));
     outcome.sha256 = QStringLiteral("ba78");
-    EXPECT_TRUE(cli::jsonLine(outcome).endsWith(QStringLiteral(",\"reason\":\"\",\"sha256\":\"ba78\"}")));
-    EXPECT_TRUE(cli::csvLine(outcome).endsWith(QStringLiteral(",high,,ba78")));
+    outcome.result.orientation = 270;
+    EXPECT_TRUE(cli::jsonLine(outcome).endsWith(QStringLiteral(
+        ",\"reason\":\"\",\"sha256\":\"ba78\",\"index\":3,\"total\":7,\"fingerprint\":\"/c/a,b.fnp\",\"orientation\":270}")));
+    EXPECT_TRUE(cli::csvLine(outcome).endsWith(QStringLiteral(",high,,ba78,3,7,\"/c/a,b.fnp\",270")));
     EXPECT_TRUE(cli::tableLine(outcome).startsWith(QStringLiteral("high ")));
     EXPECT_TRUE(cli::tableLine(outcome).endsWith(QStringLiteral("210.5  q/p.jpg")));
     outcome.result.scale = 0.8;
@@ -1359,7 +1506,8 @@ TEST(CliFormat, OutcomesOfEveryKind)
     notCompared.result = {false, 0.0, 0.0, qutils::CQuorvexAPI::ImageFingerprintInconsistentSize, 0.0,
                           QStringLiteral("photo too small")};
     EXPECT_EQ(cli::csvLine(notCompared), QStringLiteral("/x/q/p.jpg,false,false,0,0,0,1,"
-                                                        "imagefingerprintinconsistentsize,not compared,photo too small,ba78"));
+                                                        "imagefingerprintinconsistentsize,not compared,photo too small,ba78,"
+                                                        "3,7,\"/c/a,b.fnp\",0"));
     EXPECT_EQ(cli::tableLine(notCompared),
               QStringLiteral("not compared            -          -  q/p.jpg  Not compared: Size is incompatible with "
                              "fingerprint (photo too small)"));
@@ -1374,7 +1522,51 @@ TEST(CliFormat, OutcomesOfEveryKind)
     refused.path = QStringLiteral("q/pipe.jpg");
     refused.reason = QStringLiteral("not a regular file, say");
     EXPECT_TRUE(cli::tableLine(refused).endsWith(QStringLiteral("q/pipe.jpg  (not a regular file, say)")));
-    EXPECT_TRUE(cli::csvLine(refused).endsWith(QStringLiteral(",not processed,\"not a regular file, say\",")));
+    EXPECT_TRUE(cli::csvLine(refused).endsWith(QStringLiteral(",not processed,\"not a regular file, say\",,0,0,,0")));
+
+    // Every kind of line reads back into an outcome that writes it again.
+    cli::SPhotoOutcome nan = outcome;
+    nan.result = {false, std::nan(""), 0.0, qutils::CQuorvexAPI::Success, 3.0};
+    refused.total = 7;
+    refused.absolutePath = QStringLiteral("/x/q/pipe.jpg");
+    cli::SPhotoOutcome high = outcome;
+    high.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
+    high.result.orientation = 270;
+    for (const cli::SPhotoOutcome& kind : {high, outcome, notCompared, skipped, refused, nan})
+    {
+        const QByteArray line = cli::jsonLine(kind).toUtf8();
+        cli::SPhotoOutcome read;
+        QString error;
+        ASSERT_TRUE(cli::readJsonLine(line, &read, &error)) << error.toStdString() << line.toStdString();
+        EXPECT_EQ(cli::jsonLine(read).toUtf8(), line);
+        EXPECT_EQ(cli::csvLine(read), cli::csvLine(kind));
+        EXPECT_EQ(cli::className(read), cli::className(kind));
+    }
+    const QByteArray good = cli::jsonLine(high).toUtf8();
+    const struct
+    {
+        QByteArray line;
+        const char* error;
+    } bad[] = {
+        {"not json", "not a JSON object"},
+        {"[1]", "not a JSON object"},
+        {QByteArray(good).replace("\"total\":7", "\"total\":\"7\""), "wrong type: total"},
+        {QByteArray(good).replace("\"index\":3", "\"index\":2.5"), "wrong type: index"},
+        {QByteArray(good).replace("\"index\":3", "\"index\":7"), "not below total"},
+        {QByteArray(good).replace("\"matched\":true", "\"matched\":1"), "wrong type: matched"},
+        {QByteArray(good).replace("\"status\":\"success\"", "\"status\":\"fine\""), "wrong type: status"},
+        {QByteArray(good).replace(",\"orientation\":270", ""), "wrong type: orientation"},
+        {QByteArray(good).replace("\"class\":\"high\"", "\"class\":\"low\""), "as 'analyze' writes it"},
+        {QByteArray(good).replace("{", "{ "), "as 'analyze' writes it"},
+        {good + QByteArray(cli::MaximumJsonLineBytes, ' '), "too long"},
+    };
+    for (const auto& c : bad)
+    {
+        cli::SPhotoOutcome read;
+        QString error;
+        EXPECT_FALSE(cli::readJsonLine(c.line, &read, &error)) << c.line.left(200).toStdString();
+        EXPECT_TRUE(error.contains(QLatin1String(c.error))) << error.toStdString();
+    }
 
     const cli::SSummary summary = cli::summarize({outcome, cli::SPhotoOutcome(), notCompared, skipped}, 6.0);
     EXPECT_EQ(cli::summaryLines(summary),
@@ -1509,4 +1701,46 @@ TEST(CliCommandLine, ValuesAndOrder)
               QStringLiteral("the environment's LUMICREST_SCALE_SEARCH needs full, sized or off, not 'ful'"));
     EXPECT_TRUE(cli::parseCommandLine(QStringList(plain) << QStringLiteral("--scale-search=off")).error.isEmpty());
     qunsetenv("LUMICREST_SCALE_SEARCH");
+}
+
+// Shard K of N keeps positions i with i mod N == K-1 of the whole list, the
+// refused files (listed after the photos) included.
+TEST(CliCommandLine, ShardsSplitTheWholeList)
+{
+    const struct
+    {
+        const char* shard;
+        int photos;
+        int refused;
+        QList<int> kept;
+        int keptPhotos;
+    } cases[] = {
+        {"1/1", 4, 1, {0, 1, 2, 3, 4}, 4}, {"1/3", 7, 0, {0, 3, 6}, 3}, {"3/3", 7, 0, {2, 5}, 2},
+        {"2/2", 3, 2, {1, 3}, 1},          {"3/3", 1, 2, {2}, 0},        {"6/6", 5, 0, {}, 0},
+        {"2/9", 1, 1, {1}, 0},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.shard);
+        const cli::SCommandLine line = cli::parseCommandLine(
+            {QStringLiteral("analyze"), QStringLiteral("-f"), QStringLiteral("k.fnp"), QStringLiteral("--shard"),
+             QLatin1String(c.shard), QStringLiteral("a")});
+        ASSERT_EQ(line.command, cli::ECommand::Analyze) << line.error.toStdString();
+        cli::SPhotoInputs inputs;
+        for (int i = 0; i < c.photos; ++i)
+            inputs.photos.append(QFileInfo(QStringLiteral("/p/%1.jpg").arg(i)));
+        for (int i = c.photos; i < c.photos + c.refused; ++i)
+            inputs.refused.append({QStringLiteral("/p/%1.jpg").arg(i), QStringLiteral("not a regular file")});
+        inputs.total = c.photos + c.refused;
+        for (int i = 0; i < inputs.total; ++i)
+            inputs.indexes.append(i);
+        cli::keepShard(inputs, line.shardNumber, line.shardCount);
+        EXPECT_EQ(inputs.indexes, c.kept);
+        EXPECT_EQ(inputs.total, c.photos + c.refused) << "the whole list's length stays";
+        ASSERT_EQ(inputs.photos.size(), c.keptPhotos);
+        ASSERT_EQ(inputs.photos.size() + inputs.refused.size(), c.kept.size());
+        for (int i = 0; i < c.kept.size(); ++i)
+            EXPECT_EQ(i < c.keptPhotos ? inputs.photos.at(i).filePath() : inputs.refused.at(i - c.keptPhotos).path,
+                      QStringLiteral("/p/%1.jpg").arg(c.kept.at(i)));
+    }
 }

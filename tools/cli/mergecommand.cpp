@@ -77,8 +77,8 @@ bool readPosition(const QJsonObject& object, SShardLine* line, QString* error)
     const QJsonValue total = object.value(QStringLiteral("total"));
     const double i = index.toDouble(-1.0);
     const double t = total.toDouble(-1.0);
-    if (!index.isDouble() || !total.isDouble() || i != std::floor(i) || t != std::floor(t) || i < 0 || t < 1 ||
-        i >= t || t > std::numeric_limits<int>::max())
+    if (!index.isDouble() || !total.isDouble() || i != std::floor(i) || t != std::floor(t) || i < 0 ||
+        t < 1 || i >= t || t > std::numeric_limits<int>::max())
     {
         *error = QStringLiteral("no whole index below a whole total");
         return false;
@@ -98,7 +98,7 @@ bool readShards(const QStringList& files, ELineKind* kind, QList<SShardLine>* li
         if (!qutils::platform::openRegularFile(path, file))
         {
             *error = QFileInfo::exists(path) ? QStringLiteral("cannot read %1: not a readable file").arg(path)
-                                                     : QStringLiteral("no such file: %1").arg(path);
+                                             : QStringLiteral("no such file: %1").arg(path);
             return false;
         }
         for (int number = 1; !file.atEnd(); ++number)
@@ -130,7 +130,7 @@ bool readShards(const QStringList& files, ELineKind* kind, QList<SShardLine>* li
             if (kindKnown && lineKindRead != *kind)
             {
                 *error = QStringLiteral("%1: an '%2' result among '%3' results; merge the shards of one run")
-                                     .arg(where, kindName(lineKindRead), kindName(*kind));
+                             .arg(where, kindName(lineKindRead), kindName(*kind));
                 return false;
             }
             *kind = lineKindRead;
@@ -164,10 +164,10 @@ bool orderLines(const QList<SShardLine>& lines, QList<SShardLine>* ordered, QStr
         if (line.total != first.total)
         {
             *error = QStringLiteral("%1: a run of %2 photos, but %3 is of %4; merge the shards of one run")
-                                 .arg(line.where)
-                                 .arg(line.total)
-                                 .arg(first.where)
-                                 .arg(first.total);
+                         .arg(line.where)
+                         .arg(line.total)
+                         .arg(first.where)
+                         .arg(first.total);
             return false;
         }
         const auto earlier = byIndex.constFind(line.index);
@@ -180,8 +180,8 @@ bool orderLines(const QList<SShardLine>& lines, QList<SShardLine>* ordered, QStr
         if (lines.at(earlier.value()).text != line.text)
         {
             *error = QStringLiteral("%1 and %2 give different results for index %3")
-                                 .arg(lines.at(earlier.value()).where, line.where)
-                                 .arg(line.index);
+                         .arg(lines.at(earlier.value()).where, line.where)
+                         .arg(line.index);
             return false;
         }
     }
@@ -193,11 +193,11 @@ bool orderLines(const QList<SShardLine>& lines, QList<SShardLine>* ordered, QStr
                 missing << QString::number(index);
         const int count = first.total - byIndex.size();
         *error = QStringLiteral("%1 of the run's %2 photos are in none of the files (index %3%4); "
-                                        "merge the files of every shard")
-                             .arg(count)
-                             .arg(first.total)
-                             .arg(missing.join(QStringLiteral(", ")),
-                                  count > missing.size() ? QStringLiteral(", ...") : QString());
+                                "merge the files of every shard")
+                     .arg(count)
+                     .arg(first.total)
+                     .arg(missing.join(QStringLiteral(", ")),
+                          count > missing.size() ? QStringLiteral(", ...") : QString());
         return false;
     }
     for (const int i : byIndex)
@@ -210,7 +210,8 @@ bool orderLines(const QList<SShardLine>& lines, QList<SShardLine>* ordered, QStr
 QString tablePath(const QString& absolutePath)
 {
     const QString relative = QDir::current().relativeFilePath(absolutePath);
-    return relative.startsWith(QLatin1String("../")) || QDir::isAbsolutePath(relative) ? absolutePath : relative;
+    return relative.startsWith(QLatin1String("../")) || QDir::isAbsolutePath(relative) ? absolutePath
+                                                                                       : relative;
 }
 
 // The folder holding every photo, for the report's heading.
@@ -219,8 +220,8 @@ QString commonFolder(const QList<SPhotoOutcome>& outcomes)
     QString folder = QFileInfo(outcomes.first().absolutePath).absolutePath();
     for (const SPhotoOutcome& outcome : outcomes)
     {
-        while (!outcome.absolutePath.startsWith(folder.endsWith(QLatin1Char('/')) ? folder
-                                                                                   : folder + QLatin1Char('/')))
+        while (!outcome.absolutePath.startsWith(
+            folder.endsWith(QLatin1Char('/')) ? folder : folder + QLatin1Char('/')))
         {
             const QString parent = QFileInfo(folder).absolutePath();
             if (parent == folder)
@@ -239,8 +240,9 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
     {
         if (line.outcome.fingerprint != fingerprintPath)
         {
-            CConsole::error(QStringLiteral("%1: matched against %2, but %3 against %4; merge the shards of one run")
-                                .arg(line.where, line.outcome.fingerprint, lines.first().where, fingerprintPath));
+            CConsole::error(
+                QStringLiteral("%1: matched against %2, but %3 against %4; merge the shards of one run")
+                    .arg(line.where, line.outcome.fingerprint, lines.first().where, fingerprintPath));
             return ExitFailure;
         }
         outcomes.append(line.outcome);
@@ -255,9 +257,10 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
         fingerprint = CFingerprint::load(QFileInfo(fingerprintPath), &status);
         if (!fingerprint)
         {
-            CConsole::error(QStringLiteral("cannot write the report: the fingerprint file %1 the results name "
-                                           "cannot be read (%2)")
-                                .arg(fingerprintPath, CQuorvexAPI::statusText(status)));
+            CConsole::error(
+                QStringLiteral("cannot write the report: the fingerprint file %1 the results name "
+                               "cannot be read (%2)")
+                    .arg(fingerprintPath, CQuorvexAPI::statusText(status)));
             return ExitFailure;
         }
     }
@@ -320,7 +323,8 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
     int exitCode = filesWritten ? ExitDone : ExitFailure;
     if (fingerprint && filesWritten)
         exitCode = writeReport(outcomes, fingerprintPath, fingerprint->properties(), commonFolder(outcomes),
-                               commandLine.reportFile, commandLine.caseNumber, commandLine.examiner, commandLine.notes);
+                               commandLine.reportFile, commandLine.caseNumber, commandLine.examiner,
+                               commandLine.notes);
     if (CConsole::outFailed())
     {
         CConsole::error(QStringLiteral("cannot write to standard output: its reader has gone"));
@@ -370,7 +374,8 @@ int runMerge(const SCommandLine& commandLine)
                        .arg(ordered.size())
                        .arg(kindName(kind))
                        .arg(commandLine.paths.size()));
-    return kind == ELineKind::Analyze ? mergeAnalyze(commandLine, ordered) : mergeIdentify(commandLine, ordered);
+    return kind == ELineKind::Analyze ? mergeAnalyze(commandLine, ordered)
+                                      : mergeIdentify(commandLine, ordered);
 }
 
 } // namespace cli
