@@ -74,6 +74,8 @@ int runCli(const QStringList& arguments)
         return runDemo(commandLine);
     case ECommand::Validate:
         return runValidate(commandLine);
+    case ECommand::Identify:
+        return runIdentify(commandLine);
     default:
         break;
     }

@@ -16,6 +16,7 @@ enum class ECommand
     Info,
     Demo,
     Validate,
+    Identify,
 };
 
 // The exit codes scripts rely on.
@@ -54,6 +55,7 @@ struct SCommandLine
     QString caseNumber;    // analyze --case, for the report
     QString examiner;      // analyze --examiner
     QString notes;         // analyze --notes
+    QString libraryFolder; // identify --library
 };
 
 // Parses the arguments without the program's name. A --scale-search value is

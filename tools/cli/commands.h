@@ -2,6 +2,7 @@
 
 #include "commandline.h"
 #include "fingerprint.h"
+#include "fingerprintlibrary.h"
 #include "resultformat.h"
 
 #include <QFileInfoList>
@@ -15,6 +16,7 @@ int runAnalyze(const SCommandLine& commandLine);
 int runInfo(const SCommandLine& commandLine);
 int runDemo(const SCommandLine& commandLine);
 int runValidate(const SCommandLine& commandLine);
+int runIdentify(const SCommandLine& commandLine);
 
 // Learns from the photos into target and prints the fingerprint's properties;
 // shared by 'learn' and 'demo'.
@@ -26,6 +28,13 @@ int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprint
                 const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath,
                 const QString& caseNumber = QString(), const QString& examiner = QString(),
                 const QString& notes = QString());
+
+struct SIdentifiedPhoto;
+// Writes the PDF report of an identification: the library, the method, a row
+// per photo with its verdict.
+int writeIdentifyReport(const QList<SIdentifiedPhoto>& photos, const CFingerprintLibrary& library,
+                        const QString& reportPath, const QString& caseNumber, const QString& examiner,
+                        const QString& notes);
 
 // The whole tool: parses the arguments and runs the command.
 int runCli(const QStringList& arguments);
