@@ -14,6 +14,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMap>
@@ -617,6 +618,9 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"), refs},
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("-o"), path(QStringLiteral("y")),
          refs},
+        {QStringLiteral("identify"), s_questionedFolder},
+        {QStringLiteral("identify"), QStringLiteral("--library"), refs},
+        {QStringLiteral("identify"), QStringLiteral("--library"), refs, QStringLiteral("-f"), fp, refs},
         {QStringLiteral("info")},
         {QStringLiteral("info"), fp, fp},
         {QStringLiteral("info"), QStringLiteral("--json=yes"), fp},
@@ -1096,6 +1100,9 @@ TEST_F(CliTest, HelpExplainsEveryOption)
     EXPECT_TRUE(help.err.isEmpty());
     for (const char* word : {"learn",
                              "analyze",
+                             "identify",
+                             "--library",
+                             "false-alarm rate per photo",
                              "info",
                              "demo",
                              "validate",
@@ -1126,6 +1133,121 @@ TEST_F(CliTest, HelpExplainsEveryOption)
     const SRun version = run({QStringLiteral("--version")});
     EXPECT_EQ(version.exitCode, 0);
     EXPECT_EQ(version.out, QStringLiteral("quorvex-cli 2.0.0\n"));
+}
+
+// A library of four cameras (A and B of one make and model, C of another,
+// and a damaged file) and photos of A, B, a camera outside the library and a
+// larger sensor.
+TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
+{
+    const QDir library(path(QStringLiteral("library")));
+    ASSERT_TRUE(library.mkpath(QStringLiteral("sub")));
+    ASSERT_TRUE(QFile::copy(s_fingerprint, library.filePath(QStringLiteral("camera-a.fnp"))));
+    camsim::CameraConfig otherModel = unit(3);
+    otherModel.model = "QX-7";
+    const struct
+    {
+        camsim::CameraConfig camera;
+        const char* fingerprint;
+    } learned[] = {{unit(2), "sub/camera-b.fnp"}, {otherModel, "camera-c.fnp"}};
+    for (const auto& camera : learned)
+    {
+        const QString refs = path(QStringLiteral("refs-") + QString::fromLatin1(camera.fingerprint).section(QLatin1Char('/'), -1));
+        ASSERT_TRUE(QDir().mkpath(refs));
+        for (int i = 0; i < 3; ++i)
+            shoot(camsim::Camera(camera.camera), camsim::SceneKind::Natural, 70 + static_cast<uint64_t>(i),
+                  QDir(refs).filePath(QStringLiteral("r%1.jpg").arg(i)));
+        ASSERT_EQ(run({QStringLiteral("learn"), QStringLiteral("-o"),
+                       library.filePath(QString::fromLatin1(camera.fingerprint)), refs})
+                      .exitCode,
+                  0);
+    }
+    const QString damaged = library.filePath(QStringLiteral("sub/damaged.fnp"));
+    writeBytes(damaged, readBytes(s_fingerprint).left(4000));
+    const QString stranger = path(QStringLiteral("stranger.jpg"));
+    shoot(camsim::Camera(unit(4)), camsim::SceneKind::Natural, 31, stranger);
+
+    const QString a = library.filePath(QStringLiteral("camera-a.fnp"));
+    const QString b = library.filePath(QStringLiteral("sub/camera-b.fnp"));
+    const struct
+    {
+        QString photo;
+        QString camera; // empty: none matches
+        QString status;
+        int compared;
+        QString table;
+    } expected[] = {
+        {s_questioned.at(0), a, QStringLiteral("success"), 3, QStringLiteral(": camera-a.fnp (")},
+        {s_questioned.at(3), b, QStringLiteral("success"), 3, QStringLiteral(": camera-b.fnp (")},
+        {stranger, QString(), QStringLiteral("success"), 3, QStringLiteral(": no camera in the library")},
+        {path(QStringLiteral("extra/larger.jpg")), QString(), QStringLiteral("imagefingerprintinconsistentsize"), 0,
+         QStringLiteral(": not compared: ")},
+    };
+    QStringList arguments = {QStringLiteral("identify"), QStringLiteral("--library"), library.path(),
+                             QStringLiteral("--json"), QStringLiteral("-")};
+    for (const auto& photo : expected)
+        arguments << photo.photo;
+    const SRun json = run(arguments);
+    ASSERT_EQ(json.exitCode, 0) << json.err.toStdString();
+    EXPECT_TRUE(json.err.contains(QStringLiteral("damaged.fnp"))) << "named, not dropped: " << json.err.toStdString();
+    const QStringList keys = {QStringLiteral("path"),   QStringLiteral("sha256"), QStringLiteral("compared"),
+                              QStringLiteral("matches"), QStringLiteral("status"), QStringLiteral("reason"),
+                              QStringLiteral("best"),   QStringLiteral("index"),  QStringLiteral("total")};
+    const QStringList jsonLines = lines(json.out);
+    ASSERT_EQ(jsonLines.size(), 4) << json.out.toStdString();
+    arguments.removeAt(3);
+    arguments.removeAt(3);
+    const QStringList table = lines(run(arguments).out);
+    for (int i = 0; i < 4; ++i)
+    {
+        const auto& want = expected[i];
+        SCOPED_TRACE(want.photo.toStdString());
+        const QJsonObject o = QJsonDocument::fromJson(jsonLines.at(i).toUtf8()).object();
+        int at = 0;
+        for (const QString& key : keys)
+        {
+            const int next = jsonLines.at(i).indexOf(QLatin1Char('"') + key + QStringLiteral("\":"), at);
+            EXPECT_GE(next, at) << key.toStdString() << " missing or out of order";
+            at = qMax(at, next);
+        }
+        EXPECT_EQ(o.keys().size(), keys.size());
+        EXPECT_EQ(o.value(QStringLiteral("path")).toString(), QFileInfo(want.photo).absoluteFilePath());
+        EXPECT_EQ(o.value(QStringLiteral("index")).toInt(-1), i);
+        EXPECT_EQ(o.value(QStringLiteral("total")).toInt(), 4);
+        EXPECT_EQ(o.value(QStringLiteral("status")).toString(), want.status);
+        EXPECT_EQ(o.value(QStringLiteral("compared")).toInt(-1), want.compared);
+        EXPECT_EQ(o.value(QStringLiteral("sha256")).toString().size(), 64);
+        const QJsonArray matches = o.value(QStringLiteral("matches")).toArray();
+        if (want.camera.isEmpty())
+        {
+            EXPECT_TRUE(matches.isEmpty()) << jsonLines.at(i).toStdString();
+        }
+        else
+        {
+            ASSERT_EQ(matches.size(), 1) << jsonLines.at(i).toStdString();
+            const QJsonObject match = matches.at(0).toObject();
+            EXPECT_EQ(match.value(QStringLiteral("fingerprint")).toString(), want.camera);
+            EXPECT_GE(match.value(QStringLiteral("pce")).toDouble(), 60.0);
+            EXPECT_TRUE(MatchClasses.contains(match.value(QStringLiteral("class")).toString()));
+            EXPECT_EQ(o.value(QStringLiteral("best")).toObject(), match) << "the strongest match is the best";
+        }
+        // The nearest camera is named even when none matched, never when none was compared.
+        EXPECT_EQ(o.value(QStringLiteral("best")).isNull(), want.compared == 0);
+        ASSERT_GT(table.size(), i + 1);
+        EXPECT_TRUE(table.at(i + 1).startsWith(want.photo + want.table)) << table.at(i + 1).toStdString();
+    }
+    EXPECT_TRUE(table.contains(QStringLiteral("Photos identified: 2")));
+    EXPECT_TRUE(table.contains(QStringLiteral("No camera in the library: 1")));
+    EXPECT_TRUE(table.contains(QStringLiteral("Not compared: 1")));
+
+    // A folder without a usable fingerprint is a failure, as an unreadable fingerprint is for analyze.
+    for (const QString& folder : {path(QStringLiteral("empty")), path(QStringLiteral("no-such-library"))})
+    {
+        const SRun none = run({QStringLiteral("identify"), QStringLiteral("--library"), folder, s_questioned.at(0)});
+        EXPECT_EQ(none.exitCode, 2) << folder.toStdString();
+        EXPECT_TRUE(none.out.isEmpty());
+        EXPECT_TRUE(none.err.contains(folder)) << none.err.toStdString();
+    }
 }
 
 TEST_F(CliTest, DemoClassifiesEveryPhotoRight)
