@@ -2,6 +2,7 @@
 // known: learning, analysis with its JSON, CSV and table outputs, exit codes,
 // interruption and the demo; plus the small formatting pieces directly.
 #include "commandline.h"
+#include "identifyformat.h"
 #include "learnjob.h"
 #include "progressline.h"
 #include "resultformat.h"
@@ -1503,6 +1504,91 @@ TEST(CliFormat, OutcomesOfEveryKind)
               QStringList({QStringLiteral("Photos analyzed: 3/4"), QStringLiteral("Fingerprints found: 0"),
                            QStringLiteral("Fingerprints not found: 1"), QStringLiteral("Not compared: 2"),
                            QStringLiteral("Time elapsed: 6.00 s"), QStringLiteral("Average time per image: 2.00 s")}));
+}
+
+// The engine's answer about one photo, through the library's reading, to the
+// verdict in the table, the JSON line and the CSV rows.
+TEST(CliFormat, IdentificationsOfEveryKind)
+{
+    using qutils::CQuorvexAPI;
+    const QStringList library = {QStringLiteral("/l/a.fnp"), QStringLiteral("/l/b,c.fnp")};
+    const QString entryB = QStringLiteral("{\"index\":1,\"sensor_matched\":1,\"probability\":0.996,\"corr\":0.1,"
+                                          "\"pce\":250,\"scale\":0.5,\"orientation\":90}");
+    const QString entryA = QStringLiteral("{\"index\":0,\"sensor_matched\":1,\"probability\":0.9999,\"corr\":0.2,"
+                                          "\"pce\":900,\"scale\":1,\"orientation\":0}");
+    const QString nearA = QStringLiteral("{\"index\":0,\"sensor_matched\":0,\"probability\":0.3,\"pce\":7.5}");
+    const struct
+    {
+        CQuorvexAPI::EStatus engineStatus;
+        QString answer;
+        QString verdict;
+        CQuorvexAPI::EStatus status;
+        int csvRows;
+    } cases[] = {
+        // Strongest first whatever the engine's order; an index outside the library is dropped.
+        {CQuorvexAPI::Success,
+         QStringLiteral("{\"compared\":2,\"reason\":\"\",\"matches\":[%1,%2,{\"index\":2,\"sensor_matched\":1,"
+                        "\"pce\":5000}],\"best\":%2}")
+             .arg(entryB, entryA),
+         QStringLiteral("a.fnp (very high, PCE 900.0), b,c.fnp (high, PCE 250.0)"), CQuorvexAPI::Success, 2},
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":2,\"matches\":[],\"best\":%1}").arg(nearA),
+         QStringLiteral("no camera in the library (nearest a.fnp, PCE 7.5)"), CQuorvexAPI::Success, 1},
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":2,\"matches\":[],\"best\":null}"),
+         QStringLiteral("no camera in the library"), CQuorvexAPI::Success, 1},
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":0,\"reason\":\"/q/p.jpg: size\",\"matches\":[]}"),
+         QStringLiteral("not compared: the photo's size fits the fingerprint at no orientation and scale tried"),
+         CQuorvexAPI::ImageFingerprintInconsistentSize, 1},
+        // Compared with nothing is never "no camera", even without a reason.
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":0,\"matches\":[],\"best\":%1}").arg(nearA),
+         QStringLiteral("not compared: no fingerprint of the library could be compared with it"),
+         CQuorvexAPI::ImageFingerprintInconsistentSize, 1},
+        {CQuorvexAPI::BrokenImage, QStringLiteral("{\"reason\":\"/q/p.jpg: JPEG truncated\",\"matches\":[%1]}").arg(entryA),
+         QStringLiteral("failed: File cannot be opened (JPEG truncated)"), CQuorvexAPI::BrokenImage, 1},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.answer.toStdString());
+        cli::SIdentifiedPhoto photo;
+        photo.outcome.path = QStringLiteral("q/p.jpg");
+        photo.outcome.absolutePath = QStringLiteral("/q/p.jpg");
+        photo.outcome.processed = true;
+        photo.index = 3;
+        photo.total = 9;
+        photo.identification =
+            CFingerprintLibrary::readAnswer(c.engineStatus, c.answer, QStringLiteral("/q/p.jpg"), library);
+        EXPECT_EQ(photo.identification.status, c.status);
+        EXPECT_EQ(cli::identifyTableLine(photo), QStringLiteral("q/p.jpg: ") + c.verdict);
+        const QStringList rows = cli::identifyCsvRows(photo);
+        EXPECT_EQ(rows.size(), c.csvRows);
+        for (const QString& row : rows)
+            EXPECT_TRUE(row.endsWith(QStringLiteral(",3,9"))) << row.toStdString();
+        const QJsonObject o = QJsonDocument::fromJson(cli::identifyJsonLine(photo).toUtf8()).object();
+        EXPECT_EQ(o.value(QStringLiteral("matches")).toArray().size(), photo.identification.matches.size());
+        if (c.status != CQuorvexAPI::Success)
+            EXPECT_TRUE(o.value(QStringLiteral("best")).isNull());
+    }
+    cli::SIdentifiedPhoto first;
+    first.identification = CFingerprintLibrary::readAnswer(CQuorvexAPI::Success, cases[0].answer, QString(), library);
+    first.outcome.processed = true;
+    EXPECT_TRUE(cli::identifyJsonLine(first).contains(
+        QStringLiteral("\"best\":{\"fingerprint\":\"/l/a.fnp\",\"pce\":900,\"probability\":0.9999,"
+                       "\"class\":\"very high\",\"scale\":1,\"orientation\":0}")));
+    EXPECT_EQ(cli::identifyCsvRows(first).at(1),
+              QStringLiteral(",,2,\"/l/b,c.fnp\",250,0.996,high,0.5,90,success,,0,0"));
+
+    // Never reached: no comparison, no camera, and counted apart.
+    cli::SIdentifiedPhoto interrupted;
+    interrupted.outcome.absolutePath = QStringLiteral("/q/p.jpg");
+    interrupted.outcome.reason = QStringLiteral("the analysis was interrupted");
+    interrupted.identification = first.identification;
+    EXPECT_EQ(cli::identifyJsonLine(interrupted),
+              QStringLiteral("{\"path\":\"/q/p.jpg\",\"sha256\":null,\"compared\":0,\"matches\":[],"
+                             "\"status\":\"invalid\",\"reason\":\"the analysis was interrupted\",\"best\":null,"
+                             "\"index\":0,\"total\":0}"));
+    EXPECT_EQ(cli::identifySummaryLines({first, interrupted}, 1.0).mid(0, 5),
+              QStringList({QStringLiteral("Photos identified: 1"), QStringLiteral("No camera in the library: 0"),
+                           QStringLiteral("Not compared: 0"), QStringLiteral("Failed: 0"),
+                           QStringLiteral("Not processed: 1")}));
 }
 
 TEST(CliFormat, ValidationStatistics)

@@ -95,10 +95,11 @@ QString verdictText(const SIdentifiedPhoto& photo)
 QString identifyJsonLine(const SIdentifiedPhoto& photo)
 {
     const auto& id = photo.identification;
+    const bool processed = photo.outcome.processed;
     QStringList matches;
     for (const SCandidate& match : id.matches)
-        matches << candidateJson(match);
-    const bool processed = photo.outcome.processed;
+        if (processed)
+            matches << candidateJson(match);
     return QStringLiteral("{\"path\":%1,\"sha256\":%2,\"compared\":%3,\"matches\":[%4],\"status\":%5,"
                           "\"reason\":%6,\"best\":%7,\"index\":%8,\"total\":%9}")
         .arg(jsonString(photo.outcome.absolutePath),
