@@ -116,9 +116,8 @@ std::shared_ptr<CFingerprintLibrary> CFingerprintLibrary::open(const QString& fo
         pointers.push_back(path.c_str());
     wchar_t* json = nullptr;
     lumicrest_library_s* opened = nullptr;
-    const lumicrest_error_code code =
-        lumicrest_open_library(pointers.data(), static_cast<int>(pointers.size()), LUMICREST_LIBRARY_WRITE_DIGESTS,
-                               &opened, &json);
+    const lumicrest_error_code code = lumicrest_open_library(
+        pointers.data(), static_cast<int>(pointers.size()), LUMICREST_LIBRARY_WRITE_DIGESTS, &opened, &json);
     const QString answer = takeText(json);
     if (code != 200 || !opened)
     {
@@ -148,7 +147,8 @@ std::shared_ptr<CFingerprintLibrary> CFingerprintLibrary::open(const QString& fo
             file.status = status == 200   ? CQuorvexAPI::Success
                           : status == 450 ? CQuorvexAPI::CannotOpenFingerprint
                                           : CQuorvexAPI::FingerprintFileBroken;
-            file.reason = file.status == CQuorvexAPI::Success ? QString() : CQuorvexAPI::statusText(file.status);
+            file.reason =
+                file.status == CQuorvexAPI::Success ? QString() : CQuorvexAPI::statusText(file.status);
         }
         if (file.status != CQuorvexAPI::Success)
             QX_WARNING << "Fingerprint left out of the library: " << file.path << ": " << file.reason;

@@ -23,10 +23,10 @@ public:
     // One ".fnp" file of the folder and whether it takes part.
     struct SFile
     {
-        QString path;          // absolute
-        EStatus status;        // Success, or why the file is left out
-        QString reason;        // the words for a file left out; empty otherwise
-        int width = 0;         // of the camera's image, when the engine read it
+        QString path;   // absolute
+        EStatus status; // Success, or why the file is left out
+        QString reason; // the words for a file left out; empty otherwise
+        int width = 0;  // of the camera's image, when the engine read it
         int height = 0;
     };
 

@@ -72,8 +72,8 @@ int runIdentify(const SCommandLine& commandLine)
         CFingerprintLibrary::open(commandLine.libraryFolder, &libraryError);
     if (!library)
     {
-        CConsole::error(
-            QStringLiteral("cannot read the fingerprint library %1: %2").arg(commandLine.libraryFolder, libraryError));
+        CConsole::error(QStringLiteral("cannot read the fingerprint library %1: %2")
+                            .arg(commandLine.libraryFolder, libraryError));
         return ExitFailure;
     }
     for (const CFingerprintLibrary::SFile& file : library->files())
@@ -82,7 +82,8 @@ int runIdentify(const SCommandLine& commandLine)
                                   .arg(QDir::toNativeSeparators(file.path), file.reason));
     if (library->usableCount() == 0)
     {
-        CConsole::error(QStringLiteral("no usable fingerprint file (.fnp) in %1").arg(commandLine.libraryFolder));
+        CConsole::error(
+            QStringLiteral("no usable fingerprint file (.fnp) in %1").arg(commandLine.libraryFolder));
         return ExitFailure;
     }
 
@@ -202,7 +203,8 @@ int runIdentify(const SCommandLine& commandLine)
     }
     if (job.interrupted())
     {
-        CConsole::note(QStringLiteral("identification interrupted; the results of the photos analyzed were written"));
+        CConsole::note(
+            QStringLiteral("identification interrupted; the results of the photos analyzed were written"));
         return ExitInterrupted;
     }
     return exitCode;

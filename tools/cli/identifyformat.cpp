@@ -37,7 +37,8 @@ QString candidateText(const SCandidate& candidate)
 
 QString statusKeyOf(const SIdentifiedPhoto& photo)
 {
-    return CQuorvexAPI::statusKey(photo.outcome.processed ? photo.identification.status : CQuorvexAPI::Invalid);
+    return CQuorvexAPI::statusKey(photo.outcome.processed ? photo.identification.status
+                                                          : CQuorvexAPI::Invalid);
 }
 
 QString reasonOf(const SIdentifiedPhoto& photo)
