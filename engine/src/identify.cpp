@@ -264,13 +264,6 @@ void FingerprintCache::loaded(const std::shared_ptr<Slot>& slot, std::shared_ptr
             evicted.push_back(*it);
             it = m_slots.erase(it);
         }
-        // A slot evicted before its load ended is not counted twice.
-        if (std::find(m_slots.begin(), m_slots.end(), slot) == m_slots.end() &&
-            std::find(evicted.begin(), evicted.end(), slot) == evicted.end())
-        {
-            m_held -= bytes;
-            MemoryBudget::instance().discharge(bytes);
-        }
     }
 }
 
