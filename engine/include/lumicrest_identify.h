@@ -49,7 +49,14 @@ LUMICREST_EXPORT lumicrest_error_code lumicrest_open_library(const wchar_t** pat
  * fingerprint that got the full PCE, matching or not (null when none did), so
  * a caller can say how close the nearest camera came. When the photo fits no
  * fingerprint, N is 0 and reason is "size" (or "too small"). A photo that
- * cannot be read gives its result value, with reason naming the failure. */
+ * cannot be read gives its result value, with reason naming the failure.
+ * "failed" lists the fingerprints found damaged (or changed since the library
+ * was opened) when this photo needed them in full: they are left out of this
+ * identification and not counted in N, so the photo was not compared with
+ * them. Each digest is sampled in every turn in which the photo has the
+ * fingerprint's size; crops and resized photos get the full match with every
+ * fingerprint they fit. Full fingerprints are kept between calls in a cache
+ * of at most a quarter of the engine's memory budget. */
 LUMICREST_EXPORT lumicrest_error_code lumicrest_identify(const lumicrest_library_s* library,
                                                         const wchar_t* photoPath, wchar_t** outJson);
 

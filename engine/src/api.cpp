@@ -1,8 +1,11 @@
 // The C boundary: argument checks, conversions, and the one place where every
 // failure becomes a result value.
 #include "lumicrest.h"
+#include "lumicrest_identify.h"
 
 #include "fingerprint.h"
+#include "fingerprintfile.h"
+#include "identify.h"
 #include "learn.h"
 #include "match.h"
 #include "options.h"
@@ -20,6 +23,11 @@
 #include <vector>
 
 using namespace lumicrest;
+
+// The handle the caller holds is the library itself.
+struct lumicrest_library_s : lumicrest::Library
+{
+};
 
 namespace
 {
@@ -64,73 +72,6 @@ std::string requirePath(const wchar_t* path)
     if (utf8.empty())
         fail(LUMICREST_INVALID_EMPTY_PATH, "path is empty");
     return utf8;
-}
-
-// The file's bytes, left uninitialised until read: filling tens of megabytes
-// with zeros first would cost a pass over them for nothing.
-struct FileBytes
-{
-    std::unique_ptr<unsigned char[]> data;
-    size_t size = 0;
-};
-
-FileBytes readWholeFile(const std::string& path)
-{
-    // A FIFO or a device would block the open or never end; only regular files.
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(std::filesystem::u8path(path), error))
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file is not a regular file");
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file cannot be opened");
-    const std::streamoff size = in.tellg();
-    if (size <= 0 || size > INT32_MAX)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file has an impossible size");
-    FileBytes bytes;
-    bytes.data.reset(new unsigned char[static_cast<size_t>(size)]);
-    bytes.size = static_cast<size_t>(size);
-    in.seekg(0);
-    if (!in.read(reinterpret_cast<char*>(bytes.data.get()), size))
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file cannot be read");
-    return bytes;
-}
-
-uint32_t bigEndian32(const unsigned char* p)
-{
-    return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | uint32_t{p[3]};
-}
-
-// The program keeps the fingerprint bytes inside a container of its own: a
-// big-endian 64-bit version 2, then two byte arrays (32-bit length, 0xFFFFFFFF
-// for none, then the bytes), metadata and fingerprint. Reading the bytes out of
-// it here lets the program have a file verified without a copy of the bytes.
-// Files of the engine's own format start with the magic and are taken whole.
-std::pair<const unsigned char*, size_t> fingerprintBytesIn(const FileBytes& in)
-{
-    const unsigned char* const file = in.data.get();
-    const size_t fileSize = in.size;
-    static const unsigned char containerVersion[8] = {0, 0, 0, 0, 0, 0, 0, 2};
-    if (fileSize < 16 || std::memcmp(file, containerVersion, 8) != 0)
-        return {file, fileSize};
-    size_t at = 8;
-    const auto array = [&]() -> std::pair<const unsigned char*, size_t> {
-        if (fileSize - at < 4)
-            fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
-        const uint32_t length = bigEndian32(file + at);
-        at += 4;
-        if (length == 0xFFFFFFFFu)
-            return {nullptr, 0};
-        if (length > fileSize - at)
-            fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
-        const unsigned char* start = file + at;
-        at += length;
-        return {start, length};
-    };
-    array(); // the program's metadata
-    const auto bytes = array();
-    if (at != fileSize)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container has bytes after its end");
-    return bytes;
 }
 
 std::string metadataJson(const FingerprintData& fp, uint32_t crc)
@@ -282,6 +223,70 @@ LUMICREST_EXPORT lumicrest_error_code release_fingerprint(fingerprint_binary_s* 
         // Only what the engine allocated is freed; caller-built structs keep their bytes.
         if (fp->priv)
             detachFingerprint(fp);
+        return LUMICREST_OK;
+    });
+}
+
+LUMICREST_EXPORT lumicrest_error_code lumicrest_open_library(const wchar_t** paths, int count, int flags,
+                                                            lumicrest_library_s** out, wchar_t** outJson)
+{
+    if (out)
+        *out = nullptr;
+    if (outJson)
+        *outJson = nullptr;
+    return guarded([&]() -> lumicrest_error_code {
+        if (!paths || !out || !outJson)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
+        if (count < 1)
+            fail(LUMICREST_INVALID_COUNT, "no fingerprints");
+        if (flags & ~(LUMICREST_LIBRARY_WRITE_DIGESTS | LUMICREST_LIBRARY_NO_DIGEST_PASS))
+            fail(LUMICREST_INVALID_OPTION, "unknown library flag");
+        std::vector<std::string> files;
+        files.reserve(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i)
+            files.push_back(requirePath(paths[i]));
+        std::unique_ptr<Library> opened = openLibrary(files, flags);
+        auto library = std::make_unique<lumicrest_library_s>();
+        static_cast<Library&>(*library) = std::move(*opened);
+        *outJson = mallocWide(libraryJson(*library));
+        if (!*outJson)
+            fail(LUMICREST_OUT_OF_MEMORY, "no memory for the answer");
+        *out = library.release();
+        return LUMICREST_OK;
+    });
+}
+
+LUMICREST_EXPORT lumicrest_error_code lumicrest_identify(const lumicrest_library_s* library,
+                                                        const wchar_t* photoPath, wchar_t** outJson)
+{
+    if (outJson)
+        *outJson = nullptr;
+    Identification identification;
+    const lumicrest_error_code code = guarded([&]() -> lumicrest_error_code {
+        if (!library || !outJson)
+            fail(LUMICREST_INVALID_NULL_POINTER, "null argument");
+        const std::string path = requirePath(photoPath);
+        try
+        {
+            identifyPhoto(*library, path, identification);
+        }
+        catch (const Failure& failure)
+        {
+            identification = Identification();
+            identification.reason = failure.detail();
+            throw;
+        }
+        return LUMICREST_OK;
+    });
+    // A failed identification answers too, with its reason.
+    give(outJson, identificationJson(identification));
+    return code;
+}
+
+LUMICREST_EXPORT lumicrest_error_code lumicrest_close_library(lumicrest_library_s* library)
+{
+    return guarded([&]() -> lumicrest_error_code {
+        delete library;
         return LUMICREST_OK;
     });
 }

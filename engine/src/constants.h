@@ -56,6 +56,21 @@ constexpr uint64_t ScaledBytesPerPixel = 12;
 constexpr int ScaledCacheEntries = 4;      // resampled fingerprints kept per fingerprint
 constexpr int RefinedCandidates = 3;       // coarse scales refined per turn
 
+// Identification against a library. A fingerprint's digest holds its
+// strongest elements (by |K|): this share of its pixels, within the bounds.
+constexpr double DigestFraction = 0.05;
+constexpr uint32_t DigestMinElements = 20000;
+constexpr uint32_t DigestMaxElements = 500000;
+// Fingerprints whose digest correlation z = rho * sqrt(k) reaches this get the full PCE.
+constexpr double DigestMargin = 2.0;
+// Working memory of one identification per photo pixel (decoded photo, its
+// residual and weights, the filtered residual in every same-size turn with
+// their spectra), reserved from the budget.
+constexpr uint64_t IdentifyBytesPerPixel = 48;
+// Loaded fingerprints (K and its spectrum) a library keeps: at most this share
+// of the memory budget, and charged to it while kept.
+constexpr uint64_t LibraryCacheShareDivisor = 4;
+
 // Learning's share of the budget, per photo pixel: the running sums with the
 // closing work of one photo and of the fingerprint (held for the whole run),
 // and one photo from decoding until it has been added to the sums.

@@ -87,6 +87,8 @@ private:
     size_t m_pos = 0;
 };
 
+} // namespace
+
 uint32_t crc32Of(const unsigned char* p, size_t n)
 {
     uLong crc = crc32(0L, Z_NULL, 0);
@@ -99,6 +101,9 @@ uint32_t crc32Of(const unsigned char* p, size_t n)
     }
     return static_cast<uint32_t>(crc);
 }
+
+namespace
+{
 
 // Caller-built structs carry only the bytes: parse them once and keep the result
 // keyed by length, stored checksum and the header, so the usual pattern (one
@@ -238,23 +243,19 @@ std::vector<unsigned char> serializeFingerprint(const FingerprintData& fp)
     return out;
 }
 
-FingerprintData parseFingerprint(const unsigned char* bytes, size_t size, bool decodeK)
+namespace
 {
-    if (!bytes || size < 4 + 4 + 4)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint bytes too short");
-    if (std::memcmp(bytes, Magic, 4) != 0)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "not a fingerprint (bad magic)");
-    uint32_t stored;
-    std::memcpy(&stored, bytes + size - 4, 4);
-    if (crc32Of(bytes, size - 4) != stored)
-        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint checksum mismatch");
 
-    Reader r(bytes, size - 4);
+// The fields before K, read from r (which ends where the checksum starts);
+// checks that what follows is exactly K. Returns K's stored scale.
+float parseHeader(Reader& r, size_t size, FingerprintData& fp)
+{
     unsigned char magic[4];
     r.bytes(magic, 4);
+    if (std::memcmp(magic, Magic, 4) != 0)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "not a fingerprint (bad magic)");
     if (r.u32() != FormatVersion)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "unknown fingerprint format version");
-    FingerprintData fp;
     const uint32_t width = r.u32();
     const uint32_t height = r.u32();
     if (width == 0 || height == 0 || width > 1000000 || height > 1000000 ||
@@ -282,10 +283,39 @@ FingerprintData parseFingerprint(const unsigned char* bytes, size_t size, bool d
     };
     if (!sigmaOk(fp.sigmaRef) || !sigmaOk(fp.sigmaMatch) || !std::isfinite(scale) || scale <= 0.0f)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint parameters out of range");
-
     const size_t pixels = static_cast<size_t>(width) * height;
     if (size - 4 - r.position() != 2 * pixels)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint length does not match its size");
+    return scale;
+}
+
+} // namespace
+
+FingerprintData parseFingerprintHeader(const unsigned char* head, size_t available, size_t size)
+{
+    if (!head || size < 4 + 4 + 4 || available > size - 4)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint bytes too short");
+    Reader r(head, available);
+    FingerprintData fp;
+    parseHeader(r, size, fp);
+    return fp;
+}
+
+FingerprintData parseFingerprint(const unsigned char* bytes, size_t size, bool decodeK)
+{
+    if (!bytes || size < 4 + 4 + 4)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint bytes too short");
+    if (std::memcmp(bytes, Magic, 4) != 0)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "not a fingerprint (bad magic)");
+    uint32_t stored;
+    std::memcpy(&stored, bytes + size - 4, 4);
+    if (crc32Of(bytes, size - 4) != stored)
+        fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint checksum mismatch");
+
+    Reader r(bytes, size - 4);
+    FingerprintData fp;
+    const float scale = parseHeader(r, size, fp);
+    const size_t pixels = static_cast<size_t>(fp.width) * static_cast<size_t>(fp.height);
     const unsigned char* src = bytes + r.position();
     // Without K the same values are checked, only not kept: metadata reading
     // then costs no plane.

@@ -57,6 +57,13 @@ std::vector<unsigned char> serializeFingerprint(const FingerprintData& fp);
 // Throws Failure(450) on a bad magic, version, length, checksum or value.
 // Without decodeK every check is made but K is left empty.
 FingerprintData parseFingerprint(const unsigned char* bytes, size_t size, bool decodeK = true);
+// The header alone, from the first `available` bytes of `size`: the same
+// checks but the checksum's (K and the checksum need not be at hand), and
+// that the length fits the size. Throws Failure(450), also when the header
+// runs past `available`.
+FingerprintData parseFingerprintHeader(const unsigned char* head, size_t available, size_t size);
+
+uint32_t crc32Of(const unsigned char* p, size_t n);
 
 // The fingerprint behind a struct: the engine's own object when the engine made
 // it, otherwise the bytes parsed once and kept in a small cache.

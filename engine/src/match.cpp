@@ -99,6 +99,60 @@ Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1)
     return peak;
 }
 
+void spectrumMoments(const Spectrum& w, double& sum, double& squares)
+{
+    // Sum and sum of squares of X from its spectrum (Parseval); the half
+    // spectrum holds every column but the first (and the Nyquist one) twice.
+    StageTimer timer(Stage::Correlation);
+    const double n = static_cast<double>(w.width()) * w.height();
+    const int columns = w.columns();
+    const int lastPaired = w.width() % 2 == 0 ? columns - 1 : columns;
+    squares = 0.0;
+    for (int y = 0; y < w.height(); ++y)
+    {
+        const std::complex<float>* row = w.row(y);
+        double rowSum = 0.0;
+        for (int c = 0; c < columns; ++c)
+        {
+            const double power = std::norm(row[c]);
+            rowSum += c == 0 || c == lastPaired ? power : 2.0 * power;
+        }
+        squares += rowSum;
+    }
+    squares /= n;
+    sum = w.data()[0].real();
+}
+
+Peak sameSizePeak(LoadedFingerprint& fingerprint, const Spectrum& w, const Spectrum& k, double wSum,
+                  double wSquares, Spectrum& scratch, double& corr)
+{
+    if (&scratch != &k)
+        scratch.reset(k.width(), k.height());
+    {
+        StageTimer timer(Stage::Correlation);
+        const std::complex<float>* f = w.data();
+        const std::complex<float>* g = k.data();
+        std::complex<float>* s = scratch.data();
+        const size_t count = static_cast<size_t>(scratch.columns()) * scratch.height();
+        for (size_t j = 0; j < count; ++j)
+            s[j] = std::conj(f[j]) * g[j];
+    }
+    const Peak peak = zeroShiftPce(scratch);
+    // Pearson correlation of X and K; a turn does not change K's sums.
+    prepareSums(fingerprint);
+    const double n = static_cast<double>(k.width()) * k.height();
+    const double cross = peak.value - wSum * fingerprint.kSum / n;
+    const double wVar = wSquares - wSum * wSum / n;
+    const double kVar = fingerprint.kEnergy - fingerprint.kSum * fingerprint.kSum / n;
+    corr = wVar > 0 && kVar > 0 ? cross / std::sqrt(wVar * kVar) : 0.0;
+    return peak;
+}
+
+void prepareKSpectrum(LoadedFingerprint& fingerprint)
+{
+    prepareSpectrum(fingerprint);
+}
+
 namespace
 {
 
@@ -116,29 +170,9 @@ void matchSameSize(LoadedFingerprint& fingerprint, Plane& residual, const Plane&
     applyWeights(residual, weights);
     Spectrum w;
     wienerSpectrum(residual, w);
-    const double n = static_cast<double>(residual.size());
-    // Sum and sum of squares of X from its spectrum (Parseval); the half
-    // spectrum holds every column but the first (and the Nyquist one) twice.
     double wSum = 0.0;
     double wSquares = 0.0;
-    {
-        StageTimer timer(Stage::Correlation);
-        const int columns = w.columns();
-        const int lastPaired = residual.width() % 2 == 0 ? columns - 1 : columns;
-        for (int y = 0; y < w.height(); ++y)
-        {
-            const std::complex<float>* row = w.row(y);
-            double rowSum = 0.0;
-            for (int c = 0; c < columns; ++c)
-            {
-                const double power = std::norm(row[c]);
-                rowSum += c == 0 || c == lastPaired ? power : 2.0 * power;
-            }
-            wSquares += rowSum;
-        }
-        wSquares /= n;
-        wSum = w.data()[0].real();
-    }
+    spectrumMoments(w, wSum, wSquares);
 
     Plane& turnedK = residual; // X is in the spectrum now; its plane is free
     Spectrum spectrum;
@@ -150,23 +184,15 @@ void matchSameSize(LoadedFingerprint& fingerprint, Plane& residual, const Plane&
         {
             prepareSpectrum(fingerprint);
             k = &fingerprint.kSpectrum;
-            spectrum.reset(k->width(), k->height());
+                    spectrum.reset(k->width(), k->height());
         }
         else
         {
             rotatePlane(fingerprint.data.k, (360 - r) % 360, turnedK);
             forwardFft(turnedK, spectrum);
         }
-        {
-            StageTimer timer(Stage::Correlation);
-            const std::complex<float>* f = w.data();
-            const std::complex<float>* g = k->data();
-            std::complex<float>* s = spectrum.data();
-            const size_t count = static_cast<size_t>(spectrum.columns()) * spectrum.height();
-            for (size_t j = 0; j < count; ++j)
-                s[j] = std::conj(f[j]) * g[j];
-        }
-        const Peak peak = zeroShiftPce(spectrum);
+        double corr = 0.0;
+        const Peak peak = sameSizePeak(fingerprint, w, *k, wSum, wSquares, spectrum, corr);
         result.positions += 1;
         if (i == 0 || peak.pce > result.pceRaw)
         {
@@ -174,12 +200,7 @@ void matchSameSize(LoadedFingerprint& fingerprint, Plane& residual, const Plane&
             result.orientation = r;
             result.shiftX = 0;
             result.shiftY = 0;
-            // Pearson correlation of X and K; a turn does not change K's sums.
-            prepareSums(fingerprint);
-            const double cross = peak.value - wSum * fingerprint.kSum / n;
-            const double wVar = wSquares - wSum * wSum / n;
-            const double kVar = fingerprint.kEnergy - fingerprint.kSum * fingerprint.kSum / n;
-            result.corr = wVar > 0 && kVar > 0 ? cross / std::sqrt(wVar * kVar) : 0.0;
+            result.corr = corr;
         }
         result.pce =
             result.pceRaw - std::max(0.0, 2.0 * std::log(static_cast<double>(result.positions) / 2.0));
@@ -378,84 +399,38 @@ double probabilityForPce(double pce)
     return std::min(1.0 - std::exp(logMiss), constants::MaxProbability);
 }
 
-MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
+void photoGrey(Photo& photo, Plane& grey)
 {
-    const FingerprintData& fp = fingerprint.data;
-    MatchResult result;
-    const ScaleSearch search = scaleSearchFromEnvironment();
-
-    // The size from the header first: photos that cannot fit are answered
-    // without decoding them.
-    int photoWidth = 0;
-    int photoHeight = 0;
-    readPhotoSize(path, photoWidth, photoHeight);
-    int orientations[4];
-    ImpliedSize implied[2];
-    const auto impliedFor = [&](int w, int h, int exif) {
-        return search == ScaleSearch::Off ? 0 : impliedSizes(w, h, fp.width, fp.height, exif, implied);
-    };
-    const int fitting = candidateOrientations(photoWidth, photoHeight, fp.width, fp.height, 1, orientations);
-    if (fitting == 0 && impliedFor(photoWidth, photoHeight, 1) == 0)
-    {
-        result.reason = "size";
-        return result;
-    }
-
-    // Wait for room in the process-wide budget before the large allocations,
-    // including those of whichever scale search this photo may need.
-    const uint64_t photoPixels = static_cast<uint64_t>(photoWidth) * static_cast<uint64_t>(photoHeight);
-    uint64_t leased = constants::MatchBytesPerPixel * std::max<uint64_t>(fp.k.size(), photoPixels);
-    if (impliedFor(photoWidth, photoHeight, 1) > 0)
-        leased += 2 * constants::ScaledBytesPerPixel * photoPixels;
-    else if (search == ScaleSearch::Full)
-        leased += constants::ScaleSearchBytesPerPixel * static_cast<uint64_t>(fp.k.size());
-    const MemoryBudget::Lease lease(MemoryBudget::instance(), leased);
-    Photo photo = readPhoto(path);
-    const int impliedCount = impliedFor(photo.width, photo.height, photo.info.orientation);
-    const int candidates =
-        candidateOrientations(photo.width, photo.height, fp.width, fp.height, photo.info.orientation, orientations);
-    if (candidates == 0 && impliedCount == 0)
-    {
-        result.reason = "size";
-        return result;
-    }
-    // Decoded first, so a damaged small photo is reported as damaged.
-    if (std::min(photo.width, photo.height) < constants::MinMatchSide)
-    {
-        result.reason = "too small";
-        return result;
-    }
-
-    // X = W * I: the photo's noise residual weighted by its own intensity, which
-    // is what the fingerprint predicts the sensor adds to this photo.
     // One residual of the grey level instead of the three channels' combined:
     // a third of the wavelet work for a PCE within a few percent on real
     // cameras. The decoded photo goes as soon as the grey level is made.
     // Learning keeps the channels' residuals, so fingerprints stay as they were.
-    Plane weights;
-    Plane x;
-    {
-        Plane grey;
-        greyLevel(photo.planes, photo.channels, grey);
-        for (Plane& channel : photo.planes)
-            channel = Plane();
-        intensityWeights(grey, weights);
-        channelResidual(grey, fp.sigmaMatch, x);
-    }
-    zeroMeanLattices(x);
-    const bool turned90 = candidates > 0 && (orientations[0] == 90 || orientations[0] == 270);
-    if (candidates > 0 && (turned90 ? photo.height : photo.width) == fp.width &&
-        (turned90 ? photo.width : photo.height) == fp.height)
-    {
-        matchSameSize(fingerprint, x, weights, orientations, candidates, result);
-        result.matched = result.pce >= constants::MatchThresholdPce;
-        result.probability = probabilityForPce(result.pce);
-        return result;
-    }
-    wienerInDft(x);
-    applyWeights(x, weights);
-    weights = Plane();
+    greyLevel(photo.planes, photo.channels, grey);
+    for (Plane& channel : photo.planes)
+        channel = Plane();
+}
 
+void photoResidual(const Plane& grey, float sigma, Plane& weights, Plane& x)
+{
+    // X = W * I: the photo's noise residual weighted by its own intensity, which
+    // is what the fingerprint predicts the sensor adds to this photo.
+    intensityWeights(grey, weights);
+    channelResidual(grey, sigma, x);
+    zeroMeanLattices(x);
+}
+
+void matchCropOrScaled(LoadedFingerprint& fingerprint, const Plane& x, int exifOrientation, ScaleSearch search,
+                       MatchResult& result)
+{
+    const FingerprintData& fp = fingerprint.data;
+    const int photoWidth = x.width();
+    const int photoHeight = x.height();
+    int orientations[4];
+    ImpliedSize implied[2];
+    const int impliedCount =
+        search == ScaleSearch::Off ? 0 : impliedSizes(photoWidth, photoHeight, fp.width, fp.height, exifOrientation, implied);
+    const int candidates =
+        candidateOrientations(photoWidth, photoHeight, fp.width, fp.height, exifOrientation, orientations);
     // A whole resized photo: K resampled to its size first.
     if (impliedCount > 0)
         matchImpliedScale(fingerprint, x, implied, impliedCount, result);
@@ -550,8 +525,8 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
         for (int i = 0; i < candidates; ++i)
         {
             const bool turnedSize = orientations[i] == 90 || orientations[i] == 270;
-            const int w = turnedSize ? photo.height : photo.width;
-            const int h = turnedSize ? photo.width : photo.height;
+            const int w = turnedSize ? photoHeight : photoWidth;
+            const int h = turnedSize ? photoWidth : photoHeight;
             if (w != fp.width || h != fp.height)
                 smaller[count++] = orientations[i];
         }
@@ -562,6 +537,76 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
         matchScaleSearch(fingerprint, x, smaller, count, result);
     }
     finishMatch(result);
+}
+
+MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
+{
+    const FingerprintData& fp = fingerprint.data;
+    MatchResult result;
+    const ScaleSearch search = scaleSearchFromEnvironment();
+
+    // The size from the header first: photos that cannot fit are answered
+    // without decoding them.
+    int photoWidth = 0;
+    int photoHeight = 0;
+    readPhotoSize(path, photoWidth, photoHeight);
+    int orientations[4];
+    ImpliedSize implied[2];
+    const auto impliedFor = [&](int w, int h, int exif) {
+        return search == ScaleSearch::Off ? 0 : impliedSizes(w, h, fp.width, fp.height, exif, implied);
+    };
+    const int fitting = candidateOrientations(photoWidth, photoHeight, fp.width, fp.height, 1, orientations);
+    if (fitting == 0 && impliedFor(photoWidth, photoHeight, 1) == 0)
+    {
+        result.reason = "size";
+        return result;
+    }
+
+    // Wait for room in the process-wide budget before the large allocations,
+    // including those of whichever scale search this photo may need.
+    const uint64_t photoPixels = static_cast<uint64_t>(photoWidth) * static_cast<uint64_t>(photoHeight);
+    uint64_t leased = constants::MatchBytesPerPixel * std::max<uint64_t>(fp.k.size(), photoPixels);
+    if (impliedFor(photoWidth, photoHeight, 1) > 0)
+        leased += 2 * constants::ScaledBytesPerPixel * photoPixels;
+    else if (search == ScaleSearch::Full)
+        leased += constants::ScaleSearchBytesPerPixel * static_cast<uint64_t>(fp.k.size());
+    const MemoryBudget::Lease lease(MemoryBudget::instance(), leased);
+    Photo photo = readPhoto(path);
+    const int impliedCount = impliedFor(photo.width, photo.height, photo.info.orientation);
+    const int candidates =
+        candidateOrientations(photo.width, photo.height, fp.width, fp.height, photo.info.orientation, orientations);
+    if (candidates == 0 && impliedCount == 0)
+    {
+        result.reason = "size";
+        return result;
+    }
+    // Decoded first, so a damaged small photo is reported as damaged.
+    if (std::min(photo.width, photo.height) < constants::MinMatchSide)
+    {
+        result.reason = "too small";
+        return result;
+    }
+
+    Plane weights;
+    Plane x;
+    {
+        Plane grey;
+        photoGrey(photo, grey);
+        photoResidual(grey, fp.sigmaMatch, weights, x);
+    }
+    const bool turned90 = candidates > 0 && (orientations[0] == 90 || orientations[0] == 270);
+    if (candidates > 0 && (turned90 ? photo.height : photo.width) == fp.width &&
+        (turned90 ? photo.width : photo.height) == fp.height)
+    {
+        matchSameSize(fingerprint, x, weights, orientations, candidates, result);
+        result.matched = result.pce >= constants::MatchThresholdPce;
+        result.probability = probabilityForPce(result.pce);
+        return result;
+    }
+    wienerInDft(x);
+    applyWeights(x, weights);
+    weights = Plane();
+    matchCropOrScaled(fingerprint, x, photo.info.orientation, search, result);
     return result;
 }
 

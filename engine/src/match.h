@@ -1,6 +1,7 @@
 #pragma once
 
 #include "fingerprint.h"
+#include "imageio.h"
 
 #include <string>
 
@@ -40,6 +41,32 @@ Peak windowPeak(const Plane& c, int x0, int x1, int y0, int y1);
 // of the same size, g = conj(F_a) F_b); planes at least as wide as the
 // exclusion square.
 Peak zeroShiftPce(const Spectrum& g);
+
+enum class ScaleSearch;
+
+// The steps every match of a decoded photo begins with, shared by
+// identification: the grey level (the photo's channels are freed), then its
+// intensity weights and zero-mean residual for a fingerprint's noise level.
+void photoGrey(Photo& photo, Plane& grey);
+void photoResidual(const Plane& grey, float sigma, Plane& weights, Plane& x);
+
+// Sum and sum of squares of a plane from its half spectrum.
+void spectrumMoments(const Spectrum& w, double& sum, double& squares);
+
+// Zero-shift peak of X (spectrum w, sums wSum and wSquares) with K (spectrum
+// k, of the same size and frame); `corr` is their Pearson correlation.
+// `scratch` may be k itself, which is then overwritten.
+Peak sameSizePeak(LoadedFingerprint& fingerprint, const Spectrum& w, const Spectrum& k, double wSum,
+                  double wSquares, Spectrum& scratch, double& corr);
+
+// Makes K's spectrum (once per fingerprint).
+void prepareKSpectrum(LoadedFingerprint& fingerprint);
+
+// The match of a photo that is not K's size: implied scale, crops at scale 1,
+// then (when asked for) the scale search. x is the photo's Wiener-filtered,
+// weighted residual as decoded. Adds to result and finishes it.
+void matchCropOrScaled(LoadedFingerprint& fingerprint, const Plane& x, int exifOrientation, ScaleSearch search,
+                       MatchResult& result);
 
 // Matches one photo file against a fingerprint. Throws Failure for photos that
 // cannot be read.

@@ -183,4 +183,65 @@ void appendJsonNumber(std::string& out, double value)
     out.append(buffer, result.ptr);
 }
 
+void JsonWriter::separate()
+{
+    if (m_afterValue)
+        m_out += ',';
+    m_afterValue = false;
+}
+
+JsonWriter& JsonWriter::open(char bracket)
+{
+    separate();
+    m_out += bracket;
+    return *this;
+}
+
+JsonWriter& JsonWriter::close(char bracket)
+{
+    m_out += bracket;
+    m_afterValue = true;
+    return *this;
+}
+
+JsonWriter& JsonWriter::key(const char* name)
+{
+    separate();
+    appendJsonString(m_out, name);
+    m_out += ':';
+    return *this;
+}
+
+JsonWriter& JsonWriter::number(double value)
+{
+    separate();
+    appendJsonNumber(m_out, value);
+    m_afterValue = true;
+    return *this;
+}
+
+JsonWriter& JsonWriter::integer(long long value)
+{
+    separate();
+    m_out += std::to_string(value);
+    m_afterValue = true;
+    return *this;
+}
+
+JsonWriter& JsonWriter::string(const std::string& value)
+{
+    separate();
+    appendJsonString(m_out, value);
+    m_afterValue = true;
+    return *this;
+}
+
+JsonWriter& JsonWriter::null()
+{
+    separate();
+    m_out += "null";
+    m_afterValue = true;
+    return *this;
+}
+
 } // namespace lumicrest

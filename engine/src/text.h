@@ -21,4 +21,28 @@ void appendJsonString(std::string& out, const std::string& text);
 // non-finite values become 0 (JSON has no NaN).
 void appendJsonNumber(std::string& out, double value);
 
+// Builds a JSON text member by member, placing the commas itself.
+class JsonWriter
+{
+public:
+    JsonWriter& beginObject() { return open('{'); }
+    JsonWriter& endObject() { return close('}'); }
+    JsonWriter& beginArray() { return open('['); }
+    JsonWriter& endArray() { return close(']'); }
+    JsonWriter& key(const char* name);
+    JsonWriter& number(double value);
+    JsonWriter& integer(long long value);
+    JsonWriter& string(const std::string& value);
+    JsonWriter& null();
+    const std::string& text() const { return m_out; }
+
+private:
+    JsonWriter& open(char bracket);
+    JsonWriter& close(char bracket);
+    void separate();
+
+    std::string m_out;
+    bool m_afterValue = false;
+};
+
 } // namespace lumicrest

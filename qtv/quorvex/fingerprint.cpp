@@ -651,8 +651,6 @@ CFingerprint::SAnalysisResult CFingerprint::match(const QFileInfo& photo, bool s
 CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, const QString& text,
                                                             const QString& preparedPath)
 {
-    SAnalysisResult result;
-    result.status = status;
     const QJsonObject answer = QJsonDocument::fromJson(text.toUtf8())
                                    .object()
                                    .value(QStringLiteral("sensors"))
@@ -665,18 +663,20 @@ CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, cons
                                    .toObject()
                                    .value(QStringLiteral("result"))
                                    .toObject();
+    SAnalysisResult result = readEngineResult(answer);
+    result.status = status;
+    applyEngineReason(result, jsonText(answer.value(QStringLiteral("reason"))), preparedPath);
+    return result;
+}
+
+CFingerprint::SAnalysisResult CFingerprint::readEngineResult(const QJsonObject& answer)
+{
+    SAnalysisResult result;
+    result.status = CQuorvexAPI::Success;
     result.matched = jsonText(answer.value(QStringLiteral("sensor_matched"))).toInt(nullptr, 10) == 1;
     result.probability = jsonText(answer.value(QStringLiteral("probability"))).toDouble();
     result.correlation = jsonText(answer.value(QStringLiteral("corr"))).toDouble();
     result.pce = jsonText(answer.value(QStringLiteral("pce"))).toDouble();
-    // A failure's account, or why a readable photo could not be compared at
-    // all ("size", "too small"): either way it is no verdict on the camera.
-    // The engine names the file first; every place that shows the reason
-    // shows the photo already.
-    result.reason = jsonText(answer.value(QStringLiteral("reason")));
-    const QString named = preparedPath + QStringLiteral(": ");
-    if (result.reason.startsWith(named))
-        result.reason.remove(0, named.size());
     // A missing or senseless scale is the fingerprint's own size.
     bool scaleRead = false;
     const double scale = jsonText(answer.value(QStringLiteral("scale"))).toDouble(&scaleRead);
@@ -686,6 +686,20 @@ CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, cons
     const QJsonArray shift = answer.value(QStringLiteral("shift")).toArray();
     result.shiftX = shift.at(0).toInt();
     result.shiftY = shift.at(1).toInt();
+    return result;
+}
+
+void CFingerprint::applyEngineReason(SAnalysisResult& result, const QString& engineReason,
+                                     const QString& preparedPath)
+{
+    // A failure's account, or why a readable photo could not be compared at
+    // all ("size", "too small"): either way it is no verdict on the camera.
+    // The engine names the file first; every place that shows the reason
+    // shows the photo already.
+    result.reason = engineReason;
+    const QString named = preparedPath + QStringLiteral(": ");
+    if (result.reason.startsWith(named))
+        result.reason.remove(0, named.size());
     if (result.status == CQuorvexAPI::Success && !result.reason.isEmpty())
     {
         // Read but not compared: a finding of its own, never "no match".
@@ -693,5 +707,4 @@ CFingerprint::SAnalysisResult CFingerprint::readMatchAnswer(EStatus status, cons
         result.matched = false;
         result.reason = notComparedReason(result.reason);
     }
-    return result;
 }

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QMap>
 #include <QVariant>
 
@@ -94,8 +95,16 @@ public:
     // The match record from the engine's status and JSON answer for the photo
     // at preparedPath; a photo read but not compared becomes status 22.
     static SAnalysisResult readMatchAnswer(EStatus status, const QString& answer, const QString& preparedPath);
+    // The numbers of one engine result object ("sensor_matched", "probability",
+    // "corr", "pce", "scale", "orientation", "shift"), status Success.
+    static SAnalysisResult readEngineResult(const QJsonObject& answer);
     // The engine's word for why it could not compare ("size") in an examiner's words.
     static QString notComparedReason(const QString& engineReason);
+    // Sets the result's reason from the engine's and settles its status: the
+    // file name the engine puts first is dropped, and a readable photo the
+    // engine did not compare (a reason beside success) becomes status 22. One
+    // mapping for matching one fingerprint and identifying against many.
+    static void applyEngineReason(SAnalysisResult& result, const QString& engineReason, const QString& preparedPath);
 
 protected:
     CFingerprint() = default;

@@ -7,6 +7,7 @@
 
 #include <QFileInfoList>
 #include <QMap>
+#include <QPair>
 #include <QString>
 #include <QStringList>
 
@@ -35,6 +36,20 @@ struct SReportInput
     QString caseNumber;
     QString examiner;
     QString notes;
+
+    // An identification against a library of fingerprints instead of one
+    // fingerprint: set when library is not empty.
+    struct SLibraryFile
+    {
+        QString path;
+        QString camera; // make and model
+        QString size;   // of the camera's image
+        QString sha256;
+        QString status; // empty when the file took part
+    };
+    QList<SLibraryFile> library;
+    QMap<QString, QString> verdicts; // by absolute path: the photo's camera(s), or why none
+    QList<QPair<QString, QString>> summary; // the counts, label and value
 };
 
 // Turns one analysis into a PDF report: a thumbnail of every photo in a
@@ -59,6 +74,10 @@ public:
     // How the findings were reached: engine, threshold, ladder, search
     // correction, reference photos; rows of a two-column table.
     static QString methodRows(const SReportInput& input);
+    // The fingerprint's properties, the counts of an analysis and the method.
+    static QString fingerprintTables(const SReportInput& input);
+    // The library's files and the counts of an identification.
+    static QString libraryTables(const SReportInput& input);
     // The case number, examiner and notes given, as a table; empty when none is.
     static QString caseTable(const SReportInput& input);
     // The document for these photos with these thumbnails (one per photo).

@@ -20,6 +20,9 @@ using qutils::CQuorvexAPI;
 const QString MatchCommand = QStringLiteral("match");
 const QString FingerprintStatusCommand = QStringLiteral("fingerprintStatus");
 const QString QuitCommand = QStringLiteral("quitQuorvex");
+const QString IdentifyCommand = QStringLiteral("identify");
+
+
 
 std::string answerLine(const std::string& fields)
 {
@@ -141,7 +144,7 @@ std::string CIntegrationServer::overlongAnswer(const std::string& start) const
     // The command is whole in the part that was kept; the paths may not be,
     // and a cut path would name another file.
     const QString command = splitFields(start).first();
-    if (command != MatchCommand && command != FingerprintStatusCommand)
+    if (command != MatchCommand && command != FingerprintStatusCommand && command != IdentifyCommand)
         return std::string();
     try
     {
@@ -153,6 +156,8 @@ std::string CIntegrationServer::overlongAnswer(const std::string& start) const
     }
     if (command == MatchCommand)
         return answerLine("0;0;0;" + keyOf(CQuorvexAPI::Fatal));
+    if (command == IdentifyCommand)
+        return answerLine("0;0;0;" + keyOf(CQuorvexAPI::Fatal) + ';');
     return answerLine(keyOf(CQuorvexAPI::Fatal));
 }
 
@@ -166,6 +171,8 @@ std::string CIntegrationServer::answerTo(const std::string& line)
             return matchAnswer(fields);
         if (command == FingerprintStatusCommand)
             return fingerprintStatusAnswer(fields);
+        if (command == IdentifyCommand)
+            return identifyAnswer(fields);
     }
     catch (const std::exception& e)
     {
@@ -174,6 +181,8 @@ std::string CIntegrationServer::answerTo(const std::string& line)
         logFailure(e.what());
         if (command == MatchCommand)
             return answerLine("0;0;0;" + keyOf(CQuorvexAPI::Fatal));
+        if (command == IdentifyCommand)
+            return answerLine("0;0;0;" + keyOf(CQuorvexAPI::Fatal) + ';');
         return answerLine(keyOf(CQuorvexAPI::Fatal));
     }
     return std::string();
@@ -191,6 +200,57 @@ std::string CIntegrationServer::matchAnswer(const QStringList& fields)
     const CQuorvexAPI::SAnalysisResult result = fingerprint->match(QFileInfo(fields.value(2)), false);
     return answerLine(std::string(result.matched ? "1" : "0") + ';' + formatNumber(result.probability) + ';' +
                       formatNumber(result.correlation) + ';' + keyOf(result.status));
+}
+
+std::string CIntegrationServer::identifyAnswer(const QStringList& fields)
+{
+    // The fields of match, and the fingerprint they are about (none: empty).
+    const auto refused = [](CQuorvexAPI::EStatus status) { return answerLine("0;0;0;" + keyOf(status) + ';'); };
+    const std::shared_ptr<const CFingerprintLibrary> library =
+        usablePath(fields.value(1)) ? cachedLibrary(fields.value(1)) : nullptr;
+    if (!library)
+        return refused(CQuorvexAPI::CannotOpenFingerprint);
+    if (!usablePath(fields.value(2)))
+        return refused(CQuorvexAPI::BrokenImage);
+    const CFingerprintLibrary::SIdentification identification = library->identify(QFileInfo(fields.value(2)));
+    if (identification.status != CQuorvexAPI::Success || !identification.hasBest)
+        return refused(identification.status);
+    // The strongest match, or the nearest camera when none matched. A file
+    // name with a line break would end the answer early.
+    const CQuorvexAPI::SAnalysisResult& best = identification.best.result;
+    if (!usablePath(identification.best.fingerprintPath))
+    {
+        logFailure("a fingerprint's path cannot travel in an answer");
+        return refused(CQuorvexAPI::Fatal);
+    }
+    return answerLine(std::string(best.matched ? "1" : "0") + ';' + formatNumber(best.probability) + ';' +
+                      formatNumber(best.correlation) + ';' + keyOf(CQuorvexAPI::Success) + ';' +
+                      identification.best.fingerprintPath.toStdString());
+}
+
+std::shared_ptr<const CFingerprintLibrary> CIntegrationServer::cachedLibrary(const QString& folder)
+{
+    const QFileInfo info(folder);
+    if (folder.isEmpty() || !info.isDir())
+        return nullptr;
+    const QString canonical = info.canonicalFilePath();
+    // Looked at on every request: a fingerprint added, removed or replaced
+    // between requests is seen by the next one.
+    const QByteArray stamp = CFingerprintLibrary::folderStamp(canonical);
+    if (canonical == m_libraryFolder && stamp == m_libraryStamp)
+        return m_library;
+    m_library.reset();
+    QString error;
+    std::shared_ptr<const CFingerprintLibrary> library = CFingerprintLibrary::open(canonical, &error);
+    if (!library || library->usableCount() == 0)
+    {
+        QX_WARNING << "No usable fingerprint library in \"" << folder << "\": " << error;
+        library.reset();
+    }
+    m_libraryFolder = canonical;
+    m_libraryStamp = stamp;
+    m_library = library;
+    return m_library;
 }
 
 std::string CIntegrationServer::fingerprintStatusAnswer(const QStringList& fields)

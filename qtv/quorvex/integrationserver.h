@@ -1,6 +1,7 @@
 #pragma once
 
 #include "fingerprint.h"
+#include "fingerprintlibrary.h"
 
 #include <QSet>
 #include <QString>
@@ -18,6 +19,8 @@
 // that begin with the answer marker. One request at a time; the fingerprints
 // used by "match" are kept per file (the few most recent ones), and a path
 // whose fingerprint failed to load keeps failing for the life of the server.
+// "identify" keeps the library of the last folder it was asked about open
+// while that folder's fingerprint files stay as they were.
 class CIntegrationServer
 {
 public:
@@ -51,6 +54,8 @@ public:
 private:
     std::string matchAnswer(const QStringList& fields);
     std::string fingerprintStatusAnswer(const QStringList& fields);
+    std::string identifyAnswer(const QStringList& fields);
+    std::shared_ptr<const CFingerprintLibrary> cachedLibrary(const QString& folder);
     std::string overlongAnswer(const std::string& start) const;
     std::shared_ptr<CFingerprint> cachedFingerprint(const QString& path);
 
@@ -62,4 +67,9 @@ private:
     // Paths whose load failed, both as received and canonical: they keep
     // failing without a new attempt, even after the file appears or is fixed.
     QSet<QString> m_failed;
+    // The last library opened (null when it had no usable fingerprint), its
+    // folder's canonical path and the stamp of its files then.
+    QString m_libraryFolder;
+    QByteArray m_libraryStamp;
+    std::shared_ptr<const CFingerprintLibrary> m_library;
 };

@@ -21,9 +21,7 @@ void CMultipleThreadAnalyzer::CAnalyzerThread::run()
             return;
         emit m_analyzer->imageStarted(index);
         // No lock while matching: every worker matches on the one shared fingerprint.
-        const SAnalysisResult result = m_analyzer->m_fingerprint
-                                           ? m_analyzer->m_fingerprint->match(photo, m_analyzer->m_skipDifferentCamera)
-                                           : SAnalysisResult{false, 0.0, 0.0, qutils::CQuorvexAPI::CannotOpenFingerprint};
+        const SAnalysisResult result = m_analyzer->m_matcher(photo);
         const QString sha256 = m_analyzer->m_hashFiles ? qutils::fileSha256(photo.absoluteFilePath()) : QString();
         m_analyzer->store(index, result, sha256);
         emit m_analyzer->imageFinished(index);
@@ -33,7 +31,20 @@ void CMultipleThreadAnalyzer::CAnalyzerThread::run()
 CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files,
                                                  std::shared_ptr<const CFingerprint> fingerprint,
                                                  bool skipDifferentCamera, QObject* parent, int threadCount)
-    : QObject(parent), m_fingerprint(std::move(fingerprint)), m_skipDifferentCamera(skipDifferentCamera)
+    : CMultipleThreadAnalyzer(
+          files,
+          [fingerprint = std::move(fingerprint), skipDifferentCamera](const QFileInfo& photo)
+          {
+              return fingerprint ? fingerprint->match(photo, skipDifferentCamera)
+                                 : SAnalysisResult{false, 0.0, 0.0, qutils::CQuorvexAPI::CannotOpenFingerprint};
+          },
+          parent, threadCount)
+{
+}
+
+CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files, Matcher matcher, QObject* parent,
+                                                 int threadCount)
+    : QObject(parent), m_matcher(std::move(matcher))
 {
     m_slotOfIndex.reserve(files.size());
     m_slots.reserve(files.size());

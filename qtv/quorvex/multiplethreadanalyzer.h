@@ -11,12 +11,13 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 
-// Matches every photo of a list against one fingerprint on a fixed pool of
-// threads that take photos in list order from a shared index. Owns the
-// results, keyed by absolute path.
+// Matches every photo of a list against one fingerprint (or runs another
+// matcher on it) on a fixed pool of threads that take photos in list order
+// from a shared index. Owns the results, keyed by absolute path.
 //
 // Their storage is laid out once by the constructor, so a worker allocates
 // nothing per photo that outlives the photo: small long-lived allocations made
@@ -41,10 +42,14 @@ public:
     };
 
     using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
+    // Called on the pool's threads, several at once.
+    using Matcher = std::function<SAnalysisResult(const QFileInfo&)>;
 
     // threadCount 0: as many threads as the machine runs at once.
     CMultipleThreadAnalyzer(const QFileInfoList& files, std::shared_ptr<const CFingerprint> fingerprint,
                             bool skipDifferentCamera, QObject* parent = nullptr, int threadCount = 0);
+    CMultipleThreadAnalyzer(const QFileInfoList& files, Matcher matcher, QObject* parent = nullptr,
+                            int threadCount = 0);
     // Cancels and joins the pool: workers never outlive the analyzer.
     ~CMultipleThreadAnalyzer() override;
 
@@ -95,8 +100,7 @@ private:
     QVector<SSlot> m_slots;
     QHash<QString, int> m_slotOfPath;
     int m_analyzedCount = 0;
-    std::shared_ptr<const CFingerprint> m_fingerprint;
-    bool m_skipDifferentCamera;
+    Matcher m_matcher;
     bool m_hashFiles = false;
     mutable std::mutex m_resultsMutex;
     int m_finishedThreads = 0;

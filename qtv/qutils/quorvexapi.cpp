@@ -267,6 +267,38 @@ CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, 
     return result;
 }
 
+CQuorvexAPI::SAnalysisResult CQuorvexAPI::identify(const QString& libraryFolder, const QString& photoPath,
+                                                  QString* fingerprintPath)
+{
+    if (fingerprintPath)
+        fingerprintPath->clear();
+    SAnalysisResult result;
+    if (!sendable(libraryFolder) || !sendable(photoPath))
+    {
+        QX_WARNING << "Not sent: a path with ';' or a control character cannot travel in a request ("
+                   << (sendable(libraryFolder) ? photoPath : libraryFolder) << ")";
+        result.status = sendable(libraryFolder) ? BrokenImage : CannotOpenFingerprint;
+        return result;
+    }
+    // The fingerprint's path comes last, so a ';' in it stays in it.
+    const QStringList answer = request(
+        QStringLiteral("identify;") + libraryFolder + QLatin1Char(';') + photoPath + QLatin1Char('\n'),
+        [](const QStringList& fields)
+        { return fields.size() >= 5 && isInteger(fields[0]) && isNumber(fields[1]) && isNumber(fields[2]); });
+    if (answer.isEmpty())
+    {
+        result.status = Fatal;
+        return result;
+    }
+    result.matched = answer.value(0).toInt(nullptr, 10) != 0;
+    result.probability = answer.value(1).toDouble();
+    result.correlation = answer.value(2).toDouble();
+    result.status = statusFromKey(answer.value(3));
+    if (fingerprintPath)
+        *fingerprintPath = answer.mid(4).join(QLatin1Char(';'));
+    return result;
+}
+
 CQuorvexAPI::EStatus CQuorvexAPI::fingerprintStatus(const QString& fingerprintPath)
 {
     if (!sendable(fingerprintPath))

@@ -107,6 +107,12 @@ public:
     EStatus state() const { return m_state.load(); }
     SAnalysisResult match(const QString& fingerprintPath, const QString& photoPath);
     EStatus fingerprintStatus(const QString& fingerprintPath);
+    // Which fingerprint file of the folder (and its subfolders) matches the
+    // photo: the strongest match, or the nearest fingerprint when none
+    // matched, whose path goes to fingerprintPath (empty when the photo was
+    // compared with none). The status is 22 when the photo fits no fingerprint.
+    SAnalysisResult identify(const QString& libraryFolder, const QString& photoPath,
+                             QString* fingerprintPath = nullptr);
 
     // Where the client looks for the program; empty when it finds none.
     static QString findProgram();

@@ -8,6 +8,7 @@
 #include "constants.h"
 #include "fingerprint.h"
 #include "lumicrest.h"
+#include "lumicrest_identify.h"
 #include "status.h"
 
 #include <zlib.h>
@@ -16,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <string>
 #include <vector>
 
@@ -59,6 +61,19 @@ void throughCInterface(const std::string& path, std::vector<unsigned char>& byte
     if ((code == LUMICREST_OK) != (json != nullptr))
         broken("metadata answer and result value disagree");
     std::free(json);
+
+    // A library reads only the header when a digest is stored; with none it
+    // reads the whole file, and must then accept exactly what metadata does.
+    const wchar_t* paths[] = {wide.c_str()};
+    lumicrest_library_s* library = nullptr;
+    json = nullptr;
+    if (lumicrest_open_library(paths, 1, 0, &library, &json) != LUMICREST_OK || !library || !json)
+        broken("a library of one file did not open");
+    const bool usable = std::wcsstr(json, L"\"status\":200") != nullptr;
+    if (usable != (code == LUMICREST_OK))
+        broken("the library and the metadata disagree about a fingerprint");
+    std::free(json);
+    lumicrest_close_library(library);
 
     // A caller-built struct over the bytes, as the program hands a loaded file
     // to the engine; the photo is the fingerprint file itself, which is no

@@ -2,6 +2,7 @@
 // known: learning, analysis with its JSON, CSV and table outputs, exit codes,
 // interruption and the demo; plus the small formatting pieces directly.
 #include "commandline.h"
+#include "identifyformat.h"
 #include "learnjob.h"
 #include "photoinputs.h"
 #include "progressline.h"
@@ -15,6 +16,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QMap>
@@ -628,6 +630,9 @@ TEST_F(CliTest, UsageErrorsExitWithOne)
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("--json"), refs},
         {QStringLiteral("analyze"), QStringLiteral("-f"), fp, QStringLiteral("-o"), path(QStringLiteral("y")),
          refs},
+        {QStringLiteral("identify"), s_questionedFolder},
+        {QStringLiteral("identify"), QStringLiteral("--library"), refs},
+        {QStringLiteral("identify"), QStringLiteral("--library"), refs, QStringLiteral("-f"), fp, refs},
         {QStringLiteral("info")},
         {QStringLiteral("info"), fp, fp},
         {QStringLiteral("info"), QStringLiteral("--json=yes"), fp},
@@ -1236,6 +1241,9 @@ TEST_F(CliTest, HelpExplainsEveryOption)
                              "analyze",
                              "merge",
                              "--shard",
+                             "identify",
+                             "--library",
+                             "false-alarm rate per photo",
                              "info",
                              "demo",
                              "validate",
@@ -1266,6 +1274,121 @@ TEST_F(CliTest, HelpExplainsEveryOption)
     const SRun version = run({QStringLiteral("--version")});
     EXPECT_EQ(version.exitCode, 0);
     EXPECT_EQ(version.out, QStringLiteral("quorvex-cli 2.0.0\n"));
+}
+
+// A library of four cameras (A and B of one make and model, C of another,
+// and a damaged file) and photos of A, B, a camera outside the library and a
+// larger sensor.
+TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
+{
+    const QDir library(path(QStringLiteral("library")));
+    ASSERT_TRUE(library.mkpath(QStringLiteral("sub")));
+    ASSERT_TRUE(QFile::copy(s_fingerprint, library.filePath(QStringLiteral("camera-a.fnp"))));
+    camsim::CameraConfig otherModel = unit(3);
+    otherModel.model = "QX-7";
+    const struct
+    {
+        camsim::CameraConfig camera;
+        const char* fingerprint;
+    } learned[] = {{unit(2), "sub/camera-b.fnp"}, {otherModel, "camera-c.fnp"}};
+    for (const auto& camera : learned)
+    {
+        const QString refs = path(QStringLiteral("refs-") + QString::fromLatin1(camera.fingerprint).section(QLatin1Char('/'), -1));
+        ASSERT_TRUE(QDir().mkpath(refs));
+        for (int i = 0; i < 3; ++i)
+            shoot(camsim::Camera(camera.camera), camsim::SceneKind::Natural, 70 + static_cast<uint64_t>(i),
+                  QDir(refs).filePath(QStringLiteral("r%1.jpg").arg(i)));
+        ASSERT_EQ(run({QStringLiteral("learn"), QStringLiteral("-o"),
+                       library.filePath(QString::fromLatin1(camera.fingerprint)), refs})
+                      .exitCode,
+                  0);
+    }
+    const QString damaged = library.filePath(QStringLiteral("sub/damaged.fnp"));
+    writeBytes(damaged, readBytes(s_fingerprint).left(4000));
+    const QString stranger = path(QStringLiteral("stranger.jpg"));
+    shoot(camsim::Camera(unit(4)), camsim::SceneKind::Natural, 31, stranger);
+
+    const QString a = library.filePath(QStringLiteral("camera-a.fnp"));
+    const QString b = library.filePath(QStringLiteral("sub/camera-b.fnp"));
+    const struct
+    {
+        QString photo;
+        QString camera; // empty: none matches
+        QString status;
+        int compared;
+        QString table;
+    } expected[] = {
+        {s_questioned.at(0), a, QStringLiteral("success"), 3, QStringLiteral(": camera-a.fnp (")},
+        {s_questioned.at(3), b, QStringLiteral("success"), 3, QStringLiteral(": camera-b.fnp (")},
+        {stranger, QString(), QStringLiteral("success"), 3, QStringLiteral(": no camera in the library")},
+        {path(QStringLiteral("extra/larger.jpg")), QString(), QStringLiteral("imagefingerprintinconsistentsize"), 0,
+         QStringLiteral(": not compared: ")},
+    };
+    QStringList arguments = {QStringLiteral("identify"), QStringLiteral("--library"), library.path(),
+                             QStringLiteral("--json"), QStringLiteral("-")};
+    for (const auto& photo : expected)
+        arguments << photo.photo;
+    const SRun json = run(arguments);
+    ASSERT_EQ(json.exitCode, 0) << json.err.toStdString();
+    EXPECT_TRUE(json.err.contains(QStringLiteral("damaged.fnp"))) << "named, not dropped: " << json.err.toStdString();
+    const QStringList keys = {QStringLiteral("path"),   QStringLiteral("sha256"), QStringLiteral("compared"),
+                              QStringLiteral("matches"), QStringLiteral("status"), QStringLiteral("reason"),
+                              QStringLiteral("best"),   QStringLiteral("index"),  QStringLiteral("total")};
+    const QStringList jsonLines = lines(json.out);
+    ASSERT_EQ(jsonLines.size(), 4) << json.out.toStdString();
+    arguments.removeAt(3);
+    arguments.removeAt(3);
+    const QStringList table = lines(run(arguments).out);
+    for (int i = 0; i < 4; ++i)
+    {
+        const auto& want = expected[i];
+        SCOPED_TRACE(want.photo.toStdString());
+        const QJsonObject o = QJsonDocument::fromJson(jsonLines.at(i).toUtf8()).object();
+        int at = 0;
+        for (const QString& key : keys)
+        {
+            const int next = jsonLines.at(i).indexOf(QLatin1Char('"') + key + QStringLiteral("\":"), at);
+            EXPECT_GE(next, at) << key.toStdString() << " missing or out of order";
+            at = qMax(at, next);
+        }
+        EXPECT_EQ(o.keys().size(), keys.size());
+        EXPECT_EQ(o.value(QStringLiteral("path")).toString(), QFileInfo(want.photo).absoluteFilePath());
+        EXPECT_EQ(o.value(QStringLiteral("index")).toInt(-1), i);
+        EXPECT_EQ(o.value(QStringLiteral("total")).toInt(), 4);
+        EXPECT_EQ(o.value(QStringLiteral("status")).toString(), want.status);
+        EXPECT_EQ(o.value(QStringLiteral("compared")).toInt(-1), want.compared);
+        EXPECT_EQ(o.value(QStringLiteral("sha256")).toString().size(), 64);
+        const QJsonArray matches = o.value(QStringLiteral("matches")).toArray();
+        if (want.camera.isEmpty())
+        {
+            EXPECT_TRUE(matches.isEmpty()) << jsonLines.at(i).toStdString();
+        }
+        else
+        {
+            ASSERT_EQ(matches.size(), 1) << jsonLines.at(i).toStdString();
+            const QJsonObject match = matches.at(0).toObject();
+            EXPECT_EQ(match.value(QStringLiteral("fingerprint")).toString(), want.camera);
+            EXPECT_GE(match.value(QStringLiteral("pce")).toDouble(), 60.0);
+            EXPECT_TRUE(MatchClasses.contains(match.value(QStringLiteral("class")).toString()));
+            EXPECT_EQ(o.value(QStringLiteral("best")).toObject(), match) << "the strongest match is the best";
+        }
+        if (want.compared == 0)
+            EXPECT_TRUE(o.value(QStringLiteral("best")).isNull()) << "no nearest camera without a comparison";
+        ASSERT_GT(table.size(), i + 1);
+        EXPECT_TRUE(table.at(i + 1).startsWith(want.photo + want.table)) << table.at(i + 1).toStdString();
+    }
+    EXPECT_TRUE(table.contains(QStringLiteral("Photos identified: 2")));
+    EXPECT_TRUE(table.contains(QStringLiteral("No camera in the library: 1")));
+    EXPECT_TRUE(table.contains(QStringLiteral("Not compared: 1")));
+
+    // A folder without a usable fingerprint is a failure, as an unreadable fingerprint is for analyze.
+    for (const QString& folder : {path(QStringLiteral("empty")), path(QStringLiteral("no-such-library"))})
+    {
+        const SRun none = run({QStringLiteral("identify"), QStringLiteral("--library"), folder, s_questioned.at(0)});
+        EXPECT_EQ(none.exitCode, 2) << folder.toStdString();
+        EXPECT_TRUE(none.out.isEmpty());
+        EXPECT_TRUE(none.err.contains(folder)) << none.err.toStdString();
+    }
 }
 
 TEST_F(CliTest, DemoClassifiesEveryPhotoRight)
@@ -1573,6 +1696,91 @@ TEST(CliFormat, OutcomesOfEveryKind)
               QStringList({QStringLiteral("Photos analyzed: 3/4"), QStringLiteral("Fingerprints found: 0"),
                            QStringLiteral("Fingerprints not found: 1"), QStringLiteral("Not compared: 2"),
                            QStringLiteral("Time elapsed: 6.00 s"), QStringLiteral("Average time per image: 2.00 s")}));
+}
+
+// The engine's answer about one photo, through the library's reading, to the
+// verdict in the table, the JSON line and the CSV rows.
+TEST(CliFormat, IdentificationsOfEveryKind)
+{
+    using qutils::CQuorvexAPI;
+    const QStringList library = {QStringLiteral("/l/a.fnp"), QStringLiteral("/l/b,c.fnp")};
+    const QString entryB = QStringLiteral("{\"index\":1,\"sensor_matched\":1,\"probability\":0.996,\"corr\":0.1,"
+                                          "\"pce\":250,\"scale\":0.5,\"orientation\":90}");
+    const QString entryA = QStringLiteral("{\"index\":0,\"sensor_matched\":1,\"probability\":0.9999,\"corr\":0.2,"
+                                          "\"pce\":900,\"scale\":1,\"orientation\":0}");
+    const QString nearA = QStringLiteral("{\"index\":0,\"sensor_matched\":0,\"probability\":0.3,\"pce\":7.5}");
+    const struct
+    {
+        CQuorvexAPI::EStatus engineStatus;
+        QString answer;
+        QString verdict;
+        CQuorvexAPI::EStatus status;
+        int csvRows;
+    } cases[] = {
+        // Strongest first whatever the engine's order; an index outside the library is dropped.
+        {CQuorvexAPI::Success,
+         QStringLiteral("{\"compared\":2,\"reason\":\"\",\"matches\":[%1,%2,{\"index\":2,\"sensor_matched\":1,"
+                        "\"pce\":5000}],\"best\":%2}")
+             .arg(entryB, entryA),
+         QStringLiteral("a.fnp (very high, PCE 900.0), b,c.fnp (high, PCE 250.0)"), CQuorvexAPI::Success, 2},
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":2,\"matches\":[],\"best\":%1}").arg(nearA),
+         QStringLiteral("no camera in the library (nearest a.fnp, PCE 7.5)"), CQuorvexAPI::Success, 1},
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":2,\"matches\":[],\"best\":null}"),
+         QStringLiteral("no camera in the library"), CQuorvexAPI::Success, 1},
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":0,\"reason\":\"/q/p.jpg: size\",\"matches\":[]}"),
+         QStringLiteral("not compared: the photo's size fits the fingerprint at no orientation and scale tried"),
+         CQuorvexAPI::ImageFingerprintInconsistentSize, 1},
+        // Compared with nothing is never "no camera", even without a reason.
+        {CQuorvexAPI::Success, QStringLiteral("{\"compared\":0,\"matches\":[],\"best\":%1}").arg(nearA),
+         QStringLiteral("not compared: no fingerprint of the library could be compared with it"),
+         CQuorvexAPI::ImageFingerprintInconsistentSize, 1},
+        {CQuorvexAPI::BrokenImage, QStringLiteral("{\"reason\":\"/q/p.jpg: JPEG truncated\",\"matches\":[%1]}").arg(entryA),
+         QStringLiteral("failed: File cannot be opened (JPEG truncated)"), CQuorvexAPI::BrokenImage, 1},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.answer.toStdString());
+        cli::SIdentifiedPhoto photo;
+        photo.outcome.path = QStringLiteral("q/p.jpg");
+        photo.outcome.absolutePath = QStringLiteral("/q/p.jpg");
+        photo.outcome.processed = true;
+        photo.index = 3;
+        photo.total = 9;
+        photo.identification =
+            CFingerprintLibrary::readAnswer(c.engineStatus, c.answer, QStringLiteral("/q/p.jpg"), library);
+        EXPECT_EQ(photo.identification.status, c.status);
+        EXPECT_EQ(cli::identifyTableLine(photo), QStringLiteral("q/p.jpg: ") + c.verdict);
+        const QStringList rows = cli::identifyCsvRows(photo);
+        EXPECT_EQ(rows.size(), c.csvRows);
+        for (const QString& row : rows)
+            EXPECT_TRUE(row.endsWith(QStringLiteral(",3,9"))) << row.toStdString();
+        const QJsonObject o = QJsonDocument::fromJson(cli::identifyJsonLine(photo).toUtf8()).object();
+        EXPECT_EQ(o.value(QStringLiteral("matches")).toArray().size(), photo.identification.matches.size());
+        if (c.status != CQuorvexAPI::Success)
+            EXPECT_TRUE(o.value(QStringLiteral("best")).isNull());
+    }
+    cli::SIdentifiedPhoto first;
+    first.identification = CFingerprintLibrary::readAnswer(CQuorvexAPI::Success, cases[0].answer, QString(), library);
+    first.outcome.processed = true;
+    EXPECT_TRUE(cli::identifyJsonLine(first).contains(
+        QStringLiteral("\"best\":{\"fingerprint\":\"/l/a.fnp\",\"pce\":900,\"probability\":0.9999,"
+                       "\"class\":\"very high\",\"scale\":1,\"orientation\":0}")));
+    EXPECT_EQ(cli::identifyCsvRows(first).at(1),
+              QStringLiteral(",,2,\"/l/b,c.fnp\",250,0.996,high,0.5,90,success,,0,0"));
+
+    // Never reached: no comparison, no camera, and counted apart.
+    cli::SIdentifiedPhoto interrupted;
+    interrupted.outcome.absolutePath = QStringLiteral("/q/p.jpg");
+    interrupted.outcome.reason = QStringLiteral("the analysis was interrupted");
+    interrupted.identification = first.identification;
+    EXPECT_EQ(cli::identifyJsonLine(interrupted),
+              QStringLiteral("{\"path\":\"/q/p.jpg\",\"sha256\":null,\"compared\":0,\"matches\":[],"
+                             "\"status\":\"invalid\",\"reason\":\"the analysis was interrupted\",\"best\":null,"
+                             "\"index\":0,\"total\":0}"));
+    EXPECT_EQ(cli::identifySummaryLines({first, interrupted}, 1.0).mid(0, 5),
+              QStringList({QStringLiteral("Photos identified: 1"), QStringLiteral("No camera in the library: 0"),
+                           QStringLiteral("Not compared: 0"), QStringLiteral("Failed: 0"),
+                           QStringLiteral("Not processed: 1")}));
 }
 
 TEST(CliFormat, ValidationStatistics)

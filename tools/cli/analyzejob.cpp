@@ -23,9 +23,24 @@ constexpr int TickMs = 100;
 
 CAnalyzeJob::CAnalyzeJob(const QFileInfoList& photos, std::shared_ptr<const CFingerprint> fingerprint,
                          bool skipDifferentCamera, int threadCount, QObject* parent)
-    : QObject(parent), m_analyzer(new CMultipleThreadAnalyzer(photos, std::move(fingerprint),
-                                                              skipDifferentCamera, this, threadCount))
+    : CAnalyzeJob(photos,
+                  new CMultipleThreadAnalyzer(photos, std::move(fingerprint), skipDifferentCamera, nullptr, threadCount),
+                  true, parent)
 {
+}
+
+CAnalyzeJob::CAnalyzeJob(const QFileInfoList& photos, std::function<SAnalysisResult(const QFileInfo&)> matcher,
+                         int threadCount, QObject* parent)
+    : CAnalyzeJob(photos, new CMultipleThreadAnalyzer(photos, std::move(matcher), nullptr, threadCount), false,
+                  parent)
+{
+}
+
+CAnalyzeJob::CAnalyzeJob(const QFileInfoList& photos, CMultipleThreadAnalyzer* analyzer, bool singleFingerprint,
+                         QObject* parent)
+    : QObject(parent), m_analyzer(analyzer), m_singleFingerprint(singleFingerprint)
+{
+    m_analyzer->setParent(this);
     for (const QFileInfo& photo : photos)
     {
         SPhotoOutcome outcome;
@@ -90,7 +105,7 @@ void CAnalyzeJob::onImageFinished(int index)
     outcome.result = m_analyzer->result(outcome.absolutePath);
     // The engine refuses fingerprint bytes it cannot read for every photo
     // alike: the run stops, and no photo is reported as if it had been judged.
-    if (outcome.result.status == CQuorvexAPI::CannotOpenFingerprint)
+    if (m_singleFingerprint && outcome.result.status == CQuorvexAPI::CannotOpenFingerprint)
     {
         m_fingerprintUnreadable = true;
         m_analyzer->cancel();

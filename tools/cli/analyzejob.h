@@ -20,17 +20,22 @@ class CProgressLine;
 
 // One analysis from the command line: the analyzer pool of the program, its
 // results handed out in list order, progress on standard error, and Ctrl-C
-// turned into the analyzer's cancel.
+// turned into the analyzer's cancel. The pool matches against one
+// fingerprint, or runs the caller's matcher (identification).
 class CAnalyzeJob : public QObject
 {
     Q_OBJECT
 
 public:
     using OutcomeHandler = std::function<void(const SPhotoOutcome&)>;
+    using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
 
     // threadCount 0: one thread per core.
     CAnalyzeJob(const QFileInfoList& photos, std::shared_ptr<const CFingerprint> fingerprint,
                 bool skipDifferentCamera, int threadCount, QObject* parent = nullptr);
+    // The matcher runs on the pool's threads, several at once.
+    CAnalyzeJob(const QFileInfoList& photos, std::function<SAnalysisResult(const QFileInfo&)> matcher,
+                int threadCount, QObject* parent = nullptr);
     ~CAnalyzeJob() override;
 
     // Gets every photo exactly once, in list order: each as soon as it and
@@ -59,6 +64,8 @@ public:
     bool fingerprintUnreadable() const { return m_fingerprintUnreadable; }
 
 private:
+    CAnalyzeJob(const QFileInfoList& photos, CMultipleThreadAnalyzer* analyzer, bool singleFingerprint,
+                QObject* parent);
     void onImageFinished(int index);
     void onFinished();
     void onTick();
@@ -79,6 +86,8 @@ private:
     int m_interruptBaseline = -1;
     bool m_interrupted = false;
     bool m_fingerprintUnreadable = false;
+    // Only one fingerprint's refusal stops the whole run.
+    bool m_singleFingerprint = true;
     double m_seconds = 0.0;
 };
 

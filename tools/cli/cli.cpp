@@ -76,6 +76,8 @@ int runCli(const QStringList& arguments)
         return runValidate(commandLine);
     case ECommand::Merge:
         return runMerge(commandLine);
+    case ECommand::Identify:
+        return runIdentify(commandLine);
     default:
         break;
     }

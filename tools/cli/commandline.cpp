@@ -160,6 +160,13 @@ QList<SOption> optionsFor(ECommand command)
             json,
             report,
         };
+    case ECommand::Identify:
+        return {
+            {{QStringLiteral("--library")},
+             true,
+             [](SCommandLine& c, const QString& v) { return storeText(c.libraryFolder, v); }},
+            recursive, threads, scaleSearch, json, csv, report, caseNumber, examiner, notes, shard,
+        };
     case ECommand::Demo:
         return {
             {{QStringLiteral("--out")},
@@ -194,6 +201,14 @@ QString checkComplete(const QString& name, SCommandLine& c)
             return QStringLiteral("'analyze' needs -f FILE.fnp: the fingerprint to match against");
         if (c.paths.isEmpty())
             return QStringLiteral("'analyze' needs at least one PATH: questioned photos or folders");
+        if (!c.csvFile.isEmpty() && c.csvFile == c.jsonFile)
+            return QStringLiteral("--json and --csv cannot write to the same file");
+        return QString();
+    case ECommand::Identify:
+        if (c.libraryFolder.isEmpty())
+            return QStringLiteral("'identify' needs --library DIR: the folder of fingerprint files");
+        if (c.paths.isEmpty())
+            return QStringLiteral("'identify' needs at least one PATH: questioned photos or folders");
         if (!c.csvFile.isEmpty() && c.csvFile == c.jsonFile)
             return QStringLiteral("--json and --csv cannot write to the same file");
         return QString();
@@ -255,9 +270,11 @@ SCommandLine parseCommandLine(const QStringList& arguments)
         result.command = ECommand::Validate;
     else if (name == QLatin1String("merge"))
         result.command = ECommand::Merge;
+    else if (name == QLatin1String("identify"))
+        result.command = ECommand::Identify;
     else if (name.startsWith(QLatin1Char('-')))
-        return failed(
-            QStringLiteral("unknown option '%1'; a command (learn, analyze, merge, info, demo, validate) comes first")
+        return failed(QStringLiteral(
+            "unknown option '%1'; a command (learn, analyze, identify, merge, info, demo, validate) comes first")
                 .arg(name));
     else
         return failed(QStringLiteral("unknown command '%1'").arg(name));
@@ -353,6 +370,10 @@ QString helpText()
         "                      [--notes TEXT] [--shard K/N] PATH...\n"
         "  quorvex-cli merge   [--json FILE|-] [--csv FILE] [--report FILE.pdf] [--case TEXT]\n"
         "                      [--examiner TEXT] [--notes TEXT] SHARD.jsonl...\n"
+        "  quorvex-cli identify --library DIR [--recursive] [--threads N]\n"
+        "                      [--scale-search full|sized|off] [--json FILE|-] [--csv FILE]\n"
+        "                      [--report FILE.pdf] [--case TEXT] [--examiner TEXT]\n"
+        "                      [--notes TEXT] [--shard K/N] PATH...\n"
         "  quorvex-cli info    [--json] FILE.fnp\n"
         "  quorvex-cli demo    [--out DIR]\n"
         "  quorvex-cli validate [--variants] [--json FILE] [--report FILE.pdf] [--threads N]\n"
@@ -432,6 +453,29 @@ QString helpText()
         "The paths in the table are relative to the working folder when below it.\n"
         "  --json FILE|-, --csv FILE, --report FILE.pdf, --case, --examiner, --notes\n"
         "                             as for analyze\n"
+        "identify: which of many cameras took each photo. Compares every photo with every\n"
+        "fingerprint file (.fnp) in DIR and its subfolders and prints, per photo in input\n"
+        "order, the matching camera(s) (fingerprint file, class, PCE), 'no camera in the\n"
+        "library' (compared with at least one fingerprint, none matched; the nearest one is\n"
+        "named), 'not compared: <reason>' (its size fits no fingerprint), or why it failed;\n"
+        "then the counts. Comparing one photo with N fingerprints multiplies the chance of a\n"
+        "chance match, so the PCE is corrected for every fingerprint and position tried,\n"
+        "keeping the false-alarm rate per photo that of a single comparison. Fingerprint\n"
+        "files that cannot be used are named in a warning and left out; with none usable\n"
+        "the command fails. Digests of the fingerprints are saved beside them (<file>.digest)\n"
+        "where the folder can be written, so later runs start faster.\n"
+        "  --library DIR              the folder of fingerprint files (required)\n"
+        "  -r, --recursive, --threads N, --scale-search, --report FILE.pdf, --case,\n"
+        "  --examiner, --notes        as for analyze\n"
+        "  --json FILE|-              one JSON object per photo and line; keys: path, sha256,\n"
+        "                             compared (fingerprints compared), matches (strongest\n"
+        "                             first; each fingerprint, pce, probability, class, scale,\n"
+        "                             orientation), status, reason, best (the nearest\n"
+        "                             fingerprint, matching or not, the same keys; null when\n"
+        "                             none was compared), index (0-based place of the photo in\n"
+        "                             the input) and total (photos in the input)\n"
+        "  --csv FILE                 one row per photo and matching fingerprint (one row with\n"
+        "                             an empty fingerprint when none matched)\n"
         "\n"
         "info: prints the properties of a fingerprint file.\n"
         "  --json                     as one JSON object keyed by property\n"
@@ -473,10 +517,10 @@ QString helpText()
         "  --version                  show the version\n"
         "\n"
         "Progress goes to standard error: one updating line on a terminal, otherwise a line\n"
-        "every few seconds. Ctrl-C (or SIGTERM) during 'analyze' stops after the photos being\n"
-        "analyzed and writes the results so far, the rest as not processed; during 'validate'\n"
-        "it stops after the photos being matched (or the device being learned) and removes\n"
-        "the temporary files.\n"
+        "every few seconds. Ctrl-C (or SIGTERM) during 'analyze' or 'identify' stops after the\n"
+        "photos being analyzed and writes the results so far, the rest as not processed; during\n"
+        "'validate' it stops after the photos being matched (or the device being learned) and\n"
+        "removes the temporary files.\n"
         "\n"
         "Exit codes: 0 done, 1 usage error, 2 failure, 130 interrupted.\n");
 }

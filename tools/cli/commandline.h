@@ -17,6 +17,7 @@ enum class ECommand
     Demo,
     Validate,
     Merge,
+    Identify,
 };
 
 // The exit codes scripts rely on.
@@ -57,6 +58,7 @@ struct SCommandLine
     QString notes;         // analyze --notes
     int shardNumber = 1;   // --shard K/N: K, from 1
     int shardCount = 1;    // N; 1: the whole list
+    QString libraryFolder; // identify --library
 };
 
 // Parses the arguments without the program's name. A --scale-search value is

@@ -2,6 +2,7 @@
 
 #include "commandline.h"
 #include "fingerprint.h"
+#include "fingerprintlibrary.h"
 #include "resultformat.h"
 
 #include <QFileInfoList>
@@ -16,6 +17,7 @@ int runInfo(const SCommandLine& commandLine);
 int runDemo(const SCommandLine& commandLine);
 int runValidate(const SCommandLine& commandLine);
 int runMerge(const SCommandLine& commandLine);
+int runIdentify(const SCommandLine& commandLine);
 
 // Learns from the photos into target and prints the fingerprint's properties;
 // shared by 'learn' and 'demo'.
@@ -27,6 +29,13 @@ int writeReport(const QList<SPhotoOutcome>& outcomes, const QString& fingerprint
                 const CFingerprint::Properties& properties, const QString& photosFolder, const QString& reportPath,
                 const QString& caseNumber = QString(), const QString& examiner = QString(),
                 const QString& notes = QString());
+
+struct SIdentifiedPhoto;
+// Writes the PDF report of an identification: the library, the method, a row
+// per photo with its verdict.
+int writeIdentifyReport(const QList<SIdentifiedPhoto>& photos, const CFingerprintLibrary& library,
+                        const QString& reportPath, const QString& caseNumber, const QString& examiner,
+                        const QString& notes);
 
 // The whole tool: parses the arguments and runs the command.
 int runCli(const QStringList& arguments);
