@@ -3,10 +3,12 @@
 // of one identification against one match.
 //
 //   bench_identify [--work DIR] [--size WxH] [--cameras N] [--photos N] [--refs N] [--outside N]
-//                  [--full-every N] [--realset DIR]
+//                  [--full-every N] [--pass 0|1] [--realset DIR]
 #include "camsim/camera.h"
 #include "camsim/profiles.h"
+#include "constants.h"
 #include "identify.h"
+#include "timing.h"
 #include "lumicrest.h"
 #include "lumicrest_identify.h"
 
@@ -40,6 +42,7 @@ struct Options
     int photos = 20;
     int refs = 6;
     int outside = 10;
+    bool pass = true;  // false: the cost measurement only
     int fullEvery = 1; // every how many photos the full pass is compared (it costs a full PCE per fingerprint)
 };
 
@@ -171,6 +174,8 @@ struct Questioned
 struct PassReport
 {
     double trueZMin = 1e300;
+    double matchedTrueZMin = 1e300; // among true pairs whose photo matches its fingerprint on its own
+    std::vector<double> falseZ;
     double falseZMax = -1e300;
     long long falseAbove = 0;
     long long falsePairs = 0;
@@ -192,6 +197,14 @@ struct PassReport
                     what, trueZMin, falseZMax, falseAbove, falsePairs,
                     falsePairs ? 100.0 * static_cast<double>(falseAbove) / static_cast<double>(falsePairs) : 0.0,
                     photos ? static_cast<double>(tried) / photos : 0.0, missed, fullCompared);
+        std::printf("%s: digest z of true pairs that match on their own: min %.2f\n", what, matchedTrueZMin);
+        std::printf("%s: false pairs at or above a margin of", what);
+        for (double margin : {1.5, 2.0, 2.5, 3.0, 3.5})
+        {
+            const auto n = std::count_if(falseZ.begin(), falseZ.end(), [&](double z) { return z >= margin; });
+            std::printf(" %.1f: %.2f%%;", margin, falseZ.empty() ? 0.0 : 100.0 * static_cast<double>(n) / falseZ.size());
+        }
+        std::printf("\n");
     }
 };
 
@@ -240,8 +253,9 @@ PassReport runPass(const std::vector<std::string>& fingerprints, const std::vect
             else
             {
                 report.falseZMax = std::max(report.falseZMax, z);
+                report.falseZ.push_back(z);
                 ++report.falsePairs;
-                report.falseAbove += z >= 2.0 ? 1 : 0; // the margin in force, see constants.h
+                report.falseAbove += z >= lumicrest::constants::DigestMargin ? 1 : 0;
             }
         }
         if (q.camera >= 0)
@@ -250,7 +264,10 @@ PassReport runPass(const std::vector<std::string>& fingerprints, const std::vect
             if (!fp)
                 fp = std::make_unique<FileFingerprint>(fingerprints[static_cast<size_t>(q.camera)]);
             ++report.ownPairs;
-            report.ownMatched += jsonNumber(matchJson(fp->fp, q.path), "sensor_matched") == 1.0;
+            const bool matched = jsonNumber(matchJson(fp->fp, q.path), "sensor_matched") == 1.0;
+            report.ownMatched += matched;
+            if (matched && !std::isnan(id.digestZ[static_cast<size_t>(q.camera)]))
+                report.matchedTrueZMin = std::min(report.matchedTrueZMin, id.digestZ[static_cast<size_t>(q.camera)]);
         }
     }
     lumicrest_close_library(full);
@@ -314,8 +331,8 @@ void simulated(const Options& o)
     });
     std::printf("cameras and photos ready in %.1f s\n", seconds(made));
 
-    const PassReport report = runPass(fingerprints, photos, o.fullEvery);
-    report.print("simulated");
+    if (o.pass)
+        runPass(fingerprints, photos, o.fullEvery).print("simulated");
 
     // Cost, single thread, one photo of the library's size.
     const std::string photo = photos.front().path;
@@ -326,18 +343,36 @@ void simulated(const Options& o)
     for (int r = 0; r < Repeats; ++r)
         matchJson(own.fp, photo);
     const double matchSeconds = seconds(t) / Repeats;
+    std::printf("timing (single thread)...\n");
+    // Digests written beside the fingerprints, so that opening reads them.
+    lumicrest_close_library(openLibrary(fingerprints, LUMICREST_LIBRARY_WRITE_DIGESTS));
+    t = Clock::now();
     lumicrest_library_s* library = openLibrary(fingerprints, 0);
+    const double open = seconds(t);
     t = Clock::now();
     identifyJson(library, photo);
     const double cold = seconds(t);
+    // Warm: the candidates of these photos are in the cache after a first round.
+    std::vector<std::string> timed;
+    for (int r = 0; r < 10 && r < o.cameras; ++r)
+        timed.push_back(photos[static_cast<size_t>(r * o.photos)].path);
+    for (const std::string& p : timed)
+        identifyJson(library, p);
+    lumicrest::threadStageTimes() = lumicrest::StageTimes();
     t = Clock::now();
-    for (int r = 0; r < Repeats; ++r)
-        identifyJson(library, photos[static_cast<size_t>(r * o.photos)].path);
-    const double warm = seconds(t) / Repeats;
-    lumicrest_close_library(library);
-    t = Clock::now();
-    library = openLibrary(fingerprints, 0);
-    const double open = seconds(t);
+    for (const std::string& p : timed)
+        identifyJson(library, p);
+    const double warm = seconds(t) / static_cast<double>(timed.size());
+    const char* stages[] = {"decode", "wavelet", "zero-mean", "wiener", "fft", "correlation", "pce"};
+    double staged = 0.0;
+    std::printf("warm identify per photo by stage:");
+    for (int i = 0; i < static_cast<int>(lumicrest::Stage::Count); ++i)
+    {
+        const double s = lumicrest::threadStageTimes().seconds[i] / static_cast<double>(timed.size());
+        staged += s;
+        std::printf(" %s %.3f;", stages[i], s);
+    }
+    std::printf(" other (digest pass, turning, loading) %.3f s\n", warm - staged);
     lumicrest_close_library(library);
     std::printf("cost: one match %.3f s; one identify against %d fingerprints %.3f s warm (%.2fx), %.3f s cold "
                 "(first photo); opening the library (digests read) %.3f s\n",
@@ -413,6 +448,8 @@ int main(int argc, char** argv)
             o.photos = std::atoi(value);
         else if (key == "--refs")
             o.refs = std::atoi(value);
+        else if (key == "--pass")
+            o.pass = std::atoi(value) != 0;
         else if (key == "--full-every")
             o.fullEvery = std::max(1, std::atoi(value));
         else if (key == "--outside")
