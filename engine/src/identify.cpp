@@ -219,7 +219,8 @@ FingerprintCache::~FingerprintCache()
     MemoryBudget::instance().discharge(m_held);
 }
 
-std::shared_ptr<FingerprintCache::Slot> FingerprintCache::claim(size_t index, bool& mine)
+std::shared_ptr<FingerprintCache::Slot> FingerprintCache::claim(
+    size_t index, bool& mine, std::shared_future<std::shared_ptr<LoadedFingerprint>>& value)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto it = m_slots.begin(); it != m_slots.end(); ++it)
@@ -227,19 +228,16 @@ std::shared_ptr<FingerprintCache::Slot> FingerprintCache::claim(size_t index, bo
         {
             m_slots.splice(m_slots.begin(), m_slots, it);
             mine = false;
+            value = m_slots.front()->value;
             return m_slots.front();
         }
     auto slot = std::make_shared<Slot>();
     slot->index = index;
     slot->value = slot->promise.get_future().share();
+    value = slot->value;
     m_slots.push_front(slot);
     mine = true;
     return slot;
-}
-
-std::shared_ptr<LoadedFingerprint> FingerprintCache::wait(const std::shared_ptr<Slot>& slot)
-{
-    return slot->value.get(); // rethrows a failed load
 }
 
 void FingerprintCache::loaded(const std::shared_ptr<Slot>& slot, std::shared_ptr<LoadedFingerprint> fingerprint)

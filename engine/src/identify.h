@@ -54,10 +54,12 @@ public:
 
 private:
     struct Slot;
-    std::shared_ptr<Slot> claim(size_t index, bool& mine);
+    // The slot of index, made (mine) when there is none; `value` is the
+    // caller's own copy of its future, as each waiting thread needs one.
+    std::shared_ptr<Slot> claim(size_t index, bool& mine,
+                                std::shared_future<std::shared_ptr<LoadedFingerprint>>& value);
     void loaded(const std::shared_ptr<Slot>& slot, std::shared_ptr<LoadedFingerprint> fingerprint);
     void failed(const std::shared_ptr<Slot>& slot, std::exception_ptr error);
-    static std::shared_ptr<LoadedFingerprint> wait(const std::shared_ptr<Slot>& slot);
 
     std::mutex m_mutex;
     std::list<std::shared_ptr<Slot>> m_slots;
@@ -69,9 +71,10 @@ template <class Load>
 std::shared_ptr<LoadedFingerprint> FingerprintCache::get(size_t index, Load&& load)
 {
     bool mine = false;
-    const std::shared_ptr<Slot> slot = claim(index, mine);
+    std::shared_future<std::shared_ptr<LoadedFingerprint>> value;
+    const std::shared_ptr<Slot> slot = claim(index, mine, value);
     if (!mine)
-        return wait(slot);
+        return value.get(); // rethrows a failed load
     try
     {
         std::shared_ptr<LoadedFingerprint> fingerprint = load();
