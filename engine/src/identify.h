@@ -36,7 +36,8 @@ double digestZ(const Digest& digest, const Plane& x);
 // is a regular file in our format belonging to this checksum and size.
 bool readDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height, Digest& out);
 // Written through "<path>.part" and a rename; false on any failure.
-bool writeDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height, const Digest& digest);
+bool writeDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height,
+                 const Digest& digest);
 
 // Loaded fingerprints (K with its spectrum), most recent first, within a byte
 // cap charged to the memory budget. Only the bookkeeping is locked: a load
@@ -49,8 +50,7 @@ public:
     FingerprintCache(const FingerprintCache&) = delete;
     FingerprintCache& operator=(const FingerprintCache&) = delete;
 
-    template <class Load>
-    std::shared_ptr<LoadedFingerprint> get(size_t index, Load&& load);
+    template <class Load> std::shared_ptr<LoadedFingerprint> get(size_t index, Load&& load);
 
 private:
     struct Slot;
@@ -67,8 +67,7 @@ private:
     uint64_t m_capacity;
 };
 
-template <class Load>
-std::shared_ptr<LoadedFingerprint> FingerprintCache::get(size_t index, Load&& load)
+template <class Load> std::shared_ptr<LoadedFingerprint> FingerprintCache::get(size_t index, Load&& load)
 {
     bool mine = false;
     std::shared_future<std::shared_ptr<LoadedFingerprint>> value;
@@ -126,8 +125,8 @@ struct Identification
     std::vector<IdentifiedFingerprint> matches; // strongest first
     bool hasBest = false;
     IdentifiedFingerprint best;
-    std::vector<size_t> failed;    // found damaged when loaded: left out
-    std::vector<double> digestZ;   // per entry, the highest over its turns; NaN when no digest pass ran
+    std::vector<size_t> failed;  // found damaged when loaded: left out
+    std::vector<double> digestZ; // per entry, the highest over its turns; NaN when no digest pass ran
 };
 
 // Throws Failure for a photo that cannot be read.
