@@ -3,12 +3,14 @@
 // of one identification against one match.
 //
 //   bench_identify [--work DIR] [--size WxH] [--cameras N] [--photos N] [--refs N] [--outside N]
-//                  [--full-every N] [--realset DIR]
+//                  [--full-every N] [--pass 0|1] [--realset DIR]
 #include "camsim/camera.h"
 #include "camsim/profiles.h"
+#include "constants.h"
 #include "identify.h"
 #include "lumicrest.h"
 #include "lumicrest_identify.h"
+#include "timing.h"
 
 #include <algorithm>
 #include <atomic>
@@ -40,7 +42,9 @@ struct Options
     int photos = 20;
     int refs = 6;
     int outside = 10;
-    int fullEvery = 1; // every how many photos the full pass is compared (it costs a full PCE per fingerprint)
+    bool pass = true; // false: the cost measurement only
+    int fullEvery =
+        1; // every how many photos the full pass is compared (it costs a full PCE per fingerprint)
 };
 
 std::wstring wide(const std::string& s)
@@ -68,7 +72,8 @@ std::vector<int> matchesOf(const std::string& json)
 {
     std::vector<int> out;
     const auto end = json.find("\"best\":");
-    for (auto at = json.find("{\"index\":", json.find("\"matches\":[")); at < end; at = json.find("{\"index\":", at + 1))
+    for (auto at = json.find("{\"index\":", json.find("\"matches\":[")); at < end;
+         at = json.find("{\"index\":", at + 1))
         out.push_back(std::atoi(json.c_str() + at + 9));
     return out;
 }
@@ -79,16 +84,17 @@ double seconds(Clock::time_point since)
 }
 
 // Runs work(i) for i in [0, n) on two threads (generation and learning only).
-template <class Work>
-void parallel(int n, Work work)
+template <class Work> void parallel(int n, Work work)
 {
     std::atomic<int> next{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 2; ++t)
-        threads.emplace_back([&] {
-            for (int i = next++; i < n; i = next++)
-                work(i);
-        });
+        threads.emplace_back(
+            [&]
+            {
+                for (int i = next++; i < n; i = next++)
+                    work(i);
+            });
     for (std::thread& t : threads)
         t.join();
 }
@@ -104,11 +110,12 @@ bool learnTo(const std::vector<std::string>& photos, const std::string& target)
     fingerprint_binary_s fp{};
     wchar_t* t1 = nullptr;
     wchar_t* t2 = nullptr;
-    const lumicrest_error_code code =
-        get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &fp, &t1, L"", false, &t2, nullptr);
+    const lumicrest_error_code code = get_sensor_fingerprint(
+        pointers.data(), static_cast<int>(pointers.size()), &fp, &t1, L"", false, &t2, nullptr);
     take(t1);
     take(t2);
-    const bool ok = code == LUMICREST_OK && save_fingerprint_to_disk(&fp, wide(target).c_str()) == LUMICREST_OK;
+    const bool ok =
+        code == LUMICREST_OK && save_fingerprint_to_disk(&fp, wide(target).c_str()) == LUMICREST_OK;
     release_fingerprint(&fp);
     if (!ok)
         std::fprintf(stderr, "learning %s failed: %d\n", target.c_str(), code);
@@ -171,6 +178,8 @@ struct Questioned
 struct PassReport
 {
     double trueZMin = 1e300;
+    double matchedTrueZMin = 1e300; // among true pairs whose photo matches its fingerprint on its own
+    std::vector<double> falseZ;
     double falseZMax = -1e300;
     long long falseAbove = 0;
     long long falsePairs = 0;
@@ -184,14 +193,25 @@ struct PassReport
 
     void print(const char* what) const
     {
-        std::printf("%s: photos %d, identify names exactly the camera %d/%d, match_device_origins own %d/%d\n", what,
-                    photos, exact, photos, ownMatched, ownPairs);
-        std::printf("%s: digest z true pairs min %.2f, false pairs max %.2f; false pairs at or above the margin "
-                    "%lld/%lld (%.2f per 100 fingerprints); full PCE per photo %.2f; photos where the full pass "
-                    "differs %d of %d compared\n",
-                    what, trueZMin, falseZMax, falseAbove, falsePairs,
-                    falsePairs ? 100.0 * static_cast<double>(falseAbove) / static_cast<double>(falsePairs) : 0.0,
-                    photos ? static_cast<double>(tried) / photos : 0.0, missed, fullCompared);
+        std::printf(
+            "%s: photos %d, identify names exactly the camera %d/%d, match_device_origins own %d/%d\n", what,
+            photos, exact, photos, ownMatched, ownPairs);
+        std::printf(
+            "%s: digest z true pairs min %.2f, false pairs max %.2f; false pairs at or above the margin "
+            "%lld/%lld (%.2f per 100 fingerprints); full PCE per photo %.2f; photos where the full pass "
+            "differs %d of %d compared\n",
+            what, trueZMin, falseZMax, falseAbove, falsePairs,
+            falsePairs ? 100.0 * static_cast<double>(falseAbove) / static_cast<double>(falsePairs) : 0.0,
+            photos ? static_cast<double>(tried) / photos : 0.0, missed, fullCompared);
+        std::printf("%s: digest z of true pairs that match on their own: min %.2f\n", what, matchedTrueZMin);
+        std::printf("%s: false pairs at or above a margin of", what);
+        for (double margin : {1.5, 2.0, 2.5, 3.0, 3.5})
+        {
+            const auto n = std::count_if(falseZ.begin(), falseZ.end(), [&](double z) { return z >= margin; });
+            std::printf(" %.1f: %.2f%%;", margin,
+                        falseZ.empty() ? 0.0 : 100.0 * static_cast<double>(n) / falseZ.size());
+        }
+        std::printf("\n");
     }
 };
 
@@ -226,7 +246,8 @@ PassReport runPass(const std::vector<std::string>& fingerprints, const std::vect
         if (found != matchesOf(fullJson))
         {
             ++report.missed;
-            std::printf("  %s: digest pass %s\n  full pass %s\n", q.path.c_str(), json.c_str(), fullJson.c_str());
+            std::printf("  %s: digest pass %s\n  full pass %s\n", q.path.c_str(), json.c_str(),
+                        fullJson.c_str());
         }
         else if (found != expected)
             std::printf("  %s (camera %d): %s\n", q.path.c_str(), q.camera, json.c_str());
@@ -240,8 +261,9 @@ PassReport runPass(const std::vector<std::string>& fingerprints, const std::vect
             else
             {
                 report.falseZMax = std::max(report.falseZMax, z);
+                report.falseZ.push_back(z);
                 ++report.falsePairs;
-                report.falseAbove += z >= 2.0 ? 1 : 0; // the margin in force, see constants.h
+                report.falseAbove += z >= lumicrest::constants::DigestMargin ? 1 : 0;
             }
         }
         if (q.camera >= 0)
@@ -250,7 +272,11 @@ PassReport runPass(const std::vector<std::string>& fingerprints, const std::vect
             if (!fp)
                 fp = std::make_unique<FileFingerprint>(fingerprints[static_cast<size_t>(q.camera)]);
             ++report.ownPairs;
-            report.ownMatched += jsonNumber(matchJson(fp->fp, q.path), "sensor_matched") == 1.0;
+            const bool matched = jsonNumber(matchJson(fp->fp, q.path), "sensor_matched") == 1.0;
+            report.ownMatched += matched;
+            if (matched && !std::isnan(id.digestZ[static_cast<size_t>(q.camera)]))
+                report.matchedTrueZMin =
+                    std::min(report.matchedTrueZMin, id.digestZ[static_cast<size_t>(q.camera)]);
         }
     }
     lumicrest_close_library(full);
@@ -259,63 +285,74 @@ PassReport runPass(const std::vector<std::string>& fingerprints, const std::vect
 
 void simulated(const Options& o)
 {
-    const std::string work = o.work.empty() ? (fs::temp_directory_path() / "lumicrest-identify-bench").string() : o.work;
+    const std::string work =
+        o.work.empty() ? (fs::temp_directory_path() / "lumicrest-identify-bench").string() : o.work;
     const std::string dir = work + "/" + std::to_string(o.width) + "x" + std::to_string(o.height);
     fs::create_directories(dir);
-    std::printf("simulated: %d cameras (%d of one model) at %dx%d, %d reference shots each, %d photos per camera, "
-                "%d cameras outside; cache %s\n",
-                o.cameras, o.sameModel, o.width, o.height, o.refs, o.photos, o.outside, dir.c_str());
+    std::printf(
+        "simulated: %d cameras (%d of one model) at %dx%d, %d reference shots each, %d photos per camera, "
+        "%d cameras outside; cache %s\n",
+        o.cameras, o.sameModel, o.width, o.height, o.refs, o.photos, o.outside, dir.c_str());
     const int total = o.cameras + o.outside;
-    const auto config = [&](int i) {
+    const auto config = [&](int i)
+    {
         // Alternating calibrated profiles; the first sameModel are units of one DSLR model.
         const bool dslr = i < o.sameModel || i % 2 == 0;
-        camsim::CameraConfig c = camsim::profiles::camera(
-            dslr ? camsim::profiles::Profile::Dslr : camsim::profiles::Profile::Phone, static_cast<uint64_t>(i + 1));
+        camsim::CameraConfig c = camsim::profiles::camera(dslr ? camsim::profiles::Profile::Dslr
+                                                               : camsim::profiles::Profile::Phone,
+                                                          static_cast<uint64_t>(i + 1));
         if (i >= o.sameModel)
             c.model += "-" + std::to_string(i);
         c.width = o.width;
         c.height = o.height;
         return c;
     };
-    const auto profileOf = [&](int i) {
-        return i < o.sameModel || i % 2 == 0 ? camsim::profiles::Profile::Dslr : camsim::profiles::Profile::Phone;
+    const auto profileOf = [&](int i)
+    {
+        return i < o.sameModel || i % 2 == 0 ? camsim::profiles::Profile::Dslr
+                                             : camsim::profiles::Profile::Phone;
     };
     std::vector<std::string> fingerprints(static_cast<size_t>(o.cameras));
     std::vector<Questioned> photos;
     for (int i = 0; i < total; ++i)
         for (int j = 0; j < o.photos; ++j)
-            photos.push_back({dir + "/cam" + std::to_string(i) + "_" + std::to_string(j) + ".jpg", i < o.cameras ? i : -1});
+            photos.push_back({dir + "/cam" + std::to_string(i) + "_" + std::to_string(j) + ".jpg",
+                              i < o.cameras ? i : -1});
     const Clock::time_point made = Clock::now();
-    parallel(total, [&](int i) {
-        const camsim::Camera camera(config(i));
-        if (i < o.cameras)
-        {
-            const std::string fp = dir + "/cam" + std::to_string(i) + ".lmf";
-            fingerprints[static_cast<size_t>(i)] = fp;
-            if (!fs::exists(fp))
-            {
-                std::vector<std::string> refs;
-                for (int j = 0; j < o.refs; ++j)
-                {
-                    refs.push_back(dir + "/ref" + std::to_string(i) + "_" + std::to_string(j) + ".jpg");
-                    camera.shoot(camsim::profiles::referenceShot(profileOf(i), 1000 * i + j), refs.back());
-                }
-                learnTo(refs, fp);
-                for (const std::string& r : refs)
-                    fs::remove(r);
-            }
-        }
-        for (int j = 0; j < o.photos; ++j)
-        {
-            const std::string& path = photos[static_cast<size_t>(i * o.photos + j)].path;
-            if (!fs::exists(path))
-                camera.shoot(camsim::profiles::naturalShot(profileOf(i), 50000 + 100 * i + j), path);
-        }
-    });
+    parallel(total,
+             [&](int i)
+             {
+                 const camsim::Camera camera(config(i));
+                 if (i < o.cameras)
+                 {
+                     const std::string fp = dir + "/cam" + std::to_string(i) + ".lmf";
+                     fingerprints[static_cast<size_t>(i)] = fp;
+                     if (!fs::exists(fp))
+                     {
+                         std::vector<std::string> refs;
+                         for (int j = 0; j < o.refs; ++j)
+                         {
+                             refs.push_back(dir + "/ref" + std::to_string(i) + "_" + std::to_string(j) +
+                                            ".jpg");
+                             camera.shoot(camsim::profiles::referenceShot(profileOf(i), 1000 * i + j),
+                                          refs.back());
+                         }
+                         learnTo(refs, fp);
+                         for (const std::string& r : refs)
+                             fs::remove(r);
+                     }
+                 }
+                 for (int j = 0; j < o.photos; ++j)
+                 {
+                     const std::string& path = photos[static_cast<size_t>(i * o.photos + j)].path;
+                     if (!fs::exists(path))
+                         camera.shoot(camsim::profiles::naturalShot(profileOf(i), 50000 + 100 * i + j), path);
+                 }
+             });
     std::printf("cameras and photos ready in %.1f s\n", seconds(made));
 
-    const PassReport report = runPass(fingerprints, photos, o.fullEvery);
-    report.print("simulated");
+    if (o.pass)
+        runPass(fingerprints, photos, o.fullEvery).print("simulated");
 
     // Cost, single thread, one photo of the library's size.
     const std::string photo = photos.front().path;
@@ -326,22 +363,41 @@ void simulated(const Options& o)
     for (int r = 0; r < Repeats; ++r)
         matchJson(own.fp, photo);
     const double matchSeconds = seconds(t) / Repeats;
+    std::printf("timing (single thread)...\n");
+    // Digests written beside the fingerprints, so that opening reads them.
+    lumicrest_close_library(openLibrary(fingerprints, LUMICREST_LIBRARY_WRITE_DIGESTS));
+    t = Clock::now();
     lumicrest_library_s* library = openLibrary(fingerprints, 0);
+    const double open = seconds(t);
     t = Clock::now();
     identifyJson(library, photo);
     const double cold = seconds(t);
+    // Warm: the candidates of these photos are in the cache after a first round.
+    std::vector<std::string> timed;
+    for (int r = 0; r < 10 && r < o.cameras; ++r)
+        timed.push_back(photos[static_cast<size_t>(r * o.photos)].path);
+    for (const std::string& p : timed)
+        identifyJson(library, p);
+    lumicrest::threadStageTimes() = lumicrest::StageTimes();
     t = Clock::now();
-    for (int r = 0; r < Repeats; ++r)
-        identifyJson(library, photos[static_cast<size_t>(r * o.photos)].path);
-    const double warm = seconds(t) / Repeats;
+    for (const std::string& p : timed)
+        identifyJson(library, p);
+    const double warm = seconds(t) / static_cast<double>(timed.size());
+    const char* stages[] = {"decode", "wavelet", "zero-mean", "wiener", "fft", "correlation", "pce"};
+    double staged = 0.0;
+    std::printf("warm identify per photo by stage:");
+    for (int i = 0; i < static_cast<int>(lumicrest::Stage::Count); ++i)
+    {
+        const double s = lumicrest::threadStageTimes().seconds[i] / static_cast<double>(timed.size());
+        staged += s;
+        std::printf(" %s %.3f;", stages[i], s);
+    }
+    std::printf(" other (digest pass, turning, loading) %.3f s\n", warm - staged);
     lumicrest_close_library(library);
-    t = Clock::now();
-    library = openLibrary(fingerprints, 0);
-    const double open = seconds(t);
-    lumicrest_close_library(library);
-    std::printf("cost: one match %.3f s; one identify against %d fingerprints %.3f s warm (%.2fx), %.3f s cold "
-                "(first photo); opening the library (digests read) %.3f s\n",
-                matchSeconds, o.cameras, warm, warm / matchSeconds, cold, open);
+    std::printf(
+        "cost: one match %.3f s; one identify against %d fingerprints %.3f s warm (%.2fx), %.3f s cold "
+        "(first photo); opening the library (digests read) %.3f s\n",
+        matchSeconds, o.cameras, warm, warm / matchSeconds, cold, open);
 }
 
 bool isPhoto(const fs::path& p)
@@ -370,7 +426,8 @@ void realSet(const Options& o)
         return;
     }
     const std::string work =
-        (o.work.empty() ? (fs::temp_directory_path() / "lumicrest-identify-bench").string() : o.work) + "/realset";
+        (o.work.empty() ? (fs::temp_directory_path() / "lumicrest-identify-bench").string() : o.work) +
+        "/realset";
     fs::create_directories(work);
     std::vector<std::string> devices;
     for (const auto& e : fs::directory_iterator(o.realset))
@@ -413,6 +470,8 @@ int main(int argc, char** argv)
             o.photos = std::atoi(value);
         else if (key == "--refs")
             o.refs = std::atoi(value);
+        else if (key == "--pass")
+            o.pass = std::atoi(value) != 0;
         else if (key == "--full-every")
             o.fullEvery = std::max(1, std::atoi(value));
         else if (key == "--outside")

@@ -62,7 +62,7 @@ constexpr double DigestFraction = 0.05;
 constexpr uint32_t DigestMinElements = 20000;
 constexpr uint32_t DigestMaxElements = 500000;
 // Fingerprints whose digest correlation z = rho * sqrt(k) reaches this get the full PCE.
-constexpr double DigestMargin = 2.0;
+constexpr double DigestMargin = 2.5;
 // Working memory of one identification per photo pixel (decoded photo, its
 // residual and weights, the filtered residual in every same-size turn with
 // their spectra), reserved from the budget.

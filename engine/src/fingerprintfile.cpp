@@ -60,7 +60,8 @@ std::pair<const unsigned char*, size_t> fingerprintBytesIn(const FileBytes& in)
     if (fileSize < 16 || std::memcmp(file, containerVersion, 8) != 0)
         return {file, fileSize};
     size_t at = 8;
-    const auto array = [&]() -> std::pair<const unsigned char*, size_t> {
+    const auto array = [&]() -> std::pair<const unsigned char*, size_t>
+    {
         if (fileSize - at < 4)
             fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint container ends too early");
         const uint32_t length = bigEndian32(file + at);
@@ -80,7 +81,6 @@ std::pair<const unsigned char*, size_t> fingerprintBytesIn(const FileBytes& in)
     return bytes;
 }
 
-
 FingerprintHead readFingerprintHead(const std::string& path)
 {
     if (!isRegularFile(path))
@@ -91,7 +91,8 @@ FingerprintHead readFingerprintHead(const std::string& path)
     const std::streamoff fileSize = in.tellg();
     if (fileSize <= 0 || fileSize > INT32_MAX)
         fail(LUMICREST_FINGERPRINT_CANNOT_READ, "fingerprint file has an impossible size");
-    const auto readAt = [&](std::streamoff at, void* into, size_t n) {
+    const auto readAt = [&](std::streamoff at, void* into, size_t n)
+    {
         in.clear();
         in.seekg(at);
         if (at < 0 || at + static_cast<std::streamoff>(n) > fileSize ||
@@ -135,7 +136,8 @@ FingerprintHead readFingerprintHead(const std::string& path)
     readAt(start + length - 4, &head.storedCrc, 4);
     // Most headers are a few hundred bytes; one with a long NMSE list is read again whole.
     const size_t total = static_cast<size_t>(length);
-    for (size_t available : {std::min<size_t>(total - 4, 64 * 1024), std::min<size_t>(total - 4, 1024 * 1024)})
+    for (size_t available :
+         {std::min<size_t>(total - 4, 64 * 1024), std::min<size_t>(total - 4, 1024 * 1024)})
     {
         std::unique_ptr<unsigned char[]> bytes(new unsigned char[available]);
         readAt(start, bytes.get(), available);

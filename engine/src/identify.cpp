@@ -143,9 +143,10 @@ bool readDigest(const std::string& path, uint32_t fingerprintCrc, int width, int
     if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(expected)))
         return false;
     const unsigned char* p = bytes.data();
-    if (std::memcmp(p, DigestMagic, 4) != 0 || get32(p + 4) != DigestVersion || get32(p + 8) != fingerprintCrc ||
-        get32(p + 12) != static_cast<uint32_t>(width) || get32(p + 16) != static_cast<uint32_t>(height) ||
-        get32(p + 20) != count || get32(p + expected - 4) != crc32Of(p, expected - 4))
+    if (std::memcmp(p, DigestMagic, 4) != 0 || get32(p + 4) != DigestVersion ||
+        get32(p + 8) != fingerprintCrc || get32(p + 12) != static_cast<uint32_t>(width) ||
+        get32(p + 16) != static_cast<uint32_t>(height) || get32(p + 20) != count ||
+        get32(p + expected - 4) != crc32Of(p, expected - 4))
         return false;
     Digest d;
     d.positions.resize(count);
@@ -162,7 +163,8 @@ bool readDigest(const std::string& path, uint32_t fingerprintCrc, int width, int
     return true;
 }
 
-bool writeDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height, const Digest& digest)
+bool writeDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height,
+                 const Digest& digest)
 {
     std::vector<unsigned char> bytes(DigestMagic, DigestMagic + 4);
     put32(bytes, DigestVersion);
@@ -219,7 +221,9 @@ FingerprintCache::~FingerprintCache()
     MemoryBudget::instance().discharge(m_held);
 }
 
-std::shared_ptr<FingerprintCache::Slot> FingerprintCache::claim(size_t index, bool& mine)
+std::shared_ptr<FingerprintCache::Slot>
+FingerprintCache::claim(size_t index, bool& mine,
+                        std::shared_future<std::shared_ptr<LoadedFingerprint>>& value)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto it = m_slots.begin(); it != m_slots.end(); ++it)
@@ -227,22 +231,20 @@ std::shared_ptr<FingerprintCache::Slot> FingerprintCache::claim(size_t index, bo
         {
             m_slots.splice(m_slots.begin(), m_slots, it);
             mine = false;
+            value = m_slots.front()->value;
             return m_slots.front();
         }
     auto slot = std::make_shared<Slot>();
     slot->index = index;
     slot->value = slot->promise.get_future().share();
+    value = slot->value;
     m_slots.push_front(slot);
     mine = true;
     return slot;
 }
 
-std::shared_ptr<LoadedFingerprint> FingerprintCache::wait(const std::shared_ptr<Slot>& slot)
-{
-    return slot->value.get(); // rethrows a failed load
-}
-
-void FingerprintCache::loaded(const std::shared_ptr<Slot>& slot, std::shared_ptr<LoadedFingerprint> fingerprint)
+void FingerprintCache::loaded(const std::shared_ptr<Slot>& slot,
+                              std::shared_ptr<LoadedFingerprint> fingerprint)
 {
     const uint64_t bytes = fingerprint->data.k.size() * sizeof(float) +
                            static_cast<uint64_t>(fingerprint->kSpectrum.columns()) *
@@ -308,7 +310,8 @@ void openEntry(LibraryEntry& entry, int flags)
         return;
     }
     // No usable digest: made from the whole fingerprint, which is verified on the way.
-    const std::shared_ptr<LoadedFingerprint> loaded = [&] {
+    const std::shared_ptr<LoadedFingerprint> loaded = [&]
+    {
         auto fp = std::make_shared<LoadedFingerprint>();
         const FileBytes file = readWholeFile(entry.path);
         const auto bytes = fingerprintBytesIn(file);
@@ -410,13 +413,15 @@ enum class Fit
     Other
 };
 
-Fit fitOf(int photoW, int photoH, const LibraryEntry& e, ScaleSearch search, int exif, int* turns, int& turnCount)
+Fit fitOf(int photoW, int photoH, const LibraryEntry& e, ScaleSearch search, int exif, int* turns,
+          int& turnCount)
 {
     turnCount = candidateOrientations(photoW, photoH, e.width, e.height, exif, turns);
     if ((photoW == e.width && photoH == e.height) || (photoW == e.height && photoH == e.width))
         return Fit::SameSize; // every turn that fits is then a same-size one
     ImpliedSize implied[2];
-    if (turnCount > 0 || (search != ScaleSearch::Off && impliedSizes(photoW, photoH, e.width, e.height, exif, implied) > 0))
+    if (turnCount > 0 ||
+        (search != ScaleSearch::Off && impliedSizes(photoW, photoH, e.width, e.height, exif, implied) > 0))
         return Fit::Other;
     return Fit::None;
 }
@@ -507,8 +512,9 @@ void identifyPhoto(const Library& library, const std::string& path, Identificati
         {
             largestOther = std::max<uint64_t>(largestOther, static_cast<uint64_t>(e.width) * e.height);
             ImpliedSize implied[2];
-            anyImplied = anyImplied ||
-                         (search != ScaleSearch::Off && impliedSizes(photoWidth, photoHeight, e.width, e.height, 1, implied) > 0);
+            anyImplied =
+                anyImplied || (search != ScaleSearch::Off &&
+                               impliedSizes(photoWidth, photoHeight, e.width, e.height, 1, implied) > 0);
         }
     }
     if (!anyFit)
@@ -557,7 +563,8 @@ void identifyPhoto(const Library& library, const std::string& path, Identificati
     Plane grey;
     photoGrey(photo, grey);
     std::vector<std::unique_ptr<PreparedResidual>> prepared; // one per noise level, usually one
-    const auto residualFor = [&](float sigma) -> PreparedResidual& {
+    const auto residualFor = [&](float sigma) -> PreparedResidual&
+    {
         for (auto& p : prepared)
             if (p->sigma == sigma)
                 return *p;
@@ -620,9 +627,8 @@ void identifyPhoto(const Library& library, const std::string& path, Identificati
             for (int turn : fullTurns[i])
             {
                 double corr = 0.0;
-                const Peak peak =
-                    sameSizePeak(*fingerprint, turnedSpectrum(p, turn), fingerprint->kSpectrum, p.sum, p.squares,
-                                 scratch, corr);
+                const Peak peak = sameSizePeak(*fingerprint, turnedSpectrum(p, turn), fingerprint->kSpectrum,
+                                               p.sum, p.squares, scratch, corr);
                 if (first || peak.pce > r.pceRaw)
                 {
                     first = false;
@@ -660,9 +666,8 @@ void identifyPhoto(const Library& library, const std::string& path, Identificati
             out.matches.push_back(t);
     }
     std::stable_sort(out.matches.begin(), out.matches.end(),
-                     [](const IdentifiedFingerprint& a, const IdentifiedFingerprint& b) {
-                         return a.result.pce > b.result.pce;
-                     });
+                     [](const IdentifiedFingerprint& a, const IdentifiedFingerprint& b)
+                     { return a.result.pce > b.result.pce; });
     out.tried = static_cast<int>(tried.size());
     int compatible = 0;
     for (Fit f : fits)
@@ -690,7 +695,12 @@ std::string identificationJson(const Identification& id)
 {
     JsonWriter json;
     json.beginObject();
-    json.key("compared").integer(id.compared).key("tried").integer(id.tried).key("positions").integer(id.positions);
+    json.key("compared")
+        .integer(id.compared)
+        .key("tried")
+        .integer(id.tried)
+        .key("positions")
+        .integer(id.positions);
     json.key("reason").string(id.reason);
     json.key("matches").beginArray();
     for (const IdentifiedFingerprint& m : id.matches)

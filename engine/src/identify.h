@@ -36,7 +36,8 @@ double digestZ(const Digest& digest, const Plane& x);
 // is a regular file in our format belonging to this checksum and size.
 bool readDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height, Digest& out);
 // Written through "<path>.part" and a rename; false on any failure.
-bool writeDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height, const Digest& digest);
+bool writeDigest(const std::string& path, uint32_t fingerprintCrc, int width, int height,
+                 const Digest& digest);
 
 // Loaded fingerprints (K with its spectrum), most recent first, within a byte
 // cap charged to the memory budget. Only the bookkeeping is locked: a load
@@ -49,15 +50,16 @@ public:
     FingerprintCache(const FingerprintCache&) = delete;
     FingerprintCache& operator=(const FingerprintCache&) = delete;
 
-    template <class Load>
-    std::shared_ptr<LoadedFingerprint> get(size_t index, Load&& load);
+    template <class Load> std::shared_ptr<LoadedFingerprint> get(size_t index, Load&& load);
 
 private:
     struct Slot;
-    std::shared_ptr<Slot> claim(size_t index, bool& mine);
+    // The slot of index, made (mine) when there is none; `value` is the
+    // caller's own copy of its future, as each waiting thread needs one.
+    std::shared_ptr<Slot> claim(size_t index, bool& mine,
+                                std::shared_future<std::shared_ptr<LoadedFingerprint>>& value);
     void loaded(const std::shared_ptr<Slot>& slot, std::shared_ptr<LoadedFingerprint> fingerprint);
     void failed(const std::shared_ptr<Slot>& slot, std::exception_ptr error);
-    static std::shared_ptr<LoadedFingerprint> wait(const std::shared_ptr<Slot>& slot);
 
     std::mutex m_mutex;
     std::list<std::shared_ptr<Slot>> m_slots;
@@ -65,13 +67,13 @@ private:
     uint64_t m_capacity;
 };
 
-template <class Load>
-std::shared_ptr<LoadedFingerprint> FingerprintCache::get(size_t index, Load&& load)
+template <class Load> std::shared_ptr<LoadedFingerprint> FingerprintCache::get(size_t index, Load&& load)
 {
     bool mine = false;
-    const std::shared_ptr<Slot> slot = claim(index, mine);
+    std::shared_future<std::shared_ptr<LoadedFingerprint>> value;
+    const std::shared_ptr<Slot> slot = claim(index, mine, value);
     if (!mine)
-        return wait(slot);
+        return value.get(); // rethrows a failed load
     try
     {
         std::shared_ptr<LoadedFingerprint> fingerprint = load();
@@ -123,8 +125,8 @@ struct Identification
     std::vector<IdentifiedFingerprint> matches; // strongest first
     bool hasBest = false;
     IdentifiedFingerprint best;
-    std::vector<size_t> failed;    // found damaged when loaded: left out
-    std::vector<double> digestZ;   // per entry, the highest over its turns; NaN when no digest pass ran
+    std::vector<size_t> failed;  // found damaged when loaded: left out
+    std::vector<double> digestZ; // per entry, the highest over its turns; NaN when no digest pass ran
 };
 
 // Throws Failure for a photo that cannot be read.

@@ -19,7 +19,7 @@ namespace
 {
 
 constexpr double Scale = 0.4;
-constexpr int Cameras = 6;       // in the library; [Cameras] is the outsider
+constexpr int Cameras = 6; // in the library; [Cameras] is the outsider
 const camsim::profiles::Profile Profile = camsim::profiles::Profile::Dslr;
 
 camsim::CameraConfig cameraConfig(int i)
@@ -68,7 +68,8 @@ public:
         for (const std::wstring& p : paths)
             pointers.push_back(p.c_str());
         wchar_t* json = nullptr;
-        code = lumicrest_open_library(pointers.data(), static_cast<int>(pointers.size()), flags, &m_library, &json);
+        code = lumicrest_open_library(pointers.data(), static_cast<int>(pointers.size()), flags, &m_library,
+                                      &json);
         opened = take(json);
     }
     ~Library() { lumicrest_close_library(m_library); }
@@ -115,7 +116,8 @@ protected:
                 Learned learned = learn(references);
                 ASSERT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
                 s_fingerprints.push_back(s_dir->file("fp" + std::to_string(i) + ".lmf"));
-                ASSERT_EQ(save_fingerprint_to_disk(&learned.fp, wide(s_fingerprints.back()).c_str()), LUMICREST_OK);
+                ASSERT_EQ(save_fingerprint_to_disk(&learned.fp, wide(s_fingerprints.back()).c_str()),
+                          LUMICREST_OK);
                 release_fingerprint(&learned.fp);
             }
             s_photos.push_back(s_dir->file("photo" + std::to_string(i) + ".jpg"));
@@ -217,13 +219,20 @@ TEST_F(Identify, DigestFilesAreWrittenReadAndNeverTrustedWhenStaleOrDamaged)
     };
     const Case cases[] = {
         {"intact", [](const std::string&, const std::string&) {}, "read"},
-        {"stale", [](const std::string& f, const std::string& other) { fs::copy_file(other, f, fs::copy_options::overwrite_existing); }, "written"},
+        {"stale",
+         [](const std::string& f, const std::string& other)
+         { fs::copy_file(other, f, fs::copy_options::overwrite_existing); },
+         "written"},
         {"corrupt", [](const std::string& f, const std::string&) { flipByte(f + ".digest", 40); }, "written"},
-        {"truncated", [](const std::string& f, const std::string&) { fs::resize_file(f + ".digest", 100); }, "written"},
-        {"directory", [](const std::string& f, const std::string&) {
+        {"truncated", [](const std::string& f, const std::string&) { fs::resize_file(f + ".digest", 100); },
+         "written"},
+        {"directory",
+         [](const std::string& f, const std::string&)
+         {
              fs::remove(f + ".digest");
              fs::create_directory(f + ".digest");
-         }, "made"},
+         },
+         "made"},
     };
     for (const Case& c : cases)
     {
@@ -293,8 +302,15 @@ TEST_F(Identify, PhotosOfOtherSizesGoThroughTheFullMatchOrAreNotCompared)
     };
     const Case cases[] = {
         {"cropped", width / 2, height / 2, 0, 0, 0, Cameras, "", {4}},
-        {"resized", 0, 0, static_cast<int>(std::lround(width * 0.8)), static_cast<int>(std::lround(height * 0.8)), 0,
-         Cameras, "", {4}},
+        {"resized",
+         0,
+         0,
+         static_cast<int>(std::lround(width * 0.8)),
+         static_cast<int>(std::lround(height * 0.8)),
+         0,
+         Cameras,
+         "",
+         {4}},
         {"larger", 0, 0, 0, 0, width + 64, 0, "size", {}},
         {"too small", 200, 200, 0, 0, 0, 0, "too small", {}},
     };
@@ -341,13 +357,16 @@ TEST_F(Identify, BadArgumentsAndFiles)
 
     ASSERT_EQ(lumicrest_open_library(paths, 3, 0, &library, &json), LUMICREST_OK);
     const std::string opened = take(json);
-    EXPECT_NE(opened.find("{\"index\":1,\"width\":0,\"height\":0,\"status\":450"), std::string::npos) << opened;
-    EXPECT_NE(opened.find("{\"index\":2,\"width\":0,\"height\":0,\"status\":450"), std::string::npos) << opened;
+    EXPECT_NE(opened.find("{\"index\":1,\"width\":0,\"height\":0,\"status\":450"), std::string::npos)
+        << opened;
+    EXPECT_NE(opened.find("{\"index\":2,\"width\":0,\"height\":0,\"status\":450"), std::string::npos)
+        << opened;
 
     EXPECT_EQ(lumicrest_identify(nullptr, wide(s_photos[0]).c_str(), &json), LUMICREST_INVALID_NULL_POINTER);
     EXPECT_EQ(lumicrest_identify(library, nullptr, &json), LUMICREST_INVALID_NULL_POINTER);
     take(json);
-    EXPECT_EQ(lumicrest_identify(library, wide(s_photos[0]).c_str(), nullptr), LUMICREST_INVALID_NULL_POINTER);
+    EXPECT_EQ(lumicrest_identify(library, wide(s_photos[0]).c_str(), nullptr),
+              LUMICREST_INVALID_NULL_POINTER);
     EXPECT_EQ(lumicrest_identify(library, missing.c_str(), &json), LUMICREST_PHOTO_CANNOT_OPEN);
     const std::string failed = take(json);
     EXPECT_EQ(jsonNumber(failed, "compared"), 0) << failed;
@@ -372,10 +391,12 @@ TEST_F(Identify, ThreadsIdentifyingAtOnceGiveTheAnswersOfOne)
     std::vector<std::string> answers(2 * s_photos.size());
     std::vector<std::thread> threads;
     for (size_t t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (size_t i = t; i < answers.size(); i += 4)
-                answers[i] = library.identify(s_photos[i % s_photos.size()]).json;
-        });
+        threads.emplace_back(
+            [&, t]
+            {
+                for (size_t i = t; i < answers.size(); i += 4)
+                    answers[i] = library.identify(s_photos[i % s_photos.size()]).json;
+            });
     for (std::thread& t : threads)
         t.join();
     for (size_t i = 0; i < answers.size(); ++i)
