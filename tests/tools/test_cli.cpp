@@ -1333,7 +1333,8 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
     EXPECT_TRUE(json.err.contains(QStringLiteral("damaged.fnp"))) << "named, not dropped: " << json.err.toStdString();
     const QStringList keys = {QStringLiteral("path"),   QStringLiteral("sha256"), QStringLiteral("compared"),
                               QStringLiteral("matches"), QStringLiteral("status"), QStringLiteral("reason"),
-                              QStringLiteral("best"),   QStringLiteral("index"),  QStringLiteral("total")};
+                              QStringLiteral("best"),   QStringLiteral("index"),  QStringLiteral("total"),
+                              QStringLiteral("library")};
     const QStringList jsonLines = lines(json.out);
     ASSERT_EQ(jsonLines.size(), 4) << json.out.toStdString();
     arguments.removeAt(3);
@@ -1355,6 +1356,7 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
         EXPECT_EQ(o.value(QStringLiteral("path")).toString(), QFileInfo(want.photo).absoluteFilePath());
         EXPECT_EQ(o.value(QStringLiteral("index")).toInt(-1), i);
         EXPECT_EQ(o.value(QStringLiteral("total")).toInt(), 4);
+        EXPECT_EQ(o.value(QStringLiteral("library")).toString(), library.path());
         EXPECT_EQ(o.value(QStringLiteral("status")).toString(), want.status);
         EXPECT_EQ(o.value(QStringLiteral("compared")).toInt(-1), want.compared);
         EXPECT_EQ(o.value(QStringLiteral("sha256")).toString().size(), 64);
@@ -1380,6 +1382,58 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
     EXPECT_TRUE(table.contains(QStringLiteral("Photos identified: 2")));
     EXPECT_TRUE(table.contains(QStringLiteral("No camera in the library: 1")));
     EXPECT_TRUE(table.contains(QStringLiteral("Not compared: 1")));
+
+    // Two shards (with a file that cannot be analyzed) merge into the whole
+    // run; shards of another library, or a report without the library, do not.
+    const auto s = [](const char* text) { return QString::fromLatin1(text); };
+    QStringList photos = {s("extra/broken.jpg")}; // relative: as the merged table shows them
+    for (const auto& photo : expected)
+        photos << QDir(s_dir->path()).relativeFilePath(photo.photo);
+    const QDir other(path(s("library-other")));
+    ASSERT_TRUE(other.mkpath(s(".")));
+    ASSERT_TRUE(QFile::copy(a, other.filePath(s("camera-a.fnp"))));
+    const auto identify = [&](const QDir& folder, const QString& name, const QStringList& options)
+    {
+        const SRun result = run(QStringList{s("identify"), s("--library"), folder.path(), s("--json"),
+                                            path(name + s(".jsonl"))} +
+                                options + photos);
+        EXPECT_EQ(result.exitCode, 0) << name.toStdString() << result.err.toStdString();
+        return result;
+    };
+    const SRun whole = identify(library, s("id-whole"), {s("--csv"), path(s("id-whole.csv"))});
+    identify(library, s("id-1"), {s("--shard"), s("1/2")});
+    identify(library, s("id-2"), {s("--shard"), s("2/2")});
+    identify(other, s("id-other"), {s("--shard"), s("1/2")});
+    const QStringList merged = {path(s("id-merged.jsonl")), path(s("id-merged.csv")), path(s("id-merged.pdf"))};
+    const auto merge = [&](const char* first)
+    {
+        for (const QString& file : merged)
+            QFile::remove(file);
+        return run({s("merge"), s("--json"), merged.at(0), s("--csv"), merged.at(1), s("--report"), merged.at(2),
+                    path(QLatin1String(first)), path(s("id-2.jsonl"))});
+    };
+    const SRun joined = merge("id-1.jsonl");
+    EXPECT_EQ(joined.exitCode, 0) << joined.err.toStdString();
+    EXPECT_EQ(readBytes(merged.at(0)), readBytes(path(s("id-whole.jsonl"))));
+    EXPECT_EQ(readBytes(merged.at(1)), readBytes(path(s("id-whole.csv"))));
+    EXPECT_TRUE(readBytes(merged.at(2)).startsWith("%PDF-"));
+    // The table and the counts; the time is not in the lines.
+    EXPECT_EQ(lines(joined.out).mid(0, 1 + 5 + 5), lines(whole.out).mid(0, 1 + 5 + 5));
+    EXPECT_FALSE(joined.out.contains(s("Time elapsed")));
+    const QString gone = path(s("library-gone"));
+    for (const bool libraryGone : {false, true})
+    {
+        if (libraryGone)
+            ASSERT_TRUE(QDir().rename(library.path(), gone));
+        const SRun refused = merge(libraryGone ? "id-1.jsonl" : "id-other.jsonl");
+        EXPECT_EQ(refused.exitCode, 2);
+        EXPECT_TRUE(refused.err.contains(libraryGone ? library.path() : s("merge the shards of one run")))
+            << refused.err.toStdString();
+        EXPECT_TRUE(refused.out.isEmpty());
+        for (const QString& file : merged)
+            EXPECT_FALSE(QFile::exists(file)) << file.toStdString();
+    }
+    ASSERT_TRUE(QDir().rename(gone, library.path()));
 
     // A folder without a usable fingerprint is a failure, as an unreadable fingerprint is for analyze.
     for (const QString& folder : {path(QStringLiteral("empty")), path(QStringLiteral("no-such-library"))})
@@ -1651,7 +1705,7 @@ TEST(CliFormat, OutcomesOfEveryKind)
     cli::SPhotoOutcome nan = outcome;
     nan.result = {false, std::nan(""), 0.0, qutils::CQuorvexAPI::Success, 3.0};
     refused.total = 7;
-    refused.absolutePath = QStringLiteral("/x/q/pipe.jpg");
+    refused.absolutePath = QStringLiteral("/x/q/pipe%1.jpg");
     cli::SPhotoOutcome high = outcome;
     high.result = {true, 0.995, 0.05, qutils::CQuorvexAPI::Success, 210.5};
     high.result.orientation = 270;
@@ -1661,7 +1715,7 @@ TEST(CliFormat, OutcomesOfEveryKind)
         cli::SPhotoOutcome read;
         QString error;
         ASSERT_TRUE(cli::readJsonLine(line, &read, &error)) << error.toStdString() << line.toStdString();
-        EXPECT_EQ(cli::jsonLine(read).toUtf8(), line);
+        EXPECT_EQ(read.absolutePath, kind.absolutePath);
         EXPECT_EQ(cli::csvLine(read), cli::csvLine(kind));
         EXPECT_EQ(cli::className(read), cli::className(kind));
     }
@@ -1703,7 +1757,7 @@ TEST(CliFormat, OutcomesOfEveryKind)
 TEST(CliFormat, IdentificationsOfEveryKind)
 {
     using qutils::CQuorvexAPI;
-    const QStringList library = {QStringLiteral("/l/a.fnp"), QStringLiteral("/l/b,c.fnp")};
+    const QStringList library = {QStringLiteral("/l/a%1.fnp"), QStringLiteral("/l/b,c.fnp")};
     const QString entryB = QStringLiteral("{\"index\":1,\"sensor_matched\":1,\"probability\":0.996,\"corr\":0.1,"
                                           "\"pce\":250,\"scale\":0.5,\"orientation\":90}");
     const QString entryA = QStringLiteral("{\"index\":0,\"sensor_matched\":1,\"probability\":0.9999,\"corr\":0.2,"
@@ -1722,9 +1776,9 @@ TEST(CliFormat, IdentificationsOfEveryKind)
          QStringLiteral("{\"compared\":2,\"reason\":\"\",\"matches\":[%1,%2,{\"index\":2,\"sensor_matched\":1,"
                         "\"pce\":5000}],\"best\":%2}")
              .arg(entryB, entryA),
-         QStringLiteral("a.fnp (very high, PCE 900.0), b,c.fnp (high, PCE 250.0)"), CQuorvexAPI::Success, 2},
+         QStringLiteral("a%1.fnp (very high, PCE 900.0), b,c.fnp (high, PCE 250.0)"), CQuorvexAPI::Success, 2},
         {CQuorvexAPI::Success, QStringLiteral("{\"compared\":2,\"matches\":[],\"best\":%1}").arg(nearA),
-         QStringLiteral("no camera in the library (nearest a.fnp, PCE 7.5)"), CQuorvexAPI::Success, 1},
+         QStringLiteral("no camera in the library (nearest a%1.fnp, PCE 7.5)"), CQuorvexAPI::Success, 1},
         {CQuorvexAPI::Success, QStringLiteral("{\"compared\":2,\"matches\":[],\"best\":null}"),
          QStringLiteral("no camera in the library"), CQuorvexAPI::Success, 1},
         {CQuorvexAPI::Success, QStringLiteral("{\"compared\":0,\"reason\":\"/q/p.jpg: size\",\"matches\":[]}"),
@@ -1758,12 +1812,19 @@ TEST(CliFormat, IdentificationsOfEveryKind)
         EXPECT_EQ(o.value(QStringLiteral("matches")).toArray().size(), photo.identification.matches.size());
         if (c.status != CQuorvexAPI::Success)
             EXPECT_TRUE(o.value(QStringLiteral("best")).isNull());
+        // Read back, the line tells the same story.
+        cli::SIdentifiedPhoto read;
+        QString error;
+        ASSERT_TRUE(cli::readIdentifyJsonLine(cli::identifyJsonLine(photo).toUtf8(), &read, &error))
+            << error.toStdString();
+        EXPECT_EQ(cli::identifyTableLine(read), QStringLiteral("/q/p.jpg: ") + c.verdict);
+        EXPECT_EQ(cli::identifyCsvRows(read), rows);
     }
     cli::SIdentifiedPhoto first;
     first.identification = CFingerprintLibrary::readAnswer(CQuorvexAPI::Success, cases[0].answer, QString(), library);
     first.outcome.processed = true;
     EXPECT_TRUE(cli::identifyJsonLine(first).contains(
-        QStringLiteral("\"best\":{\"fingerprint\":\"/l/a.fnp\",\"pce\":900,\"probability\":0.9999,"
+        QStringLiteral("\"best\":{\"fingerprint\":\"/l/a%1.fnp\",\"pce\":900,\"probability\":0.9999,"
                        "\"class\":\"very high\",\"scale\":1,\"orientation\":0}")));
     EXPECT_EQ(cli::identifyCsvRows(first).at(1),
               QStringLiteral(",,2,\"/l/b,c.fnp\",250,0.996,high,0.5,90,success,,0,0"));
@@ -1776,7 +1837,31 @@ TEST(CliFormat, IdentificationsOfEveryKind)
     EXPECT_EQ(cli::identifyJsonLine(interrupted),
               QStringLiteral("{\"path\":\"/q/p.jpg\",\"sha256\":null,\"compared\":0,\"matches\":[],"
                              "\"status\":\"invalid\",\"reason\":\"the analysis was interrupted\",\"best\":null,"
-                             "\"index\":0,\"total\":0}"));
+                             "\"index\":0,\"total\":0,\"library\":\"\"}"));
+    interrupted.total = 1;
+    cli::SIdentifiedPhoto read;
+    QString error;
+    ASSERT_TRUE(cli::readIdentifyJsonLine(cli::identifyJsonLine(interrupted).toUtf8(), &read, &error));
+    EXPECT_EQ(cli::verdictOf(read), cli::EVerdict::NotProcessed);
+    first.total = 4;
+    const QByteArray good = cli::identifyJsonLine(first).toUtf8();
+    const struct
+    {
+        QByteArray line;
+        const char* error;
+    } bad[] = {
+        {"[1]", "not a JSON object"},
+        {QByteArray(good).replace("\"pce\":900", "\"pce\":\"900\""), "wrong type: matches.pce, best.pce"},
+        {QByteArray(good).replace("\"status\":\"success\"", "\"status\":\"invalid\""), "as 'identify' writes it"},
+        {QByteArray(good).replace("\"very high\"", "\"low\""), "as 'identify' writes it"},
+        {QByteArray(good).replace("\"index\":0", "\"index\":4"), "not below total"},
+        {QByteArray(good).replace(",\"library\":\"\"", ""), "wrong type: library"},
+    };
+    for (const auto& c : bad)
+    {
+        EXPECT_FALSE(cli::readIdentifyJsonLine(c.line, &read, &error)) << c.line.toStdString();
+        EXPECT_TRUE(error.contains(QLatin1String(c.error))) << error.toStdString();
+    }
     EXPECT_EQ(cli::identifySummaryLines({first, interrupted}, 1.0).mid(0, 5),
               QStringList({QStringLiteral("Photos identified: 1"), QStringLiteral("No camera in the library: 0"),
                            QStringLiteral("Not compared: 0"), QStringLiteral("Failed: 0"),

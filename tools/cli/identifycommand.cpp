@@ -145,6 +145,7 @@ int runIdentify(const SCommandLine& commandLine)
         photo.outcome = outcome;
         photo.index = inputs.indexes.at(photos.size());
         photo.total = inputs.total;
+        photo.library = library->folder();
         if (outcome.processed)
         {
             std::lock_guard<std::mutex> lock(store->mutex);

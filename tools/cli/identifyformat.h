@@ -18,6 +18,7 @@ struct SIdentifiedPhoto
     CFingerprintLibrary::SIdentification identification;
     int index = 0;
     int total = 0;
+    QString library; // the library's folder, absolute
 };
 
 enum class EVerdict
@@ -37,9 +38,16 @@ EVerdict verdictOf(const SIdentifiedPhoto& photo);
 QString verdictText(const SIdentifiedPhoto& photo);
 
 // {"path":..,"sha256":..,"compared":..,"matches":[..],"status":..,"reason":..,"best":..,
-//  "index":..,"total":..}; each match and best: {"fingerprint":..,"pce":..,
+//  "index":..,"total":..,"library":..}; each match and best: {"fingerprint":..,"pce":..,
 // "probability":..,"class":..,"scale":..,"orientation":..}.
 QString identifyJsonLine(const SIdentifiedPhoto& photo);
+
+// The photo a line of identifyJsonLine stands for (path as given is the
+// absolute path; the engine's correlations, which the line leaves out, are 0).
+// False with the reason when the line is not such a line: not JSON, a key
+// missing or of the wrong type, or a line identifyJsonLine would not write
+// byte for byte.
+bool readIdentifyJsonLine(const QByteArray& line, SIdentifiedPhoto* photo, QString* error);
 
 // One row per matching fingerprint, or one with an empty fingerprint.
 QString identifyCsvHeader();

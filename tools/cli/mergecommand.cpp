@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "console.h"
+#include "identifyformat.h"
 #include "photoinputs.h"
 #include "resultfile.h"
 #include "resultformat.h"
@@ -14,6 +15,7 @@
 #include <QMap>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <memory>
 
@@ -45,8 +47,26 @@ struct SShardLine
     QString where; // "FILE line N"
     int index = 0;
     int total = 0;
-    SPhotoOutcome outcome; // analyze lines
+    QString source;         // what the photo was compared with: fingerprint file or library folder
+    SPhotoOutcome outcome;  // analyze lines
+    SIdentifiedPhoto photo; // identify lines
 };
+
+// Reads the line as its kind has it, keeping what it was compared with.
+bool readLine(ELineKind kind, SShardLine* line, QString* error)
+{
+    if (kind == ELineKind::Analyze)
+    {
+        if (!readJsonLine(line->text, &line->outcome, error))
+            return false;
+        line->source = line->outcome.fingerprint;
+        return true;
+    }
+    if (!readIdentifyJsonLine(line->text, &line->photo, error))
+        return false;
+    line->source = line->photo.library;
+    return true;
+}
 
 // The kind of a line by the key only that kind has, or an error text.
 bool lineKind(const QByteArray& text, ELineKind* kind, QJsonObject* object, QString* error)
@@ -121,16 +141,21 @@ bool readShards(const QStringList& files, ELineKind* kind, QList<SShardLine>* li
             ELineKind lineKindRead = ELineKind::Analyze;
             QJsonObject object;
             QString why;
-            if (!lineKind(text, &lineKindRead, &object, &why) || !readPosition(object, &line, &why) ||
-                (lineKindRead == ELineKind::Analyze && !readJsonLine(text, &line.outcome, &why)))
+            if (!lineKind(text, &lineKindRead, &object, &why) || !readPosition(object, &line, &why))
             {
                 *error = QStringLiteral("%1: %2").arg(where, why);
                 return false;
             }
+            // Named as what it is, before it is read as a line of its kind.
             if (kindKnown && lineKindRead != *kind)
             {
                 *error = QStringLiteral("%1: an '%2' result among '%3' results; merge the shards of one run")
                              .arg(where, kindName(lineKindRead), kindName(*kind));
+                return false;
+            }
+            if (!readLine(lineKindRead, &line, &why))
+            {
+                *error = QStringLiteral("%1: %2").arg(where, why);
                 return false;
             }
             *kind = lineKindRead;
@@ -232,39 +257,42 @@ QString commonFolder(const QList<SPhotoOutcome>& outcomes)
     return folder;
 }
 
-int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines)
+// Every line of one run was compared with the same fingerprint or library.
+bool oneSource(ELineKind kind, const QList<SShardLine>& lines, QString* error)
 {
-    const QString fingerprintPath = lines.first().outcome.fingerprint;
-    QList<SPhotoOutcome> outcomes;
+    const SShardLine& first = lines.first();
     for (const SShardLine& line : lines)
     {
-        if (line.outcome.fingerprint != fingerprintPath)
+        if (line.source != first.source)
         {
-            CConsole::error(
-                QStringLiteral("%1: matched against %2, but %3 against %4; merge the shards of one run")
-                    .arg(line.where, line.outcome.fingerprint, lines.first().where, fingerprintPath));
-            return ExitFailure;
-        }
-        outcomes.append(line.outcome);
-        outcomes.last().path = tablePath(line.outcome.absolutePath);
-    }
-
-    // The report needs the fingerprint's properties: read before anything is written.
-    std::shared_ptr<const CFingerprint> fingerprint;
-    if (!commandLine.reportFile.isEmpty())
-    {
-        CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
-        fingerprint = CFingerprint::load(QFileInfo(fingerprintPath), &status);
-        if (!fingerprint)
-        {
-            CConsole::error(
-                QStringLiteral("cannot write the report: the fingerprint file %1 the results name "
-                               "cannot be read (%2)")
-                    .arg(fingerprintPath, CQuorvexAPI::statusText(status)));
-            return ExitFailure;
+            *error = QStringLiteral("%1: %2 against %3, but %4 against %5; merge the shards of one run")
+                         .arg(line.where,
+                              kind == ELineKind::Analyze ? QStringLiteral("matched")
+                                                         : QStringLiteral("identified"),
+                              line.source, first.where, first.source);
+            return false;
         }
     }
+    return true;
+}
 
+// What the whole run would have written, in each output's form and in
+// whole-run order. The summary leaves out the times: no line carries them.
+struct SMergedRun
+{
+    QStringList jsonLines;
+    QString csvHeader;
+    QStringList csvRows;
+    QString tableHeader;
+    QStringList tableLines;
+    QStringList summary;
+};
+
+// Writes the run as the command itself would; report, when set, once every
+// file is written. Whatever a report needs has been read before: a merge
+// that cannot finish writes nothing.
+int writeMerged(const SCommandLine& commandLine, const SMergedRun& run, const std::function<int()>& report)
+{
     const bool jsonToStdout = commandLine.jsonFile == QLatin1String("-");
     std::unique_ptr<CResultFile> jsonFile;
     std::unique_ptr<CResultFile> csvFile;
@@ -281,30 +309,29 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
         }
     }
     if (csvFile)
-        csvFile->writeLine(csvHeader());
-    if (!jsonToStdout)
-        CConsole::out(tableHeader());
-    for (const SPhotoOutcome& outcome : outcomes)
     {
-        if (jsonToStdout)
-            CConsole::out(jsonLine(outcome));
-        else
-            CConsole::out(tableLine(outcome));
-        if (jsonFile)
-            jsonFile->writeLine(jsonLine(outcome));
-        if (csvFile)
-            csvFile->writeLine(csvLine(outcome));
+        csvFile->writeLine(run.csvHeader);
+        for (const QString& row : run.csvRows)
+            csvFile->writeLine(row);
     }
-
-    // The shards' times are not in their lines: the summary leaves them out.
-    const QStringList summary = summaryLines(summarize(outcomes, 0.0)).mid(0, 4);
-    if (!jsonToStdout)
-        CConsole::out(QString());
-    for (const QString& line : summary)
+    if (jsonFile)
+        for (const QString& line : run.jsonLines)
+            jsonFile->writeLine(line);
+    // With JSON on standard output the table and summary must not mix into it.
+    if (jsonToStdout)
     {
-        if (jsonToStdout)
+        for (const QString& line : run.jsonLines)
+            CConsole::out(line);
+        for (const QString& line : run.summary)
             CConsole::err(line);
-        else
+    }
+    else
+    {
+        CConsole::out(run.tableHeader);
+        for (const QString& line : run.tableLines)
+            CConsole::out(line);
+        CConsole::out(QString());
+        for (const QString& line : run.summary)
             CConsole::out(line);
     }
 
@@ -321,10 +348,8 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
         }
     }
     int exitCode = filesWritten ? ExitDone : ExitFailure;
-    if (fingerprint && filesWritten)
-        exitCode = writeReport(outcomes, fingerprintPath, fingerprint->properties(), commonFolder(outcomes),
-                               commandLine.reportFile, commandLine.caseNumber, commandLine.examiner,
-                               commandLine.notes);
+    if (report && filesWritten)
+        exitCode = report();
     if (CConsole::outFailed())
     {
         CConsole::error(QStringLiteral("cannot write to standard output: its reader has gone"));
@@ -333,13 +358,87 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
     return exitCode;
 }
 
-// Identification results are recognised and their positions checked like
-// any other; what remains is to turn the ordered lines back into the
-// identify command's outcomes and write them with its writers.
-int mergeIdentify(const SCommandLine&, const QList<SShardLine>&)
+int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines)
 {
-    CConsole::error(QStringLiteral("merging 'identify' results is not available in this version"));
-    return ExitFailure;
+    const QString fingerprintPath = lines.first().source;
+    std::shared_ptr<const CFingerprint> fingerprint;
+    if (!commandLine.reportFile.isEmpty())
+    {
+        CQuorvexAPI::EStatus status = CQuorvexAPI::Invalid;
+        fingerprint = CFingerprint::load(QFileInfo(fingerprintPath), &status);
+        if (!fingerprint)
+        {
+            CConsole::error(
+                QStringLiteral("cannot write the report: the fingerprint file %1 the results name "
+                               "cannot be read (%2)")
+                    .arg(fingerprintPath, CQuorvexAPI::statusText(status)));
+            return ExitFailure;
+        }
+    }
+
+    QList<SPhotoOutcome> outcomes;
+    SMergedRun run;
+    run.csvHeader = csvHeader();
+    run.tableHeader = tableHeader();
+    for (const SShardLine& line : lines)
+    {
+        outcomes.append(line.outcome);
+        outcomes.last().path = tablePath(line.outcome.absolutePath);
+        run.jsonLines << jsonLine(outcomes.last());
+        run.csvRows << csvLine(outcomes.last());
+        run.tableLines << tableLine(outcomes.last());
+    }
+    run.summary = summaryLines(summarize(outcomes, 0.0)).mid(0, 4);
+    std::function<int()> report;
+    if (fingerprint)
+        report = [&]
+        {
+            return writeReport(outcomes, fingerprintPath, fingerprint->properties(), commonFolder(outcomes),
+                               commandLine.reportFile, commandLine.caseNumber, commandLine.examiner,
+                               commandLine.notes);
+        };
+    return writeMerged(commandLine, run, report);
+}
+
+int mergeIdentify(const SCommandLine& commandLine, const QList<SShardLine>& lines)
+{
+    const QString folder = lines.first().source;
+    std::shared_ptr<const CFingerprintLibrary> library;
+    if (!commandLine.reportFile.isEmpty())
+    {
+        QString error;
+        library = CFingerprintLibrary::open(folder, &error);
+        if (!library || library->usableCount() == 0)
+        {
+            CConsole::error(QStringLiteral("cannot write the report: the fingerprint library %1 the results "
+                                           "name %2")
+                                .arg(folder, library ? QStringLiteral("has no usable fingerprint file (.fnp)")
+                                                     : QStringLiteral("cannot be read (%1)").arg(error)));
+            return ExitFailure;
+        }
+    }
+
+    QList<SIdentifiedPhoto> photos;
+    SMergedRun run;
+    run.csvHeader = identifyCsvHeader();
+    run.tableHeader = identifyTableHeader();
+    for (const SShardLine& line : lines)
+    {
+        photos.append(line.photo);
+        photos.last().outcome.path = tablePath(line.photo.outcome.absolutePath);
+        run.jsonLines << identifyJsonLine(photos.last());
+        run.csvRows << identifyCsvRows(photos.last());
+        run.tableLines << identifyTableLine(photos.last());
+    }
+    run.summary = identifySummaryLines(photos, 0.0).mid(0, 5);
+    std::function<int()> report;
+    if (library)
+        report = [&]
+        {
+            return writeIdentifyReport(photos, *library, commandLine.reportFile, commandLine.caseNumber,
+                                       commandLine.examiner, commandLine.notes);
+        };
+    return writeMerged(commandLine, run, report);
 }
 
 } // namespace
@@ -365,7 +464,8 @@ int runMerge(const SCommandLine& commandLine)
     QList<SShardLine> lines;
     QList<SShardLine> ordered;
     QString error;
-    if (!readShards(commandLine.paths, &kind, &lines, &error) || !orderLines(lines, &ordered, &error))
+    if (!readShards(commandLine.paths, &kind, &lines, &error) || !orderLines(lines, &ordered, &error) ||
+        !oneSource(kind, ordered, &error))
     {
         CConsole::error(error);
         return ExitFailure;

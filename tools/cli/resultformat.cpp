@@ -1,5 +1,6 @@
 #include "resultformat.h"
 
+#include "jsonfields.h"
 #include "resultclass.h"
 
 #include <QJsonArray>
@@ -7,7 +8,6 @@
 #include <QJsonObject>
 
 #include <cmath>
-#include <limits>
 
 using qutils::CQuorvexAPI;
 
@@ -61,100 +61,67 @@ QString className(const SPhotoOutcome& outcome)
 QString jsonLine(const SPhotoOutcome& outcome)
 {
     const auto& r = outcome.result;
+    // Two texts, each filled by one arg(): a second arg() on the whole line
+    // would also replace a "%1" in a path the first one put in.
     return QStringLiteral("{\"path\":%1,\"matched\":%2,\"compared\":%3,\"probability\":%4,\"correlation\":%5,"
-                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9,\"reason\":%10,\"sha256\":%11,"
-                          "\"index\":%12,\"total\":%13,\"fingerprint\":%14,\"orientation\":%15}")
-        .arg(jsonString(outcome.absolutePath), boolText(outcome.processed && r.matched), boolText(compared(outcome)),
-             jsonNumber(outcome.processed ? r.probability : 0.0), jsonNumber(outcome.processed ? r.correlation : 0.0),
-             jsonNumber(outcome.processed ? r.pce : 0.0), jsonNumber(outcome.processed ? r.scale : 1.0),
-             jsonString(statusKey(outcome)), jsonString(className(outcome)))
-        .arg(jsonString(reason(outcome)),
-             outcome.sha256.isEmpty() ? QStringLiteral("null") : jsonString(outcome.sha256),
-             QString::number(outcome.index), QString::number(outcome.total), jsonString(outcome.fingerprint),
-             QString::number(outcome.processed ? r.orientation : 0));
+                          "\"pce\":%6,\"scale\":%7,\"status\":%8,\"class\":%9")
+               .arg(jsonString(outcome.absolutePath), boolText(outcome.processed && r.matched),
+                    boolText(compared(outcome)), jsonNumber(outcome.processed ? r.probability : 0.0),
+                    jsonNumber(outcome.processed ? r.correlation : 0.0),
+                    jsonNumber(outcome.processed ? r.pce : 0.0),
+                    jsonNumber(outcome.processed ? r.scale : 1.0), jsonString(statusKey(outcome)),
+                    jsonString(className(outcome))) +
+           QStringLiteral(",\"reason\":%1,\"sha256\":%2,\"index\":%3,\"total\":%4,\"fingerprint\":%5,"
+                          "\"orientation\":%6}")
+               .arg(jsonString(reason(outcome)),
+                    outcome.sha256.isEmpty() ? QStringLiteral("null") : jsonString(outcome.sha256),
+                    QString::number(outcome.index), QString::number(outcome.total),
+                    jsonString(outcome.fingerprint), QString::number(outcome.processed ? r.orientation : 0));
 }
 
 bool readJsonLine(const QByteArray& line, SPhotoOutcome* outcome, QString* error)
 {
-    const auto fail = [error](const QString& why)
-    {
-        *error = why;
+    QJsonObject object;
+    if (!CJsonFields::parse(line, &object, error))
         return false;
-    };
-    if (line.size() > MaximumJsonLineBytes)
-        return fail(QStringLiteral("the line is too long for a result line"));
-    QJsonParseError parseError{};
-    const QJsonDocument document = QJsonDocument::fromJson(line, &parseError);
-    if (parseError.error != QJsonParseError::NoError || !document.isObject())
-        return fail(QStringLiteral("not a JSON object"));
-    const QJsonObject o = document.object();
-    QStringList problems;
-    const auto text = [&](const char* key, bool nullable = false)
-    {
-        const QJsonValue v = o.value(QLatin1String(key));
-        if (!v.isString() && !(nullable && v.isNull()))
-            problems << QLatin1String(key);
-        return v.toString();
-    };
-    const auto flag = [&](const char* key)
-    {
-        const QJsonValue v = o.value(QLatin1String(key));
-        if (!v.isBool())
-            problems << QLatin1String(key);
-        return v.toBool();
-    };
-    // jsonNumber writes null for NaN and infinity.
-    const auto number = [&](const char* key)
-    {
-        const QJsonValue v = o.value(QLatin1String(key));
-        if (v.isNull())
-            return std::numeric_limits<double>::quiet_NaN();
-        if (!v.isDouble())
-            problems << QLatin1String(key);
-        return v.toDouble();
-    };
-    const auto whole = [&](const char* key, int minimum)
-    {
-        const QJsonValue v = o.value(QLatin1String(key));
-        const double d = v.toDouble(-1.0);
-        if (!v.isDouble() || d != std::floor(d) || d < minimum || d > std::numeric_limits<int>::max())
-        {
-            problems << QLatin1String(key);
-            return 0;
-        }
-        return static_cast<int>(d);
-    };
-
+    CJsonFields fields(object);
     SPhotoOutcome read;
-    read.absolutePath = text("path");
+    read.absolutePath = fields.text("path");
     read.path = read.absolutePath;
     auto& r = read.result;
-    r.matched = flag("matched");
-    flag("compared");
-    r.probability = number("probability");
-    r.correlation = number("correlation");
-    r.pce = number("pce");
-    r.scale = number("scale");
+    r.matched = fields.flag("matched");
+    fields.flag("compared");
+    r.probability = fields.number("probability");
+    r.correlation = fields.number("correlation");
+    r.pce = fields.number("pce");
+    r.scale = fields.number("scale");
     bool known = false;
-    r.status = CQuorvexAPI::statusFromKey(text("status"), &known);
-    if (!known && !problems.contains(QLatin1String("status")))
-        problems << QStringLiteral("status");
-    read.processed = text("class") != resultClassName(EResultClass::NotProcessed);
-    const QString why = text("reason");
+    r.status = CQuorvexAPI::statusFromKey(fields.text("status"), &known);
+    if (!known)
+        fields.addProblem(QStringLiteral("status"));
+    read.processed = fields.text("class") != resultClassName(EResultClass::NotProcessed);
+    const QString why = fields.text("reason");
     (read.processed ? r.reason : read.reason) = why;
-    read.sha256 = text("sha256", true);
-    read.index = whole("index", 0);
-    read.total = whole("total", 1);
-    read.fingerprint = text("fingerprint");
-    r.orientation = whole("orientation", 0);
-    if (!problems.isEmpty())
-        return fail(QStringLiteral("missing or wrong type: %1").arg(problems.join(QStringLiteral(", "))));
+    read.sha256 = fields.text("sha256", true);
+    read.index = fields.whole("index", 0);
+    read.total = fields.whole("total", 1);
+    read.fingerprint = fields.text("fingerprint");
+    r.orientation = fields.whole("orientation", 0);
+    *error = fields.problemText();
+    if (!error->isEmpty())
+        return false;
     if (read.index >= read.total)
-        return fail(QStringLiteral("index %1 is not below total %2").arg(read.index).arg(read.total));
+    {
+        *error = QStringLiteral("index %1 is not below total %2").arg(read.index).arg(read.total);
+        return false;
+    }
     // Every value above is also checked against the others (a class that
     // does not fit the numbers, a changed key order, an edited number).
     if (jsonLine(read).toUtf8() != line)
-        return fail(QStringLiteral("not a line as 'analyze' writes it (edited, or from another version?)"));
+    {
+        *error = QStringLiteral("not a line as 'analyze' writes it (edited, or from another version?)");
+        return false;
+    }
     *outcome = read;
     return true;
 }
