@@ -107,6 +107,17 @@ std::shared_ptr<CFingerprintLibrary> CFingerprintLibrary::open(const QString& fo
     library->m_folder = info.absoluteFilePath();
     QList<SFile> refused;
     library->m_enginePaths = listFiles(library->m_folder, &refused);
+    if (library->m_enginePaths.isEmpty())
+    {
+        if (refused.isEmpty())
+        {
+            why = tr("it holds no fingerprint file (.fnp)");
+            return nullptr;
+        }
+        // Only unusable entries: each is named, and nothing is identified.
+        library->m_files = refused;
+        return library;
+    }
 
     std::vector<std::wstring> paths;
     std::vector<const wchar_t*> pointers;
@@ -145,7 +156,7 @@ std::shared_ptr<CFingerprintLibrary> CFingerprintLibrary::open(const QString& fo
             file.height = jsonText(report.value(QStringLiteral("height"))).toInt();
             // A file the engine can open but not use is damaged, whatever its code says about photos.
             file.status = status == 200   ? CQuorvexAPI::Success
-                          : status == 450 ? CQuorvexAPI::CannotOpenFingerprint
+                          : status == 410 ? CQuorvexAPI::CannotOpenFingerprint
                                           : CQuorvexAPI::FingerprintFileBroken;
             file.reason =
                 file.status == CQuorvexAPI::Success ? QString() : CQuorvexAPI::statusText(file.status);
@@ -188,6 +199,12 @@ CFingerprintLibrary::SIdentification CFingerprintLibrary::readAnswer(EStatus sta
     const QJsonObject object = QJsonDocument::fromJson(answer.toUtf8()).object();
     SIdentification identification;
     identification.compared = qMax(0, jsonText(object.value(QStringLiteral("compared"))).toInt());
+    for (const QJsonValue& value : object.value(QStringLiteral("failed")).toArray())
+    {
+        const int index = value.toInt(-1);
+        if (index >= 0 && index < paths.size())
+            identification.damaged.append(paths.at(index));
+    }
     // The photo's own status, by the rule a single match follows.
     SAnalysisResult photo;
     photo.status = status;

@@ -53,6 +53,9 @@ public:
         // no fingerprint; the failure (a photo that cannot be read) otherwise.
         EStatus status = qutils::CQuorvexAPI::Invalid;
         QString reason;
+        // Files whose fingerprint turned out damaged when it was loaded for
+        // this photo: left out, not counted in compared.
+        QStringList damaged;
     };
 
     // The ".fnp" files below folder (subfolders too), in natural order of

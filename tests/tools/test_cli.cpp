@@ -1339,7 +1339,15 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
     ASSERT_EQ(jsonLines.size(), 4) << json.out.toStdString();
     arguments.removeAt(3);
     arguments.removeAt(3);
-    const QStringList table = lines(run(arguments).out);
+    // A copy of A with one bit of its data flipped but a digest that vouches for
+    // it: the damage shows only when it is loaded, and must still be named.
+    QByteArray flipped = readBytes(a);
+    flipped[flipped.size() / 2] = static_cast<char>(flipped.at(flipped.size() / 2) ^ 0x10);
+    writeBytes(library.filePath(QStringLiteral("flipped.fnp")), flipped);
+    ASSERT_TRUE(QFile::copy(a + QStringLiteral(".digest"), library.filePath(QStringLiteral("flipped.fnp.digest"))));
+    const SRun tableRun = run(arguments);
+    EXPECT_TRUE(tableRun.err.contains(QStringLiteral("flipped.fnp is damaged"))) << tableRun.err.toStdString();
+    const QStringList table = lines(tableRun.out);
     for (int i = 0; i < 4; ++i)
     {
         const auto& want = expected[i];

@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QHash>
+#include <QSet>
 
 #include <memory>
 #include <mutex>
@@ -138,6 +139,7 @@ int runIdentify(const SCommandLine& commandLine)
                        .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
 
     QList<SIdentifiedPhoto> photos;
+    QSet<QString> damagedNamed;
     bool tableStarted = false;
     const auto handle = [&](const SPhotoOutcome& outcome)
     {
@@ -151,6 +153,16 @@ int runIdentify(const SCommandLine& commandLine)
             std::lock_guard<std::mutex> lock(store->mutex);
             photo.identification = store->byPath.value(outcome.absolutePath);
         }
+        // A fingerprint is verified whole only when first needed, so its
+        // damage can come to light mid-run: the examiner must hear of it.
+        for (const QString& damaged : photo.identification.damaged)
+            if (!damagedNamed.contains(damaged))
+            {
+                damagedNamed.insert(damaged);
+                CConsole::warning(QStringLiteral("the fingerprint file %1 is damaged (its checksum failed when it "
+                                                 "was first needed, for %2); no photo is compared with it")
+                                      .arg(QDir::toNativeSeparators(damaged), outcome.path));
+            }
         photos.append(photo);
         if (jsonToStdout)
         {
