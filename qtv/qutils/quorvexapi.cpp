@@ -238,23 +238,26 @@ bool isNumber(const QString& field)
 }
 } // namespace
 
-CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, const QString& photoPath)
+CQuorvexAPI::SAnalysisResult CQuorvexAPI::analysisRequest(const QString& command, const QString& first,
+                                                         const QString& photo, int extraFields, QStringList* extra)
 {
-    if (!sendable(fingerprintPath) || !sendable(photoPath))
+    SAnalysisResult result;
+    if (!sendable(first) || !sendable(photo))
     {
         QX_WARNING << "Not sent: a path with ';' or a control character cannot travel in a request ("
-                   << (sendable(fingerprintPath) ? photoPath : fingerprintPath) << ")";
-        SAnalysisResult refused;
-        refused.status = sendable(fingerprintPath) ? BrokenImage : CannotOpenFingerprint;
-        return refused;
+                   << (sendable(first) ? photo : first) << ")";
+        result.status = sendable(first) ? BrokenImage : CannotOpenFingerprint;
+        return result;
     }
     // A shorter or longer answer, or one whose numbers are not numbers, may
     // belong to another request: it is not taken.
-    const QStringList answer = request(
-        QStringLiteral("match;") + fingerprintPath + QLatin1Char(';') + photoPath + QLatin1Char('\n'),
-        [](const QStringList& fields)
-        { return fields.size() == 4 && isInteger(fields[0]) && isNumber(fields[1]) && isNumber(fields[2]); });
-    SAnalysisResult result;
+    const QStringList answer =
+        request(command + QLatin1Char(';') + first + QLatin1Char(';') + photo + QLatin1Char('\n'),
+                [extraFields, extra](const QStringList& fields)
+                {
+                    const bool sized = extra ? fields.size() >= 4 + extraFields : fields.size() == 4;
+                    return sized && isInteger(fields[0]) && isNumber(fields[1]) && isNumber(fields[2]);
+                });
     if (answer.isEmpty())
     {
         result.status = Fatal;
@@ -264,38 +267,25 @@ CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, 
     result.probability = answer.value(1).toDouble();
     result.correlation = answer.value(2).toDouble();
     result.status = statusFromKey(answer.value(3));
+    if (extra)
+        *extra = answer.mid(4);
     return result;
+}
+
+CQuorvexAPI::SAnalysisResult CQuorvexAPI::match(const QString& fingerprintPath, const QString& photoPath)
+{
+    return analysisRequest(QStringLiteral("match"), fingerprintPath, photoPath, 0);
 }
 
 CQuorvexAPI::SAnalysisResult CQuorvexAPI::identify(const QString& libraryFolder, const QString& photoPath,
                                                   QString* fingerprintPath)
 {
-    if (fingerprintPath)
-        fingerprintPath->clear();
-    SAnalysisResult result;
-    if (!sendable(libraryFolder) || !sendable(photoPath))
-    {
-        QX_WARNING << "Not sent: a path with ';' or a control character cannot travel in a request ("
-                   << (sendable(libraryFolder) ? photoPath : libraryFolder) << ")";
-        result.status = sendable(libraryFolder) ? BrokenImage : CannotOpenFingerprint;
-        return result;
-    }
+    QStringList extra;
+    const SAnalysisResult result =
+        analysisRequest(QStringLiteral("identify"), libraryFolder, photoPath, 1, &extra);
     // The fingerprint's path comes last, so a ';' in it stays in it.
-    const QStringList answer = request(
-        QStringLiteral("identify;") + libraryFolder + QLatin1Char(';') + photoPath + QLatin1Char('\n'),
-        [](const QStringList& fields)
-        { return fields.size() >= 5 && isInteger(fields[0]) && isNumber(fields[1]) && isNumber(fields[2]); });
-    if (answer.isEmpty())
-    {
-        result.status = Fatal;
-        return result;
-    }
-    result.matched = answer.value(0).toInt(nullptr, 10) != 0;
-    result.probability = answer.value(1).toDouble();
-    result.correlation = answer.value(2).toDouble();
-    result.status = statusFromKey(answer.value(3));
     if (fingerprintPath)
-        *fingerprintPath = answer.mid(4).join(QLatin1Char(';'));
+        *fingerprintPath = extra.join(QLatin1Char(';'));
     return result;
 }
 

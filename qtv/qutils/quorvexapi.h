@@ -128,6 +128,11 @@ private:
     // The answer's fields when one came in time and fits the request;
     // otherwise empty, and the server is gone.
     QStringList request(const QString& line, const std::function<bool(const QStringList&)>& fits);
+    // "<command>;<fingerprint or library>;<photo>" answered by matched,
+    // probability, correlation and status (then at least extraFields more,
+    // given back in extra); a path that cannot travel is answered here.
+    SAnalysisResult analysisRequest(const QString& command, const QString& fingerprints, const QString& photo,
+                                    int extraFields, QStringList* extra = nullptr);
     bool readAnswer(QStringList* fields);
     // Reads the lines that wait unasked for; true when one is an answer.
     bool staleAnswerPending();

@@ -1383,7 +1383,9 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
             EXPECT_EQ(o.value(QStringLiteral("best")).toObject(), match) << "the strongest match is the best";
         }
         if (want.compared == 0)
+        {
             EXPECT_TRUE(o.value(QStringLiteral("best")).isNull()) << "no nearest camera without a comparison";
+        }
         ASSERT_GT(table.size(), i + 1);
         EXPECT_TRUE(table.at(i + 1).startsWith(want.photo + want.table)) << table.at(i + 1).toStdString();
     }
@@ -1432,7 +1434,9 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
     for (const bool libraryGone : {false, true})
     {
         if (libraryGone)
+        {
             ASSERT_TRUE(QDir().rename(library.path(), gone));
+        }
         const SRun refused = merge(libraryGone ? "id-1.jsonl" : "id-other.jsonl");
         EXPECT_EQ(refused.exitCode, 2);
         EXPECT_TRUE(refused.err.contains(libraryGone ? library.path() : s("merge the shards of one run")))
@@ -1819,7 +1823,9 @@ TEST(CliFormat, IdentificationsOfEveryKind)
         const QJsonObject o = QJsonDocument::fromJson(cli::identifyJsonLine(photo).toUtf8()).object();
         EXPECT_EQ(o.value(QStringLiteral("matches")).toArray().size(), photo.identification.matches.size());
         if (c.status != CQuorvexAPI::Success)
+        {
             EXPECT_TRUE(o.value(QStringLiteral("best")).isNull());
+        }
         // Read back, the line tells the same story.
         cli::SIdentifiedPhoto read;
         QString error;

@@ -18,30 +18,15 @@ namespace cli
 
 int runAnalyze(const SCommandLine& commandLine)
 {
-    SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
-    if (!reportInputProblems(inputs))
+    SPhotoInputs inputs;
+    if (!collectShard(commandLine.paths, commandLine.recursive, commandLine.shardNumber, commandLine.shardCount,
+                      inputs))
         return ExitFailure;
-    if (inputs.photos.isEmpty())
-    {
-        CConsole::error(inputs.refused.isEmpty()
-                            ? QStringLiteral("no photos found in the given paths")
-                            : QStringLiteral("no photo in the given paths can be analyzed"));
-        return ExitFailure;
-    }
-    // A shard may be empty (more shards than photos): it runs and writes no line.
-    keepShard(inputs, commandLine.shardNumber, commandLine.shardCount);
     // Checked before anything is written: evidence must never be overwritten.
-    QList<OutputOption> outputs;
-    if (!commandLine.jsonFile.isEmpty() && commandLine.jsonFile != QLatin1String("-"))
-        outputs.append({QStringLiteral("--json"), commandLine.jsonFile});
-    if (!commandLine.csvFile.isEmpty())
-        outputs.append({QStringLiteral("--csv"), commandLine.csvFile});
-    if (!commandLine.reportFile.isEmpty())
-        outputs.append({QStringLiteral("--report"), commandLine.reportFile});
     QStringList inputPaths = {commandLine.fingerprintFile};
     for (const QFileInfo& photo : inputs.photos)
         inputPaths.append(photo.filePath());
-    const QString outputError = outputProblem(outputs, inputPaths);
+    const QString outputError = outputProblem(namedOutputs(commandLine), inputPaths);
     if (!outputError.isEmpty())
     {
         CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
@@ -58,39 +43,21 @@ int runAnalyze(const SCommandLine& commandLine)
         return ExitFailure;
     }
 
-    const bool jsonToStdout = commandLine.jsonFile == QLatin1String("-");
-    std::unique_ptr<CResultFile> jsonFile;
-    std::unique_ptr<CResultFile> csvFile;
-    if (!commandLine.jsonFile.isEmpty() && !jsonToStdout)
-        jsonFile = std::make_unique<CResultFile>(commandLine.jsonFile);
-    if (!commandLine.csvFile.isEmpty())
-        csvFile = std::make_unique<CResultFile>(commandLine.csvFile);
-    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
-    {
-        if (file && !file->open())
-        {
-            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), file->errorString()));
-            return ExitFailure;
-        }
-    }
-    if (csvFile)
-        csvFile->writeLine(csvHeader());
+    CResultOutputs results(commandLine);
+    if (!results.open(csvHeader()))
+        return ExitFailure;
 
     qutils::platform::catchInterrupts();
     CAnalyzeJob job(inputs.photos, fingerprint, commandLine.skipDifferentCamera, commandLine.threads);
     // The files and the report name each photo by its hash too.
-    job.setHashFiles(jsonToStdout || jsonFile || csvFile || !commandLine.reportFile.isEmpty());
-    const QString shardText = commandLine.shardCount > 1 ? QStringLiteral(" (shard %1/%2 of %3)")
-                                                               .arg(commandLine.shardNumber)
-                                                               .arg(commandLine.shardCount)
-                                                               .arg(inputs.total)
-                                                         : QString();
+    job.setHashFiles(!commandLine.jsonFile.isEmpty() || !commandLine.csvFile.isEmpty() ||
+                     !commandLine.reportFile.isEmpty());
     CConsole::note(QStringLiteral("analyzing %1 photos%2 against %3 on %4 %5")
                        .arg(inputs.photos.size())
-                       .arg(shardText, commandLine.fingerprintFile)
+                       .arg(shardNote(commandLine.shardNumber, commandLine.shardCount, inputs.total),
+                            commandLine.fingerprintFile)
                        .arg(job.threadCount())
                        .arg(job.threadCount() == 1 ? QStringLiteral("thread") : QStringLiteral("threads")));
-    bool tableStarted = false;
     // Outcomes arrive in list order, the refused files last: their count is their place.
     int delivered = 0;
     const QString fingerprintPath = QFileInfo(commandLine.fingerprintFile).absoluteFilePath();
@@ -100,21 +67,7 @@ int runAnalyze(const SCommandLine& commandLine)
         outcome.index = inputs.indexes.at(delivered++);
         outcome.total = inputs.total;
         outcome.fingerprint = fingerprintPath;
-        if (jsonToStdout)
-        {
-            CConsole::out(jsonLine(outcome));
-        }
-        else
-        {
-            if (!tableStarted)
-                CConsole::out(tableHeader());
-            tableStarted = true;
-            CConsole::out(tableLine(outcome));
-        }
-        if (jsonFile)
-            jsonFile->writeLine(jsonLine(outcome));
-        if (csvFile)
-            csvFile->writeLine(csvLine(outcome));
+        results.write(jsonLine(outcome), {csvLine(outcome)}, tableHeader(), tableLine(outcome));
     };
     job.setOutcomeHandler(handle);
     // The job's pool is left idle for a shard with no photo to match.
@@ -137,34 +90,9 @@ int runAnalyze(const SCommandLine& commandLine)
         handle(outcome);
     }
 
-    // With JSON on standard output the summary must not mix into it.
-    const QStringList summary = summaryLines(summarize(outcomes, job.seconds()));
-    if (jsonToStdout)
-    {
-        for (const QString& line : summary)
-            CConsole::err(line);
-    }
-    else
-    {
-        CConsole::out(QString());
-        for (const QString& line : summary)
-            CConsole::out(line);
-    }
-
-    bool filesWritten = true;
-    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
-    {
-        if (!file)
-            continue;
-        const QString error = file->close();
-        if (!error.isEmpty())
-        {
-            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), error));
-            filesWritten = false;
-        }
-    }
-    int exitCode = filesWritten ? ExitDone : ExitFailure;
-    if (!commandLine.reportFile.isEmpty() && filesWritten)
+    results.summary(summaryLines(summarize(outcomes, job.seconds())));
+    int exitCode = results.close();
+    if (!commandLine.reportFile.isEmpty() && exitCode == ExitDone)
     {
         // The folder of the first path given, or of the first photo.
         QString folder = commandLine.paths.isEmpty() ? QString() : commandLine.paths.first();
@@ -175,11 +103,7 @@ int runAnalyze(const SCommandLine& commandLine)
     }
     // Standard output may have gone (a reader that stopped early): the files
     // above were still finished, but the run did not deliver all it was asked.
-    if (CConsole::outFailed())
-    {
-        CConsole::error(QStringLiteral("cannot write to standard output: its reader has gone"));
-        exitCode = ExitFailure;
-    }
+    exitCode = checkStandardOutput(exitCode);
     if (job.interrupted())
     {
         CConsole::note(

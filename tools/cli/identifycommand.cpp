@@ -34,18 +34,10 @@ struct SIdentificationStore
 
 int runIdentify(const SCommandLine& commandLine)
 {
-    SPhotoInputs inputs = collectPhotos(commandLine.paths, commandLine.recursive);
-    if (!reportInputProblems(inputs))
+    SPhotoInputs inputs;
+    if (!collectShard(commandLine.paths, commandLine.recursive, commandLine.shardNumber, commandLine.shardCount,
+                      inputs))
         return ExitFailure;
-    if (inputs.photos.isEmpty())
-    {
-        CConsole::error(inputs.refused.isEmpty()
-                            ? QStringLiteral("no photos found in the given paths")
-                            : QStringLiteral("no photo in the given paths can be analyzed"));
-        return ExitFailure;
-    }
-    // A shard may be empty (more shards than photos): it runs and writes no line.
-    keepShard(inputs, commandLine.shardNumber, commandLine.shardCount);
     if (!QFileInfo(commandLine.libraryFolder).isDir())
     {
         CConsole::error(QStringLiteral("cannot read the fingerprint library %1: no such folder")
@@ -53,17 +45,10 @@ int runIdentify(const SCommandLine& commandLine)
         return ExitFailure;
     }
     // Checked before anything is written: evidence must never be overwritten.
-    QList<OutputOption> outputs;
-    if (!commandLine.jsonFile.isEmpty() && commandLine.jsonFile != QLatin1String("-"))
-        outputs.append({QStringLiteral("--json"), commandLine.jsonFile});
-    if (!commandLine.csvFile.isEmpty())
-        outputs.append({QStringLiteral("--csv"), commandLine.csvFile});
-    if (!commandLine.reportFile.isEmpty())
-        outputs.append({QStringLiteral("--report"), commandLine.reportFile});
     QStringList inputPaths = CFingerprintLibrary::listFiles(commandLine.libraryFolder);
     for (const QFileInfo& photo : inputs.photos)
         inputPaths.append(photo.filePath());
-    const QString outputError = outputProblem(outputs, inputPaths);
+    const QString outputError = outputProblem(namedOutputs(commandLine), inputPaths);
     if (!outputError.isEmpty())
     {
         CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));
@@ -90,23 +75,9 @@ int runIdentify(const SCommandLine& commandLine)
         return ExitFailure;
     }
 
-    const bool jsonToStdout = commandLine.jsonFile == QLatin1String("-");
-    std::unique_ptr<CResultFile> jsonFile;
-    std::unique_ptr<CResultFile> csvFile;
-    if (!commandLine.jsonFile.isEmpty() && !jsonToStdout)
-        jsonFile = std::make_unique<CResultFile>(commandLine.jsonFile);
-    if (!commandLine.csvFile.isEmpty())
-        csvFile = std::make_unique<CResultFile>(commandLine.csvFile);
-    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
-    {
-        if (file && !file->open())
-        {
-            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), file->errorString()));
-            return ExitFailure;
-        }
-    }
-    if (csvFile)
-        csvFile->writeLine(identifyCsvHeader());
+    CResultOutputs results(commandLine);
+    if (!results.open(identifyCsvHeader()))
+        return ExitFailure;
 
     qutils::platform::catchInterrupts();
     const auto store = std::make_shared<SIdentificationStore>();
@@ -124,15 +95,11 @@ int runIdentify(const SCommandLine& commandLine)
             return summary;
         },
         commandLine.threads);
-    job.setHashFiles(jsonToStdout || jsonFile || csvFile || !commandLine.reportFile.isEmpty());
-    const QString shardText = commandLine.shardCount > 1 ? QStringLiteral(" (shard %1/%2 of %3)")
-                                                               .arg(commandLine.shardNumber)
-                                                               .arg(commandLine.shardCount)
-                                                               .arg(inputs.total)
-                                                         : QString();
+    job.setHashFiles(!commandLine.jsonFile.isEmpty() || !commandLine.csvFile.isEmpty() ||
+                     !commandLine.reportFile.isEmpty());
     CConsole::note(QStringLiteral("identifying %1 photos%2 against %3 fingerprints in %4 on %5 %6")
                        .arg(inputs.photos.size())
-                       .arg(shardText)
+                       .arg(shardNote(commandLine.shardNumber, commandLine.shardCount, inputs.total))
                        .arg(library->usableCount())
                        .arg(commandLine.libraryFolder)
                        .arg(job.threadCount())
@@ -140,7 +107,6 @@ int runIdentify(const SCommandLine& commandLine)
 
     QList<SIdentifiedPhoto> photos;
     QSet<QString> damagedNamed;
-    bool tableStarted = false;
     const auto handle = [&](const SPhotoOutcome& outcome)
     {
         SIdentifiedPhoto photo;
@@ -164,25 +130,13 @@ int runIdentify(const SCommandLine& commandLine)
                                       .arg(QDir::toNativeSeparators(damaged), outcome.path));
             }
         photos.append(photo);
-        if (jsonToStdout)
-        {
-            CConsole::out(identifyJsonLine(photo));
-        }
-        else
-        {
-            if (!tableStarted)
-                CConsole::out(identifyTableHeader());
-            tableStarted = true;
-            CConsole::out(identifyTableLine(photo));
-        }
-        if (jsonFile)
-            jsonFile->writeLine(identifyJsonLine(photo));
-        if (csvFile)
-            for (const QString& row : identifyCsvRows(photo))
-                csvFile->writeLine(row);
+        results.write(identifyJsonLine(photo), identifyCsvRows(photo), identifyTableHeader(),
+                      identifyTableLine(photo));
     };
     job.setOutcomeHandler(handle);
-    job.run();
+    // The job's pool is left idle for a shard with no photo to match.
+    if (!inputs.photos.isEmpty())
+        job.run();
     // The files that could not be analysed come last, each with its reason.
     for (const SRefusedFile& file : inputs.refused)
     {
@@ -193,34 +147,12 @@ int runIdentify(const SCommandLine& commandLine)
         handle(outcome);
     }
 
-    // With JSON on standard output the summary must not mix into it.
-    const QStringList summary = identifySummaryLines(photos, job.seconds());
-    if (!jsonToStdout)
-        CConsole::out(QString());
-    for (const QString& line : summary)
-        jsonToStdout ? CConsole::err(line) : CConsole::out(line);
-
-    bool filesWritten = true;
-    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
-    {
-        if (!file)
-            continue;
-        const QString error = file->close();
-        if (!error.isEmpty())
-        {
-            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), error));
-            filesWritten = false;
-        }
-    }
-    int exitCode = filesWritten ? ExitDone : ExitFailure;
-    if (!commandLine.reportFile.isEmpty() && filesWritten)
+    results.summary(identifySummaryLines(photos, job.seconds()));
+    int exitCode = results.close();
+    if (!commandLine.reportFile.isEmpty() && exitCode == ExitDone)
         exitCode = writeIdentifyReport(photos, *library, commandLine.reportFile, commandLine.caseNumber,
                                        commandLine.examiner, commandLine.notes);
-    if (CConsole::outFailed())
-    {
-        CConsole::error(QStringLiteral("cannot write to standard output: its reader has gone"));
-        exitCode = ExitFailure;
-    }
+    exitCode = checkStandardOutput(exitCode);
     if (job.interrupted())
     {
         CConsole::note(

@@ -282,7 +282,7 @@ struct SMergedRun
 {
     QStringList jsonLines;
     QString csvHeader;
-    QStringList csvRows;
+    QList<QStringList> csvRows; // per photo
     QString tableHeader;
     QStringList tableLines;
     QStringList summary;
@@ -293,68 +293,16 @@ struct SMergedRun
 // that cannot finish writes nothing.
 int writeMerged(const SCommandLine& commandLine, const SMergedRun& run, const std::function<int()>& report)
 {
-    const bool jsonToStdout = commandLine.jsonFile == QLatin1String("-");
-    std::unique_ptr<CResultFile> jsonFile;
-    std::unique_ptr<CResultFile> csvFile;
-    if (!commandLine.jsonFile.isEmpty() && !jsonToStdout)
-        jsonFile = std::make_unique<CResultFile>(commandLine.jsonFile);
-    if (!commandLine.csvFile.isEmpty())
-        csvFile = std::make_unique<CResultFile>(commandLine.csvFile);
-    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
-    {
-        if (file && !file->open())
-        {
-            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), file->errorString()));
-            return ExitFailure;
-        }
-    }
-    if (csvFile)
-    {
-        csvFile->writeLine(run.csvHeader);
-        for (const QString& row : run.csvRows)
-            csvFile->writeLine(row);
-    }
-    if (jsonFile)
-        for (const QString& line : run.jsonLines)
-            jsonFile->writeLine(line);
-    // With JSON on standard output the table and summary must not mix into it.
-    if (jsonToStdout)
-    {
-        for (const QString& line : run.jsonLines)
-            CConsole::out(line);
-        for (const QString& line : run.summary)
-            CConsole::err(line);
-    }
-    else
-    {
-        CConsole::out(run.tableHeader);
-        for (const QString& line : run.tableLines)
-            CConsole::out(line);
-        CConsole::out(QString());
-        for (const QString& line : run.summary)
-            CConsole::out(line);
-    }
-
-    bool filesWritten = true;
-    for (CResultFile* file : {jsonFile.get(), csvFile.get()})
-    {
-        if (!file)
-            continue;
-        const QString error = file->close();
-        if (!error.isEmpty())
-        {
-            CConsole::error(QStringLiteral("cannot write %1: %2").arg(file->path(), error));
-            filesWritten = false;
-        }
-    }
-    int exitCode = filesWritten ? ExitDone : ExitFailure;
-    if (report && filesWritten)
+    CResultOutputs results(commandLine);
+    if (!results.open(run.csvHeader))
+        return ExitFailure;
+    for (int i = 0; i < run.jsonLines.size(); ++i)
+        results.write(run.jsonLines.at(i), run.csvRows.at(i), run.tableHeader, run.tableLines.at(i));
+    results.summary(run.summary);
+    int exitCode = results.close();
+    if (report && exitCode == ExitDone)
         exitCode = report();
-    if (CConsole::outFailed())
-    {
-        CConsole::error(QStringLiteral("cannot write to standard output: its reader has gone"));
-        exitCode = ExitFailure;
-    }
+    exitCode = checkStandardOutput(exitCode);
     return exitCode;
 }
 
@@ -385,7 +333,7 @@ int mergeAnalyze(const SCommandLine& commandLine, const QList<SShardLine>& lines
         outcomes.append(line.outcome);
         outcomes.last().path = tablePath(line.outcome.absolutePath);
         run.jsonLines << jsonLine(outcomes.last());
-        run.csvRows << csvLine(outcomes.last());
+        run.csvRows.append({csvLine(outcomes.last())});
         run.tableLines << tableLine(outcomes.last());
     }
     run.summary = summaryLines(summarize(outcomes, 0.0)).mid(0, 4);
@@ -427,7 +375,7 @@ int mergeIdentify(const SCommandLine& commandLine, const QList<SShardLine>& line
         photos.append(line.photo);
         photos.last().outcome.path = tablePath(line.photo.outcome.absolutePath);
         run.jsonLines << identifyJsonLine(photos.last());
-        run.csvRows << identifyCsvRows(photos.last());
+        run.csvRows.append(identifyCsvRows(photos.last()));
         run.tableLines << identifyTableLine(photos.last());
     }
     run.summary = identifySummaryLines(photos, 0.0).mid(0, 5);
@@ -446,14 +394,7 @@ int mergeIdentify(const SCommandLine& commandLine, const QList<SShardLine>& line
 int runMerge(const SCommandLine& commandLine)
 {
     // Checked before anything is read or written: a shard must never be overwritten.
-    QList<OutputOption> outputs;
-    if (!commandLine.jsonFile.isEmpty() && commandLine.jsonFile != QLatin1String("-"))
-        outputs.append({QStringLiteral("--json"), commandLine.jsonFile});
-    if (!commandLine.csvFile.isEmpty())
-        outputs.append({QStringLiteral("--csv"), commandLine.csvFile});
-    if (!commandLine.reportFile.isEmpty())
-        outputs.append({QStringLiteral("--report"), commandLine.reportFile});
-    const QString outputError = outputProblem(outputs, commandLine.paths);
+    const QString outputError = outputProblem(namedOutputs(commandLine), commandLine.paths);
     if (!outputError.isEmpty())
     {
         CConsole::error(outputError + QStringLiteral(" (see quorvex-cli --help)"));

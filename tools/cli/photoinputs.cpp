@@ -75,6 +75,27 @@ void keepShard(SPhotoInputs& inputs, int number, int count)
     inputs.indexes = indexes;
 }
 
+bool collectShard(const QStringList& paths, bool recursive, int number, int count, SPhotoInputs& inputs)
+{
+    inputs = collectPhotos(paths, recursive);
+    if (!reportInputProblems(inputs))
+        return false;
+    if (inputs.photos.isEmpty())
+    {
+        CConsole::error(inputs.refused.isEmpty() ? QStringLiteral("no photos found in the given paths")
+                                                 : QStringLiteral("no photo in the given paths can be analyzed"));
+        return false;
+    }
+    // A shard may be empty (more shards than photos): it runs and writes no line.
+    keepShard(inputs, number, count);
+    return true;
+}
+
+QString shardNote(int number, int count, int total)
+{
+    return count > 1 ? QStringLiteral(" (shard %1/%2 of %3)").arg(number).arg(count).arg(total) : QString();
+}
+
 bool reportInputProblems(const SPhotoInputs& inputs)
 {
     for (const QString& path : inputs.missing)

@@ -37,6 +37,13 @@ void keepShard(SPhotoInputs& inputs, int number, int count);
 // Tells the user about missing, skipped and refused paths; false when any is missing.
 bool reportInputProblems(const SPhotoInputs& inputs);
 
+// The photos of a matching command: collected, problems told, then the shard
+// kept (number of count; 1 of 1 keeps all). False, having said why, when
+// paths are missing or nothing in them can be analyzed at all.
+bool collectShard(const QStringList& paths, bool recursive, int number, int count, SPhotoInputs& inputs);
+// " (shard 2/3 of 14)" for a shard of a larger run, empty for a whole run.
+QString shardNote(int number, int count, int total);
+
 // An output file option and its value.
 using OutputOption = QPair<QString, QString>;
 
