@@ -559,20 +559,15 @@ TEST_F(CamsimFiles, CommandLineRuns)
     // Each bad option after a good --out; the crops lie outside the sensor,
     // the dslr profile draws the quality itself.
     std::vector<std::vector<std::string>> bad = {{}, {"--out"}};
-    for (const char* options : {"--bogus 1",         "stray",
-                                "--size 640",        "--size 8x8",
-                                "--count 0",         "--count 3x",
-                                "--quality 0",       "--bits 16",
-                                "--rotate 45",       "--orientation 9",
-                                "--scene beach",     "--format gif",
-                                "--crop 2000x100",   "--crop 100x100+1600+0",
-                                "--exposure -1",     "--unit -3",
-                                "--prefix a/b",      "--denoise 1.5",
-                                "--profile compact", "--profile dslr --quality 80"})
+    std::istringstream rows(
+        "--bogus 1|stray|--size 640|--size 8x8|--count 0|--count 3x|--quality 0|--bits 16|"
+        "--rotate 45|--orientation 9|--scene beach|--format gif|--crop 2000x100|"
+        "--crop 100x100+1600+0|--exposure -1|--unit -3|--prefix a/b|--denoise 1.5|"
+        "--profile compact|--profile dslr --quality 80");
+    for (std::string row; std::getline(rows, row, '|');)
     {
-        bad.push_back({"--out", out});
-        std::istringstream words(options);
-        bad.back().insert(bad.back().end(), std::istream_iterator<std::string>(words), {});
+        std::istringstream words("--out " + out + " " + row);
+        bad.emplace_back(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
     }
     std::ostringstream o, e;
     for (const auto& args : bad)
@@ -637,17 +632,13 @@ TEST_F(CamsimFiles, CommandLineRuns)
     EXPECT_NE(e.str().find("camsim: "), std::string::npos);
 
     // The program itself: exit status and streams.
-    const std::string program = "\"" + std::string(CAMSIM_EXECUTABLE) + "\"";
-    EXPECT_EQ(std::system((program + " --help > \"" + path("help.txt") + "\"").c_str()), 0);
+    const auto shell = [](const std::string& arguments)
+    { return std::system(("\"" + std::string(CAMSIM_EXECUTABLE) + "\" " + arguments).c_str()); };
+    EXPECT_EQ(shell("--help > \"" + path("help.txt") + "\""), 0);
     EXPECT_NE(fileBytes(path("help.txt")).find("--orientation"), std::string::npos);
-    EXPECT_NE(
-        std::system(
-            (program + " --size 8x8 --out \"" + path("x") + "\" 2> \"" + path("err.txt") + "\"").c_str()),
-        0);
+    EXPECT_NE(shell("--size 8x8 --out \"" + path("x") + "\" 2> \"" + path("err.txt") + "\""), 0);
     EXPECT_NE(fileBytes(path("err.txt")).find("sensor size"), std::string::npos);
-    EXPECT_EQ(std::system((program + " --size 64x48 --count 2 --out \"" + path("bin") + "\" > \"" +
-                           path("list.txt") + "\"")
-                              .c_str()),
+    EXPECT_EQ(shell("--size 64x48 --count 2 --out \"" + path("bin") + "\" > \"" + path("list.txt") + "\""),
               0);
     EXPECT_TRUE(fs::exists(path("bin/img_0002.jpg")));
     EXPECT_NE(fileBytes(path("list.txt")).find("img_0002.jpg"), std::string::npos);
