@@ -96,17 +96,6 @@ struct SFakeLoader
     }
 };
 
-CQuorvexAPI::SAnalysisResult makeResult(bool matched, double probability, double correlation,
-                                        CQuorvexAPI::EStatus status)
-{
-    CQuorvexAPI::SAnalysisResult result;
-    result.matched = matched;
-    result.probability = probability;
-    result.correlation = correlation;
-    result.status = status;
-    return result;
-}
-
 // Records the whole output at every flush, to see that each answer goes out at once.
 class CFlushRecorder : public std::stringbuf
 {
@@ -128,30 +117,17 @@ protected:
     char do_decimal_point() const override { return ','; }
 };
 
+// Sets an environment variable (removes it for a null value) while it lives.
 class CScopedEnv
 {
 public:
-    CScopedEnv(const char* name, const QByteArray& value)
-        : m_name(name), m_had(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
-    {
-        if (value.isNull())
-            qunsetenv(name);
-        else
-            qputenv(name, value);
-    }
-    ~CScopedEnv()
-    {
-        if (m_had)
-            qputenv(m_name, m_old);
-        else
-            qunsetenv(m_name);
-    }
-    CScopedEnv(const CScopedEnv&) = delete;
-    CScopedEnv& operator=(const CScopedEnv&) = delete;
+    CScopedEnv(const char* name, const QByteArray& value) : m_name(name), m_old(qgetenv(name)) { set(value); }
+    ~CScopedEnv() { set(m_old); }
+    Q_DISABLE_COPY(CScopedEnv)
 
 private:
+    void set(const QByteArray& value) { value.isNull() ? qunsetenv(m_name) : qputenv(m_name, value); }
     const char* m_name;
-    bool m_had;
     QByteArray m_old;
 };
 
@@ -214,6 +190,7 @@ TEST(IntegrationServer, SessionsOverStreams)
         std::string output;
         QStringList loads;
         QStringList photos;
+        CQuorvexAPI::SAnalysisResult result{true, 0.5, 0.25, CQuorvexAPI::Success};
     } cases[] = {
         {"end of input ends with zero", true, "", Greeting, {}, {}},
         {"an inactive licence only says so and reads nothing", false, "fingerprintStatus;good.fnp\n",
@@ -235,12 +212,17 @@ TEST(IntegrationServer, SessionsOverStreams)
          "quitQuorvex\r\nfingerprintStatus;never.fnp\n",
          Greeting + refused + "thisIsNotLibraryAnswer;1;0.5;0.25;success\n",
          {"/d\u00e1ta/k\u00fc.fnp", "good \u20ac.fnp"}, {"/ph\u00f6to.jpg"}},
+        {"a match answers with the fingerprint's result; extra fields are ignored, missing ones empty", true,
+         "match;good.fnp;/photos/b.tif;ignored\nmatch;good.fnp\n",
+         Greeting + "thisIsNotLibraryAnswer;0;0;-0.25;notsupportedformat\n"
+                    "thisIsNotLibraryAnswer;0;0;-0.25;notsupportedformat\n",
+         {"good.fnp"}, {"/photos/b.tif", ""}, {false, 0.0, -0.25, CQuorvexAPI::NotSupportedFormat}},
     };
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.name);
         SFakeLoader fake;
-        fake.fingerprint = std::make_shared<CFakeFingerprint>(makeResult(true, 0.5, 0.25, CQuorvexAPI::Success));
+        fake.fingerprint = std::make_shared<CFakeFingerprint>(c.result);
         CIntegrationServer server(c.active, fake.loader());
         std::istringstream in(c.input);
         std::ostringstream out;
@@ -248,6 +230,8 @@ TEST(IntegrationServer, SessionsOverStreams)
         EXPECT_EQ(out.str(), c.output);
         EXPECT_EQ(fake.calls, c.loads);
         EXPECT_EQ(fake.fingerprint->m_photos, c.photos);
+        EXPECT_EQ(fake.fingerprint->m_skipFlags, std::vector<bool>(c.photos.size(), false))
+            << "the different-camera rule is off in this mode";
         if (!c.active)
         {
             EXPECT_EQ(static_cast<long long>(in.tellg()), 0) << "no request may be read";
@@ -258,7 +242,7 @@ TEST(IntegrationServer, SessionsOverStreams)
 TEST(IntegrationServer, EveryAnswerIsFlushedAsItIsWritten)
 {
     SFakeLoader fake;
-    fake.fingerprint = std::make_shared<CFakeFingerprint>(makeResult(false, 0, 0, CQuorvexAPI::BrokenImage));
+    fake.fingerprint = std::make_shared<CFakeFingerprint>(CQuorvexAPI::SAnalysisResult{false, 0, 0, CQuorvexAPI::BrokenImage});
     CIntegrationServer server(true, fake.loader());
     std::istringstream in("fingerprintStatus;x.fnp\nnoise\nmatch;good.fnp;p.jpg\n");
     CFlushRecorder recorder;
@@ -271,32 +255,6 @@ TEST(IntegrationServer, EveryAnswerIsFlushedAsItIsWritten)
     EXPECT_EQ(std::vector<std::string>(recorder.m_flushed.begin(), recorder.m_flushed.begin() + 3),
               (std::vector<std::string>{Greeting, second, third}));
     EXPECT_EQ(recorder.m_flushed.back(), third);
-}
-
-TEST(IntegrationServer, MatchAnswersWithTheFingerprintsResult)
-{
-    SFakeLoader fake;
-    fake.fingerprint =
-        std::make_shared<CFakeFingerprint>(makeResult(true, 0.123456789, 1.5e-5, CQuorvexAPI::Success));
-    CIntegrationServer server(true, fake.loader());
-
-    EXPECT_EQ(server.answerTo("match;good.fnp;/photos/a.jpg"),
-              "thisIsNotLibraryAnswer;1;0.123457;1.5e-05;success");
-    fake.fingerprint->m_result = makeResult(false, 0.0, -0.25, CQuorvexAPI::NotSupportedFormat);
-    EXPECT_EQ(server.answerTo("match;good.fnp;/photos/b.tif;ignored"),
-              "thisIsNotLibraryAnswer;0;0;-0.25;notsupportedformat");
-    // Missing fields are empty text: still an answer.
-    EXPECT_EQ(server.answerTo("match;good.fnp"), "thisIsNotLibraryAnswer;0;0;-0.25;notsupportedformat");
-    // Not compared: the status says so, never a bare "no match".
-    fake.fingerprint->m_result = makeResult(false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize);
-    EXPECT_EQ(server.answerTo("match;good.fnp;/photos/big.jpg"),
-              "thisIsNotLibraryAnswer;0;0;0;imagefingerprintinconsistentsize");
-
-    EXPECT_EQ(fake.fingerprint->m_photos, (QStringList{QStringLiteral("/photos/a.jpg"), QStringLiteral("/photos/b.tif"),
-                                                       QString(), QStringLiteral("/photos/big.jpg")}));
-    EXPECT_EQ(fake.fingerprint->m_skipFlags, (std::vector<bool>{false, false, false, false}))
-        << "the different-camera rule is off in this mode";
-    EXPECT_EQ(fake.calls, QStringList{QStringLiteral("good.fnp")}) << "loaded once, then cached";
 }
 
 TEST(IntegrationServer, FingerprintsAreCachedPerFileAndFailuresStayUntilRestart)
@@ -438,7 +396,7 @@ TEST(IntegrationServer, PathsItWouldMisreadAndOverlongLinesAreRefused)
         expected += c.second;
     }
     SFakeLoader fake;
-    fake.fingerprint = std::make_shared<CFakeFingerprint>(makeResult(true, 0.5, 0.25, CQuorvexAPI::Success));
+    fake.fingerprint = std::make_shared<CFakeFingerprint>(CQuorvexAPI::SAnalysisResult{true, 0.5, 0.25, CQuorvexAPI::Success});
     CIntegrationServer server(true, fake.loader());
     const std::string output = serve(server, input);
     EXPECT_EQ(output, expected);
