@@ -80,12 +80,17 @@ QFileInfoList photos(int n, const QString& folder = QStringLiteral("/cases/1"))
     return list;
 }
 
+class Analyzer : public ::testing::Test
+{
+protected:
+    std::shared_ptr<CScriptedFingerprint> fp = std::make_shared<CScriptedFingerprint>();
+    QSemaphore gate;
+};
+
 } // namespace
 
-TEST(Analyzer, MatchesEveryPhotoOnAllThreadsAtOnce)
+TEST_F(Analyzer, MatchesEveryPhotoOnAllThreadsAtOnce)
 {
-    auto fp = std::make_shared<CScriptedFingerprint>();
-    QSemaphore gate;
     fp->gate = &gate;
     CMultipleThreadAnalyzer analyzer(photos(12), fp, true, nullptr, 4);
     ASSERT_EQ(analyzer.threadCount(), 4);
@@ -99,18 +104,15 @@ TEST(Analyzer, MatchesEveryPhotoOnAllThreadsAtOnce)
     EXPECT_EQ(sig.started.size(), 12);
     EXPECT_EQ(sig.done.size(), 12);
     EXPECT_EQ(analyzer.analyzedCount(), 12);
-    QList<int> startedOrder = sig.started;
-    std::sort(startedOrder.begin(), startedOrder.end());
-    for (int i = 0; i < 12; ++i)
-        EXPECT_EQ(startedOrder.at(i), i) << "each photo is handed out exactly once";
+    std::sort(sig.started.begin(), sig.started.end());
+    EXPECT_EQ(sig.started, (QList<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11})) << "each photo handed out once";
     EXPECT_EQ(analyzer.results().size(), 12);
     EXPECT_EQ(analyzer.result(QStringLiteral("/cases/1/photo3.jpg")).pce, 500.0);
     EXPECT_EQ(analyzer.result(QStringLiteral("/elsewhere.jpg")).status, CQuorvexAPI::Invalid);
 }
 
-TEST(Analyzer, EmptyListAndCancelBeforeStartStillFinish)
+TEST_F(Analyzer, EmptyListAndCancelBeforeStartStillFinish)
 {
-    auto fp = std::make_shared<CScriptedFingerprint>();
     {
         CMultipleThreadAnalyzer empty(QFileInfoList(), fp, true, nullptr, 3);
         SSignals sig(empty);
@@ -137,10 +139,8 @@ TEST(Analyzer, EmptyListAndCancelBeforeStartStillFinish)
     EXPECT_EQ(machine.threadCount(), CMultipleThreadAnalyzer::poolSize(QThread::idealThreadCount()));
 }
 
-TEST(Analyzer, CancelLetsRunningPhotosFinishAndStartsNoOther)
+TEST_F(Analyzer, CancelLetsRunningPhotosFinishAndStartsNoOther)
 {
-    auto fp = std::make_shared<CScriptedFingerprint>();
-    QSemaphore gate;
     fp->gate = &gate;
     CMultipleThreadAnalyzer analyzer(photos(10), fp, true, nullptr, 2);
     SSignals sig(analyzer);
@@ -157,9 +157,8 @@ TEST(Analyzer, CancelLetsRunningPhotosFinishAndStartsNoOther)
 
 // Two spellings of one photo are one result, the later one; the engine gets
 // the absolute path either way.
-TEST(Analyzer, ResultsAreKeyedByAbsolutePathAndTheLaterOneStays)
+TEST_F(Analyzer, ResultsAreKeyedByAbsolutePathAndTheLaterOneStays)
 {
-    auto fp = std::make_shared<CScriptedFingerprint>();
     QStringList seen;
     QMutex seenMutex;
     fp->answer = [&](const QFileInfo& photo) {
@@ -192,10 +191,8 @@ TEST(Analyzer, ResultsAreKeyedByAbsolutePathAndTheLaterOneStays)
     EXPECT_EQ(seen, (QStringList{absolute, absolute, QStringLiteral("/cases/other.jpg")}));
 }
 
-TEST(Analyzer, DestroyedWhileRunningJoinsItsThreads)
+TEST_F(Analyzer, DestroyedWhileRunningJoinsItsThreads)
 {
-    auto fp = std::make_shared<CScriptedFingerprint>();
-    QSemaphore gate;
     fp->gate = &gate;
     auto analyzer = std::make_unique<CMultipleThreadAnalyzer>(photos(50), fp, true, nullptr, 2);
     analyzer->start();
