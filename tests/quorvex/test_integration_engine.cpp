@@ -168,6 +168,9 @@ TEST_F(IntegrationWithEngine, IdentifyAnswersWithTheBestFingerprintOfTheFolder)
     const QStringList hit =
         QString::fromStdString(server.answerTo("identify;" + library + ";" + ofA)).split(QLatin1Char(';'));
     EXPECT_NEAR(hit.at(3).toDouble(), direct.correlation, std::abs(direct.correlation) * 1e-3);
+    // match through the same server and its own loader finds the same camera.
+    const std::string matched = server.answerTo("match;" + s_a.toStdString() + ";" + ofA);
+    EXPECT_EQ(matched.rfind(marker + "1;", 0), 0u) << matched;
 
     // The client carries the same answer, the fingerprint's path included.
     {
