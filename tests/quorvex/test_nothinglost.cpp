@@ -4,13 +4,12 @@
 #include "fingerprint.h"
 #include "generatortask.h"
 
-#include "camsim/camera.h"
 #include "qutils/appsettings.h"
 #include "qutils/exception.h"
 #include "qutils/htmltopdftask.h"
 #include "qutils/quorvexapi.h"
 #include "qutils/tasks.h"
-#include "testutils.h"
+#include "simcamera.h"
 
 #include <QDir>
 #include <QFile>
@@ -87,20 +86,7 @@ protected:
     static void SetUpTestSuite()
     {
         s_dir = new QTemporaryDir;
-        camsim::CameraConfig config;
-        config.width = 1024;
-        config.height = 768;
-        config.unitSeed = 31;
-        const camsim::Camera camera(config);
-        for (int i = 0; i < 3; ++i)
-        {
-            camsim::ShotConfig shot;
-            shot.sceneSeed = static_cast<uint64_t>(900 + i);
-            shot.scene = i % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
-            const QString path = s_dir->filePath(QStringLiteral("ref%1.jpg").arg(i));
-            camera.shoot(shot, path.toStdString());
-            s_photos << QFileInfo(path);
-        }
+        s_photos = testutils::shootSeries(camsim::Camera(testutils::simCamera(31)), 900, 3, s_dir->path());
     }
     static void TearDownTestSuite()
     {
