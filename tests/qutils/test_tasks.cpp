@@ -1,10 +1,10 @@
+#include "logcapture.h"
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
 #include "qutils/genericwaiter.h"
 #include "qutils/taskrunner.h"
 #include "qutils/tasks.h"
 #include "qutils/threadsync.h"
-#include "logcapture.h"
 #include "testutils.h"
 
 #include <QCoreApplication>
@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -42,9 +43,12 @@ struct SProgressLog
     std::vector<qint64> positions;
 };
 
-// A child that announces `range` (when given) and then reports `positions`.
-std::shared_ptr<CTask> makeReportingChild(std::vector<qint64> positions, bool hasRange = false,
-                                          qint64 min = 0, qint64 max = 0, bool result = true)
+using Positions = std::vector<qint64>;
+
+// A child that announces [min, max] when hasRange, reports `positions`, and
+// cancels itself (failing) unless `result`.
+std::shared_ptr<CTask> makeReportingChild(Positions positions, bool hasRange = false, qint64 min = 0,
+                                          qint64 max = 0, bool result = true)
 {
     return makeTask<CFunctionTask>(
         [=](CTask* self)
@@ -58,57 +62,40 @@ std::shared_ptr<CTask> makeReportingChild(std::vector<qint64> positions, bool ha
         });
 }
 
-// Runs `child` inside [from, to] of a parent and returns the parent's positions.
-std::vector<qint64> mapThroughRange(std::shared_ptr<CTask> child, qint64 from, qint64 to,
-                                    bool* result = nullptr)
-{
-    auto parent = makeTask<CFunctionTask>([](CTask*) {});
-    SProgressLog log(parent.get());
-    const bool ok = parent->runSubTask(std::move(child), from, to);
-    if (result)
-        *result = ok;
-    EXPECT_TRUE(log.ranges.empty()) << "the range adapter must not announce a range";
-    return log.positions;
-}
-
-using Positions = std::vector<qint64>;
-
 } // namespace
 
-TEST(TaskRangeAdapter, MapsChildRangeIntoInterval)
+TEST(TaskRangeAdapter, MapsChildPositionsIntoTheParentsInterval)
 {
-    EXPECT_EQ(mapThroughRange(makeReportingChild({0, 50, 200}, true, 0, 200), 100, 300),
-              (Positions{100, 150, 300, 300}));
-    // The child's minimum is the origin of its positions.
-    EXPECT_EQ(mapThroughRange(makeReportingChild({100}, true, 50, 150), 0, 1000), (Positions{500, 1000}));
-}
-
-TEST(TaskRangeAdapter, EmptyOrReversedRangeMapsToFromAndStillEndsAtTo)
-{
-    EXPECT_EQ(mapThroughRange(makeReportingChild({0, 5, 10}, true, 0, 0), 100, 300),
-              (Positions{100, 100, 100, 300}));
-    EXPECT_EQ(mapThroughRange(makeReportingChild({7}, true, 10, 5), 100, 300), (Positions{100, 300}));
-}
-
-TEST(TaskRangeAdapter, PositionsBeforeAnyRangeMapToFrom)
-{
-    EXPECT_EQ(mapThroughRange(makeReportingChild({3, 999}), 40, 60), (Positions{40, 40, 60}));
-}
-
-TEST(TaskRangeAdapter, TruncatesTowardZero)
-{
-    // 1/3 and 2/3 of 10, and of -10: truncation, not rounding or flooring.
-    EXPECT_EQ(mapThroughRange(makeReportingChild({1, 2}, true, 0, 3), 0, 10), (Positions{3, 6, 10}));
-    EXPECT_EQ(mapThroughRange(makeReportingChild({1, 2}, true, 0, 3), 0, -10), (Positions{-3, -6, -10}));
-}
-
-TEST(TaskRangeAdapter, PassesChildResultBack)
-{
-    bool result = true;
-    mapThroughRange(makeReportingChild({}, false, 0, 0, false), 0, 10, &result);
-    EXPECT_FALSE(result);
-    mapThroughRange(makeReportingChild({}), 0, 10, &result);
-    EXPECT_TRUE(result);
+    const struct
+    {
+        const char* what;
+        Positions child;
+        bool hasRange;
+        qint64 min, max, from, to;
+        bool result;
+        Positions expected;
+    } cases[] = {
+        {"plain", {0, 50, 200}, true, 0, 200, 100, 300, true, {100, 150, 300, 300}},
+        {"the child's minimum is the origin", {100}, true, 50, 150, 0, 1000, true, {500, 1000}},
+        {"empty range", {0, 5, 10}, true, 0, 0, 100, 300, true, {100, 100, 100, 300}},
+        {"reversed range", {7}, true, 10, 5, 100, 300, true, {100, 300}},
+        {"positions before any range", {3, 999}, false, 0, 0, 40, 60, true, {40, 40, 60}},
+        // 1/3 and 2/3 of 10, and of -10: truncation, not rounding or flooring.
+        {"truncation", {1, 2}, true, 0, 3, 0, 10, true, {3, 6, 10}},
+        {"truncation toward zero", {1, 2}, true, 0, 3, 0, -10, true, {-3, -6, -10}},
+        {"failing child", {}, false, 0, 0, 0, 10, false, {10}},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.what);
+        auto parent = makeTask<CFunctionTask>([](CTask*) {});
+        SProgressLog log(parent.get());
+        EXPECT_EQ(
+            parent->runSubTask(makeReportingChild(c.child, c.hasRange, c.min, c.max, c.result), c.from, c.to),
+            c.result);
+        EXPECT_TRUE(log.ranges.empty()) << "the range adapter must not announce a range";
+        EXPECT_EQ(log.positions, c.expected);
+    }
 }
 
 TEST(TaskOffsetAdapter, ForwardsRangeAndPositionUnchanged)
@@ -158,7 +145,8 @@ TEST(TaskSubTasks, SubTaskStartedAfterTheCancelStartsCancelled)
     auto parent = makeTask<CFunctionTask>([](CTask*) {});
     parent->cancel();
     std::vector<bool> seen;
-    auto child = [&seen] { return makeTask<CFunctionTask>([&seen](CTask* task) { seen.push_back(task->isCancelled()); }); };
+    auto child = [&seen]
+    { return makeTask<CFunctionTask>([&seen](CTask* task) { seen.push_back(task->isCancelled()); }); };
     parent->runSubTaskNoProgress(child());
     parent->runSubTaskWithProgress(child());
     parent->runSubTask(child(), 0, 10);
@@ -301,6 +289,7 @@ TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
     std::exception_ptr error;
     EXPECT_TRUE(runner.isFinished(error));
     ASSERT_TRUE(error);
+    // Anything but the CException thrown escapes and fails the test.
     try
     {
         std::rethrow_exception(error);
@@ -309,9 +298,7 @@ TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
     {
         EXPECT_EQ(e.message(), QStringLiteral("disk full"));
         EXPECT_EQ(e.code(), 112);
-        return;
     }
-    FAIL() << "the stored exception is not the CException thrown";
 }
 
 TEST(TaskRunner, DestructorJoinsRunningWork)
@@ -418,9 +405,9 @@ TEST(TaskSignals, QueuedObserverInGuiThreadGetsProgressInOrder)
     CTaskRunner runner(task);
     ASSERT_TRUE(runner.runTaskAsync());
     ASSERT_TRUE(testutils::waitFor([&] { return text == QStringLiteral("done"); }));
-    ASSERT_EQ(seen.size(), 100u);
-    for (qint64 i = 0; i < 100; ++i)
-        EXPECT_EQ(seen[static_cast<size_t>(i)], i);
+    std::vector<qint64> expected(100);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(seen, expected);
     EXPECT_FALSE(offThread);
 }
 
