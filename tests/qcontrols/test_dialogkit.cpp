@@ -23,6 +23,7 @@
 #include <functional>
 
 using qcontrols::CDialogScript;
+using qcontrols::CLineInputDialog;
 using qcontrols::CMessageBoxFactory;
 using qcontrols::CModalDialogTemplate;
 using qcontrols::CScriptedDialogs;
@@ -114,7 +115,6 @@ TEST(ModalDialogTemplate, CloseRequestsGoThroughTheContent)
     auto* content = new CTestContent;
     content->mayClose = false;
     CModalDialogTemplate dialog(content, QStringLiteral("Busy"), nullptr, CModalDialogTemplate::CancelButton);
-    EXPECT_EQ(static_cast<int>(CModalDialogTemplate::CancelButton), 2048);
     dialog.open();
 
     auto* cancel = dialog.findChild<QPushButton*>(QStringLiteral("cancelButton"));
@@ -176,33 +176,27 @@ TEST(MessageBoxFactory, ScriptedAnswersAreTakenInOrderAndRecorded)
                              {QMessageBox::Ok, {}},
                              {QMessageBox::Ok, {}},
                              {QMessageBox::Ok, {}}});
-    EXPECT_TRUE(
-        CMessageBoxFactory::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Quit?")));
-    EXPECT_FALSE(
-        CMessageBoxFactory::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Again?")));
-    EXPECT_TRUE(
-        CMessageBoxFactory::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace it?")));
-    EXPECT_FALSE(
-        CMessageBoxFactory::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace?")));
-    CMessageBoxFactory::information(nullptr, QStringLiteral("Done"), QStringLiteral("Saved."));
-    CMessageBoxFactory::warning(nullptr, QStringLiteral("Careful"), QStringLiteral("Few photos."));
-    CMessageBoxFactory::error(nullptr, QStringLiteral("Failed"), QStringLiteral("Disk full."));
+    using MB = CMessageBoxFactory;
+    EXPECT_TRUE(MB::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Quit?")));
+    EXPECT_FALSE(MB::question(nullptr, QStringLiteral("Q"), QStringLiteral("Again?")));
+    EXPECT_TRUE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace it?")));
+    EXPECT_FALSE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace?")));
+    MB::information(nullptr, QStringLiteral("Done"), QStringLiteral("Saved."));
+    MB::warning(nullptr, QStringLiteral("Careful"), QStringLiteral("Few photos."));
+    MB::error(nullptr, QStringLiteral("Failed"), QStringLiteral("Disk full."));
     EXPECT_EQ(CDialogScript::remaining(), 0);
 
     const QList<CDialogScript::SShown> shown = CDialogScript::shown();
-    ASSERT_EQ(shown.size(), 7);
-    const QStringList kinds{QStringLiteral("question"),    QStringLiteral("question"),
-                            QStringLiteral("confirm"),     QStringLiteral("confirm"),
-                            QStringLiteral("information"), QStringLiteral("warning"),
-                            QStringLiteral("error")};
-    for (int i = 0; i < shown.size(); ++i)
-        EXPECT_EQ(shown.at(i).kind, kinds.at(i)) << i;
+    QStringList kinds;
+    for (const CDialogScript::SShown& box : shown)
+        kinds << box.kind;
+    ASSERT_EQ(kinds.join(QLatin1Char(' ')).toStdString(),
+              "question question confirm confirm information warning error");
     EXPECT_EQ(shown.at(0).title, QStringLiteral("Please confirm"));
     EXPECT_EQ(shown.at(0).text, QStringLiteral("Quit?"));
     EXPECT_EQ(shown.at(6).text, QStringLiteral("Disk full."));
-    EXPECT_TRUE(QApplication::topLevelWidgets().isEmpty() ||
-                std::none_of(QApplication::topLevelWidgets().cbegin(), QApplication::topLevelWidgets().cend(),
-                             [](QWidget* w) { return w->isVisible(); }));
+    const QWidgetList windows = QApplication::topLevelWidgets();
+    EXPECT_TRUE(std::none_of(windows.cbegin(), windows.cend(), [](QWidget* w) { return w->isVisible(); }));
 }
 
 TEST(MessageBoxFactory, ExhaustedScriptAnswersAsCancelledAndWarns)
@@ -262,18 +256,17 @@ TEST(LineInputDialog, ScriptedAnswers)
     CScriptedDialogs script(
         {{QDialog::Accepted, QStringLiteral("Canon EOS")}, {QDialog::Rejected, QStringLiteral("x")}});
     bool ok = false;
-    EXPECT_EQ(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"),
-                                                   QStringLiteral("init"), &ok),
+    EXPECT_EQ(CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"),
+                                        QStringLiteral("init"), &ok),
               QStringLiteral("Canon EOS"));
     EXPECT_TRUE(ok);
-    EXPECT_TRUE(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Name"),
-                                                     QStringLiteral("Camera:"), QString(), &ok)
-                    .isEmpty());
+    EXPECT_TRUE(
+        CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"), QString(), &ok)
+            .isEmpty());
     EXPECT_FALSE(ok);
     // Ran out: cancelled.
     ok = true;
-    EXPECT_TRUE(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("N"), QStringLiteral("P"),
-                                                     QString(), &ok)
+    EXPECT_TRUE(CLineInputDialog::getText(nullptr, QStringLiteral("N"), QStringLiteral("P"), QString(), &ok)
                     .isEmpty());
     EXPECT_FALSE(ok);
     ASSERT_EQ(CDialogScript::shown().size(), 3);
@@ -284,8 +277,8 @@ TEST(LineInputDialog, ScriptedAnswers)
 TEST(LineInputDialog, RealDialogReturnsTheEditedTextOrNothing)
 {
     ASSERT_FALSE(CDialogScript::isActive());
-    whenModal<qcontrols::CLineInputDialog>(
-        [](qcontrols::CLineInputDialog* d)
+    whenModal<CLineInputDialog>(
+        [](CLineInputDialog* d)
         {
             EXPECT_EQ(d->findChild<QLabel*>(QStringLiteral("promptLabel"))->text(),
                       QStringLiteral("Folder name:"));
@@ -295,20 +288,19 @@ TEST(LineInputDialog, RealDialogReturnsTheEditedTextOrNothing)
             d->button(QStringLiteral("okButton"))->click();
         });
     bool ok = false;
-    EXPECT_EQ(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Rename"),
-                                                   QStringLiteral("Folder name:"), QStringLiteral("old"),
-                                                   &ok),
+    EXPECT_EQ(CLineInputDialog::getText(nullptr, QStringLiteral("Rename"), QStringLiteral("Folder name:"),
+                                        QStringLiteral("old"), &ok),
               QStringLiteral("new"));
     EXPECT_TRUE(ok);
 
-    whenModal<qcontrols::CLineInputDialog>(
-        [](qcontrols::CLineInputDialog* d)
+    whenModal<CLineInputDialog>(
+        [](CLineInputDialog* d)
         {
             d->findChild<QLineEdit*>(QStringLiteral("lineEdit"))->setText(QStringLiteral("ignored"));
             d->button(QStringLiteral("cancelButton"))->click();
         });
-    EXPECT_TRUE(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Rename"), QStringLiteral("P"),
-                                                     QStringLiteral("old"), &ok)
+    EXPECT_TRUE(CLineInputDialog::getText(nullptr, QStringLiteral("Rename"), QStringLiteral("P"),
+                                          QStringLiteral("old"), &ok)
                     .isEmpty());
     EXPECT_FALSE(ok);
 }
@@ -359,9 +351,11 @@ TEST(FolderChooser, ScriptedAnswersGiveTheFolderOrNothing)
 {
     qcontrols::CScriptedDialogs script(
         {{QDialog::Accepted, QStringLiteral("/cases/17")}, {QDialog::Rejected, QStringLiteral("/ignored")}});
-    EXPECT_EQ(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Choose a folder"), QStringLiteral("/home")),
+    EXPECT_EQ(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Choose a folder"),
+                                                      QStringLiteral("/home")),
               QStringLiteral("/cases/17"));
-    EXPECT_TRUE(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty())
+    EXPECT_TRUE(
+        qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty())
         << "a cancelled chooser answers nothing";
     const auto shown = qcontrols::CDialogScript::shown();
     ASSERT_EQ(shown.size(), 2);
