@@ -171,11 +171,9 @@ TEST_F(FileUtilsTest, ReadsAndFormatsEveryFieldOfAFullPhoto)
                         {P::Width, 64, "64"},
                         {P::Height, 48, nullptr},
                         {P::Resolution, QSizeF(300, 300), "300 x 300 dpi"},
-                        {P::DateTimeDigitized, QDateTime(QDate(2021, 6, 15), QTime(14, 30, 6), Qt::LocalTime),
-                         "2021-06-15 14:30:06"},
+                        {P::DateTimeDigitized, {}, "2021-06-15 14:30:06"},
                         {P::DateTimeOriginal, {}, "2021-06-15 14:30:05"},
-                        {P::GPSDateTime, QDateTime(QDate(2021, 6, 15), QTime(12, 30, 5), Qt::UTC),
-                         "2021-06-15 12:30:05"},
+                        {P::GPSDateTime, {}, "2021-06-15 12:30:05"},
                         {P::ExposureTime, 1.0 / 250.0, "1/250"},
                         {P::ShutterSpeedValue, 1.0 / 256.0, "1/256"}, // APEX 8 is 2^-8 s
                         {P::FNumber, 2.8, "f/2.8"},
@@ -189,24 +187,18 @@ TEST_F(FileUtilsTest, ReadsAndFormatsEveryFieldOfAFullPhoto)
                         {P::Flash, 25, "Flash fired, auto"},
                         {P::MeteringMode, 5, "Matrix"},
                         {P::Orientation, 90, u8"90\u00B0"},
-                        {P::LensInfo, {}, "Canon EF-S18-55mm f/3.5-5.6 IS STM, 18-55 mm, f/3.5-5.6"},
+                        {P::LensInfo,
+                         QVariant::fromValue(Lens{18, 55, 3.5, 5.6, QStringLiteral("Canon"),
+                                                  QStringLiteral("EF-S18-55mm f/3.5-5.6 IS STM")}),
+                         "Canon EF-S18-55mm f/3.5-5.6 IS STM, 18-55 mm, f/3.5-5.6"},
                     });
 
-    // The offset tag applies to the original time only.
-    const QDateTime original = p.value(P::DateTimeOriginal).toDateTime();
-    EXPECT_EQ(original.date(), QDate(2021, 6, 15));
-    EXPECT_EQ(original.time(), QTime(14, 30, 5));
-    EXPECT_EQ(original.offsetFromUtc(), 7200);
-    EXPECT_EQ(p.value(P::GPSDateTime).toDateTime().timeSpec(), Qt::UTC);
+    // The offset tag applies to the original time only; GPS time is UTC, the others local.
+    const auto iso = [&p](P id) { return p.value(id).toDateTime().toString(Qt::ISODate).toStdString(); };
+    EXPECT_EQ(iso(P::DateTimeOriginal), "2021-06-15T14:30:05+02:00");
+    EXPECT_EQ(iso(P::DateTimeDigitized), "2021-06-15T14:30:06");
+    EXPECT_EQ(iso(P::GPSDateTime), "2021-06-15T12:30:05Z");
     EXPECT_EQ(p.value(P::Format).userType(), static_cast<int>(QMetaType::QString));
-
-    ASSERT_EQ(p.value(P::LensInfo).userType(), qMetaTypeId<Lens>());
-    const Lens lens = p.value(P::LensInfo).value<Lens>();
-    EXPECT_EQ(
-        (std::vector<double>{lens.minFocalLength, lens.maxFocalLength, lens.minFNumber, lens.maxFNumber}),
-        (std::vector<double>{18.0, 55.0, 3.5, 5.6}));
-    EXPECT_EQ(lens.make, QStringLiteral("Canon"));
-    EXPECT_EQ(lens.model, QStringLiteral("EF-S18-55mm f/3.5-5.6 IS STM"));
 
     // Every property of the table is there, and nothing else.
     EXPECT_EQ(p.size(), EXIFInfo::registered().size() - 1);
@@ -340,64 +332,41 @@ TEST_F(FileUtilsTest, UnreadableFilesGiveFalseAndNothingIsPrinted)
 
 TEST_F(FileUtilsTest, FormatsValuesAndLensRecords)
 {
-    Lens zoom;
-    zoom.minFocalLength = 24;
-    zoom.maxFocalLength = 105;
-    zoom.minFNumber = 4;
-    zoom.maxFNumber = 4;
-    zoom.make = QStringLiteral("Canon");
-    zoom.model = QStringLiteral("Canon EF 24-105mm f/4L IS USM");
-    Lens nameOnly;
-    nameOnly.model = QStringLiteral("XF23mmF2 R WR");
-
-    const struct
-    {
-        P id;
-        QVariant value;
-        const char* text;
-    } cases[] = {
-        {P::ExposureTime, 1.0 / 250.0, "1/250"},
-        {P::ExposureTime, 1.0 / 3.2, "1/3"}, // the denominator is rounded
-        {P::ExposureTime, 0.5, "1/2"},
-        {P::ExposureTime, 0.8, "0.8 s"}, // not 1/1
-        {P::ExposureTime, 1.0, "1 s"},
-        {P::ExposureTime, 2.5, "2.5 s"},
-        {P::ExposureTime, 30.0, "30 s"},
-        {P::FocalLength, 4.25, "4.25 mm"},
-        {P::FocalLength, 50.0, "50 mm"},
-        {P::FNumber, 1.8, "f/1.8"},
-        {P::FNumber, 11.0, "f/11"},
-        {P::SubjectDistance, 12.0, "12 m"},
-        {P::ExposureBiasValue, 0.0, "0 EV"},
-        {P::ExposureBiasValue, -1.0 / 3.0, "-0.3 EV"},
-        {P::ExposureBiasValue, 1.0, "+1 EV"},
-        {P::Resolution, QSizeF(72, 72), "72 x 72 dpi"},
-        {P::GPSLatitude, 0.5, u8"0.5\u00B0 N"},
-        {P::GPSLongitude, -0.000001, u8"0.000001\u00B0 W"},
-        {P::MeteringMode, 1, "Average"},
-        {P::MeteringMode, 2, "Average"},
-        {P::MeteringMode, 3, "Spot"},
-        {P::MeteringMode, 5, "Matrix"},
-        {P::MeteringMode, 0, "Unknown"},
-        {P::MeteringMode, 255, "Unknown"},
-        {P::Flash, 0, "No flash"},
-        {P::Flash, 1, "Flash fired"},
-        {P::Flash, 9, "Flash fired, forced on"},
-        {P::Flash, 0x59, "Flash fired, auto, red-eye reduction"},
-        {P::Flash, 0x20, "No flash function"},
-        {P::DateTimeOriginal, QDateTime(QDate(2020, 2, 29), QTime(7, 5, 9), Qt::LocalTime),
-         "2020-02-29 07:05:09"},
+    const Lens zoom{24, 105, 4, 4, QStringLiteral("Canon"), QStringLiteral("Canon EF 24-105mm f/4L IS USM")};
+    const Lens nameOnly{0, 0, 0, 0, QString(), QStringLiteral("XF23mmF2 R WR")};
+    using Texts = std::vector<std::pair<QVariant, const char*>>;
+    // An invalid value, a missing property, has nothing to show.
+    const std::pair<P, Texts> cases[] = {
+        // The denominator is rounded; 0.8 s is no "1/1".
+        {P::ExposureTime, {{1.0 / 250.0, "1/250"}, {1.0 / 3.2, "1/3"}, {0.5, "1/2"}, {0.8, "0.8 s"}}},
+        {P::ExposureTime, {{1.0, "1 s"}, {2.5, "2.5 s"}, {30.0, "30 s"}, {QVariant(), ""}}},
+        {P::FocalLength, {{4.25, "4.25 mm"}, {50.0, "50 mm"}}},
+        {P::FNumber, {{1.8, "f/1.8"}, {11.0, "f/11"}}},
+        {P::SubjectDistance, {{12.0, "12 m"}}},
+        {P::ExposureBiasValue, {{0.0, "0 EV"}, {-1.0 / 3.0, "-0.3 EV"}, {1.0, "+1 EV"}}},
+        {P::Resolution, {{QSizeF(72, 72), "72 x 72 dpi"}}},
+        {P::GPSLatitude, {{0.5, u8"0.5\u00B0 N"}}},
+        {P::GPSLongitude, {{-0.000001, u8"0.000001\u00B0 W"}}},
+        {P::MeteringMode,
+         {{1, "Average"}, {2, "Average"}, {3, "Spot"}, {5, "Matrix"}, {0, "Unknown"}, {255, "Unknown"}}},
+        {P::Flash,
+         {{0, "No flash"}, {1, "Flash fired"}, {9, "Flash fired, forced on"}, {0x20, "No flash function"}}},
+        {P::Flash, {{0x59, "Flash fired, auto, red-eye reduction"}}},
+        {P::DateTimeOriginal,
+         {{QDateTime(QDate(2020, 2, 29), QTime(7, 5, 9), Qt::LocalTime), "2020-02-29 07:05:09"},
+          {QVariant(), ""}}},
         // The make is not repeated when the model starts with it.
-        {P::LensInfo, QVariant::fromValue(zoom), "Canon EF 24-105mm f/4L IS USM, 24-105 mm, f/4"},
-        {P::LensInfo, QVariant::fromValue(nameOnly), "XF23mmF2 R WR"},
-        // Nothing to show for a missing value.
-        {P::ExposureTime, QVariant(), ""},
-        {P::DateTimeOriginal, QVariant(), ""},
-        {P::CameraModel, QVariant(), ""},
+        {P::LensInfo,
+         {{QVariant::fromValue(zoom), "Canon EF 24-105mm f/4L IS USM, 24-105 mm, f/4"},
+          {QVariant::fromValue(nameOnly), "XF23mmF2 R WR"}}},
+        {P::CameraModel, {{QVariant(), ""}}},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(EXIFInfo::formatValue(c.id, c.value).toStdString(), c.text)
-            << EXIFInfo::key(c.id).toStdString() << " " << c.value.toString().toStdString();
+    {
+        for (const auto& t : c.second)
+            EXPECT_EQ(EXIFInfo::formatValue(c.first, t.first).toStdString(), t.second)
+                << EXIFInfo::key(c.first).toStdString() << " " << t.first.toString().toStdString();
+    }
 
     // Registered under its short name, and comparable inside QVariants.
     EXPECT_EQ(QMetaType::type("EXIFInfo::LensInfo_t"), qMetaTypeId<Lens>());
