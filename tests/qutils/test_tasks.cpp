@@ -121,22 +121,16 @@ public:
 
 } // namespace
 
-TEST(TaskSubTasks, ProgressGoesThroughTheVirtualSetters)
+TEST(TaskSubTasks, ProgressGoesThroughTheVirtualSettersAndTheChildIsDropped)
 {
     auto parent = makeTask<CRecordingParent>();
-    parent->runSubTaskWithProgress(makeReportingChild({4, 8}, true, 0, 10));
+    std::shared_ptr<CTask> child = makeReportingChild({4, 8}, true, 0, 10);
+    const std::weak_ptr<CTask> weak = child;
+    EXPECT_TRUE(parent->runSubTaskWithProgress(std::move(child)));
+    EXPECT_TRUE(weak.expired()) << "the parent keeps no reference after the call";
     parent->runSubTask(makeReportingChild({5}, true, 0, 10), 0, 100);
     parent->runSubTaskNoProgress(makeReportingChild({9}, true, 0, 10));
     EXPECT_EQ(parent->positions, (Positions{4, 8, 50, 100}));
-}
-
-TEST(TaskSubTasks, ParentDropsItsReferenceOnReturn)
-{
-    auto parent = makeTask<CFunctionTask>([](CTask*) {});
-    std::shared_ptr<CTask> child = makeReportingChild({1});
-    std::weak_ptr<CTask> weak = child;
-    EXPECT_TRUE(parent->runSubTaskWithProgress(std::move(child)));
-    EXPECT_TRUE(weak.expired());
 }
 
 TEST(TaskSubTasks, SubTaskStartedAfterTheCancelStartsCancelled)
@@ -223,7 +217,7 @@ TEST(TaskCancel, CancellingParentCancelsRunningSubTaskOnRunnerThread)
     }
 }
 
-TEST(FunctionTask, CallableGetsTheTask)
+TEST(FunctionTask, CallableGetsTheTaskAndAnEmptyOneIsLogged)
 {
     CTask* seen = nullptr;
     auto task = makeTask<CFunctionTask>(
@@ -237,13 +231,9 @@ TEST(FunctionTask, CallableGetsTheTask)
     EXPECT_TRUE(task->run());
     EXPECT_EQ(seen, task.get());
     EXPECT_EQ(text, QStringLiteral("working"));
-}
 
-TEST(FunctionTask, EmptyCallableIsLoggedAndDoesNothing)
-{
     testutils::CLogCapture log;
-    auto task = makeTask<CFunctionTask>(std::function<void(CTask*)>());
-    EXPECT_FALSE(task->run());
+    EXPECT_FALSE(makeTask<CFunctionTask>(std::function<void(CTask*)>())->run());
     EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/tasks.cpp"))) << log.text().toStdString();
 }
 
@@ -318,47 +308,34 @@ TEST(TaskRunner, DestructorJoinsRunningWork)
 
 TEST(TaskRunner, DestructionReleasesTheWorkInEveryState)
 {
-    // Never started, finished with its thread still running, and with its thread ended.
+    // Never started, finished with its thread still running, and with its thread
+    // ended by the work itself, which lets the runner start (and run) it again.
     for (int state = 0; state < 3; ++state)
     {
         SCOPED_TRACE(state);
         auto token = std::make_shared<int>(0);
+        std::atomic<int> runs{0};
         {
             CTaskRunner runner(
-                [token, state]
+                [token, state, &runs]
                 {
+                    ++runs;
                     if (state == 2)
                         QThread::currentThread()->quit();
                 });
-            if (state > 0)
+            for (int start = 0; start < state; ++start)
             {
                 ASSERT_TRUE(runner.runTaskAsync());
                 runner.wait();
-            }
-            if (state == 2)
-            {
-                ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
+                if (state == 2)
+                {
+                    ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
+                }
             }
         }
+        EXPECT_EQ(runs.load(), state);
         EXPECT_EQ(token.use_count(), 1);
     }
-}
-
-TEST(TaskRunner, RestartAfterThreadEndedRerunsWork)
-{
-    std::atomic<int> runs{0};
-    // The work ends its own thread, so the runner may be started again.
-    CTaskRunner runner(
-        [&]
-        {
-            ++runs;
-            QThread::currentThread()->quit();
-        });
-    ASSERT_TRUE(runner.runTaskAsync());
-    ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
-    ASSERT_TRUE(runner.runTaskAsync());
-    runner.wait();
-    EXPECT_EQ(runs.load(), 2);
 }
 
 TEST(TaskRunner, RunsTaskAndReleasesItOnItsThread)
@@ -411,27 +388,25 @@ TEST(TaskSignals, QueuedObserverInGuiThreadGetsProgressInOrder)
     EXPECT_FALSE(offThread);
 }
 
-TEST(GenericWaiter, StopBeforeWaitReturnsTrueWithoutCallingStart)
+TEST(GenericWaiter, StopBeforeOrInsideStartIsNotLost)
 {
-    CGenericWaiter waiter(0);
-    waiter.stopWaiting();
+    CGenericWaiter before(0);
+    before.stopWaiting();
     bool started = false;
-    EXPECT_TRUE(waiter.wait([&] { started = true; }));
-    EXPECT_FALSE(started);
-}
+    EXPECT_TRUE(before.wait([&] { started = true; }));
+    EXPECT_FALSE(started) << "stopped before the wait: start is not called";
+    EXPECT_THROW(CGenericWaiter(0).wait(std::function<void()>()), std::bad_function_call);
 
-TEST(GenericWaiter, StopFromInsideStartIsNotLost)
-{
-    CGenericWaiter waiter(0);
+    CGenericWaiter inside(0);
     bool rescued = false;
     // A second stop far later, only so that a lost first one fails instead of hanging.
-    QTimer::singleShot(5000, &waiter,
+    QTimer::singleShot(5000, &inside,
                        [&]
                        {
                            rescued = true;
-                           waiter.stopWaiting();
+                           inside.stopWaiting();
                        });
-    EXPECT_TRUE(waiter.wait([&] { waiter.stopWaiting(); }));
+    EXPECT_TRUE(inside.wait([&] { inside.stopWaiting(); }));
     EXPECT_FALSE(rescued);
 }
 
@@ -489,10 +464,4 @@ TEST(GenericWaiter, StopFromForeignThreadIsLoggedAndStillCounts)
     std::thread([&] { waiter.stopWaiting(); }).join();
     EXPECT_TRUE(waiter.wait([] {}));
     EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/genericwaiter.cpp"))) << log.text().toStdString();
-}
-
-TEST(GenericWaiter, EmptyStartThrows)
-{
-    CGenericWaiter waiter(0);
-    EXPECT_THROW(waiter.wait(std::function<void()>()), std::bad_function_call);
 }
