@@ -102,8 +102,7 @@ TEST(ModalDialogTemplate, TitleContentAndButtonRow)
     dialog.button(QStringLiteral("discardButton"))->click();
     EXPECT_FALSE(dialog.isVisible());
     EXPECT_EQ(dialog.result(), 8);
-    ASSERT_EQ(finished.count(), 1);
-    EXPECT_EQ(finished.at(0).at(0).toInt(), 8);
+    EXPECT_EQ(QList<QVariantList>(finished), QList<QVariantList>{{8}});
     EXPECT_EQ(content->requests, 0);
 
     dialog.setTitle(QString());
@@ -115,6 +114,9 @@ TEST(ModalDialogTemplate, CloseRequestsGoThroughTheContent)
     auto* content = new CTestContent;
     content->mayClose = false;
     CModalDialogTemplate dialog(content, QStringLiteral("Busy"), nullptr, CModalDialogTemplate::CancelButton);
+    // A result set while hidden is kept, and must not leak into the next run of the frame.
+    dialog.closeWithResult(3);
+    EXPECT_EQ(dialog.result(), 3);
     dialog.open();
 
     auto* cancel = dialog.findChild<QPushButton*>(QStringLiteral("cancelButton"));
@@ -140,22 +142,6 @@ TEST(ModalDialogTemplate, CloseRequestsGoThroughTheContent)
     EXPECT_FALSE(dialog.isVisible());
     EXPECT_EQ(dialog.result(), QDialog::Rejected);
     EXPECT_EQ(content->requests, 4);
-}
-
-TEST(ModalDialogTemplate, CloseWithResultWhileHiddenKeepsTheResultAndLaterClosesAsk)
-{
-    auto* content = new CTestContent;
-    CModalDialogTemplate dialog(content, QString(), nullptr);
-    dialog.closeWithResult(3);
-    EXPECT_EQ(dialog.result(), 3);
-    // The pending result must not leak into the next run of the frame.
-    content->mayClose = false;
-    dialog.open();
-    dialog.reject();
-    EXPECT_TRUE(dialog.isVisible());
-    EXPECT_EQ(content->requests, 1);
-    dialog.closeWithResult(4);
-    EXPECT_EQ(dialog.result(), 4);
 }
 
 TEST(ModalDialogTemplate, ExecEndsWithTheButtonsCode)
@@ -251,27 +237,36 @@ TEST(MessageBoxFactory, UnscriptedBoxesAreRealMessageBoxes)
     EXPECT_TRUE(seen);
 }
 
-TEST(LineInputDialog, ScriptedAnswers)
+TEST(LineInputDialog, ScriptedAnswersForTextAndFolders)
 {
-    CScriptedDialogs script(
-        {{QDialog::Accepted, QStringLiteral("Canon EOS")}, {QDialog::Rejected, QStringLiteral("x")}});
+    CScriptedDialogs script({{QDialog::Accepted, QStringLiteral("Canon EOS")},
+                             {QDialog::Rejected, QStringLiteral("x")},
+                             {QDialog::Accepted, QStringLiteral("/cases/17")},
+                             {QDialog::Rejected, QStringLiteral("/ignored")}});
+    const auto text = [](bool* ok)
+    { return CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"), {}, ok); };
     bool ok = false;
-    EXPECT_EQ(CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"),
-                                        QStringLiteral("init"), &ok),
-              QStringLiteral("Canon EOS"));
+    EXPECT_EQ(text(&ok), QStringLiteral("Canon EOS"));
     EXPECT_TRUE(ok);
-    EXPECT_TRUE(
-        CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"), QString(), &ok)
-            .isEmpty());
+    EXPECT_TRUE(text(&ok).isEmpty());
     EXPECT_FALSE(ok);
+    // A cancelled chooser answers nothing.
+    EXPECT_EQ(
+        qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Folder"), QStringLiteral("/home")),
+        QStringLiteral("/cases/17"));
+    EXPECT_TRUE(
+        qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty());
     // Ran out: cancelled.
     ok = true;
-    EXPECT_TRUE(CLineInputDialog::getText(nullptr, QStringLiteral("N"), QStringLiteral("P"), QString(), &ok)
-                    .isEmpty());
+    EXPECT_TRUE(text(&ok).isEmpty());
     EXPECT_FALSE(ok);
-    ASSERT_EQ(CDialogScript::shown().size(), 3);
-    EXPECT_EQ(CDialogScript::shown().at(0).kind, QStringLiteral("input"));
-    EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Camera:"));
+
+    const QList<CDialogScript::SShown> shown = CDialogScript::shown();
+    ASSERT_EQ(shown.size(), 5);
+    EXPECT_EQ(QStringList({shown.at(0).kind, shown.at(0).title, shown.at(0).text}),
+              QStringList({QStringLiteral("input"), QStringLiteral("Name"), QStringLiteral("Camera:")}));
+    EXPECT_EQ(QStringList({shown.at(2).kind, shown.at(2).title, shown.at(2).text}),
+              QStringList({QStringLiteral("folder"), QStringLiteral("Folder"), QStringLiteral("/home")}));
 }
 
 TEST(LineInputDialog, RealDialogReturnsTheEditedTextOrNothing)
@@ -345,21 +340,4 @@ TEST(RichTextLabel, ReadsTextAsRichTextAndReportsLinks)
     // A "<" in an ordinary sentence is still read as markup (escape it yourself).
     qcontrols::CRichTextLabel plain(QStringLiteral("a &lt; b"));
     EXPECT_EQ(plain.textFormat(), Qt::RichText);
-}
-
-TEST(FolderChooser, ScriptedAnswersGiveTheFolderOrNothing)
-{
-    qcontrols::CScriptedDialogs script(
-        {{QDialog::Accepted, QStringLiteral("/cases/17")}, {QDialog::Rejected, QStringLiteral("/ignored")}});
-    EXPECT_EQ(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Choose a folder"),
-                                                      QStringLiteral("/home")),
-              QStringLiteral("/cases/17"));
-    EXPECT_TRUE(
-        qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty())
-        << "a cancelled chooser answers nothing";
-    const auto shown = qcontrols::CDialogScript::shown();
-    ASSERT_EQ(shown.size(), 2);
-    EXPECT_EQ(shown.at(0).kind, QStringLiteral("folder"));
-    EXPECT_EQ(shown.at(0).title, QStringLiteral("Choose a folder"));
-    EXPECT_EQ(shown.at(0).text, QStringLiteral("/home"));
 }
