@@ -105,23 +105,16 @@ TEST(ProgressWidget, FormStartsWithTheBarAtZeroOfOneAndTheGivenTexts)
     EXPECT_TRUE(widget.task()->isCancelled());
 }
 
-TEST(ProgressDialog, FactoryBuildsTheFrameWithTheCancelOptionAndTheWidget)
+TEST(ProgressDialog, FrameWithCancelOptionAndATaskWithoutRangeLeavesTheBarAtZeroOfOne)
 {
     auto gate = std::make_shared<SGate>();
-    gate->release = true;
-    SDialogFixture f(gatedTask(gate, true));
+    SDialogFixture f(gatedTask(gate, false));
     ASSERT_NE(f.widget, nullptr);
     EXPECT_EQ(f.dialog->options(), CModalDialogTemplate::CancelButton);
     EXPECT_EQ(f.dialog->windowTitle(), QStringLiteral("Title"));
     EXPECT_EQ(f.dialog->parentWidget(), &f.parent);
     EXPECT_NE(f.dialog->findChild<QPushButton*>(QStringLiteral("cancelButton")), nullptr);
     EXPECT_TRUE(f.dialog->isModal());
-}
-
-TEST(ProgressDialog, TaskWithoutRangeLeavesBarAtZeroOfOneUntilItEnds)
-{
-    auto gate = std::make_shared<SGate>();
-    SDialogFixture f(gatedTask(gate, false));
     f.dialog->open();
     ASSERT_TRUE(f.widget->isStarted());
     ASSERT_TRUE(waitFor([&] { return gate->reported.load(); }));
@@ -207,7 +200,7 @@ TEST(ProgressDialog, TaskThatEndsAtOnceRunsOnceAndClosesWhenTheQueuedFinishedArr
     EXPECT_TRUE(f.widget->onCloseRequest());
 }
 
-TEST(ProgressDialog, ExecReturnsResultThree)
+TEST(ProgressDialog, ExecReturnsResultThreeAndLeavesThePlainText)
 {
     auto task = qutils::makeTask<qutils::CFunctionTask>(
         [](qutils::CTask* t)
@@ -216,9 +209,11 @@ TEST(ProgressDialog, ExecReturnsResultThree)
             for (int i = 1; i <= 4; ++i)
                 t->setProgressPos(i);
         });
-    SDialogFixture f(task);
+    SDialogFixture f(task, false, QStringLiteral("%1 of %2 MB"));
     EXPECT_EQ(f.dialog->exec(), 3);
     EXPECT_EQ(barState(f.bar), (std::vector<int>{0, 4, 4}));
+    EXPECT_EQ(f.textLabel->text(), QStringLiteral("%1 of %2 MB"))
+        << "only the download dialog fills the text in";
 }
 
 TEST(ProgressDialog, ProgressFromTheWorkerThreadIsQueuedToTheBar)
@@ -279,21 +274,6 @@ TEST(ProgressDialog, DownloadDialogFollowsTheTask)
     EXPECT_EQ(f.bar->value(), 1572864);
     gate->release = true;
     ASSERT_TRUE(waitFor([&] { return !f.dialog->isVisible(); }));
-
-    // The plain dialog leaves the text alone.
-    auto gate2 = std::make_shared<SGate>();
-    gate2->release = true;
-    SDialogFixture plain(gatedTask(gate2, true,
-                                   [](qutils::CTask* t)
-                                   {
-                                       t->setProgressRange(0, 100);
-                                       t->setProgressPos(50);
-                                   }),
-                         false, QStringLiteral("%1 of %2 MB"));
-    plain.dialog->open();
-    ASSERT_TRUE(waitFor([&] { return !plain.dialog->isVisible(); }));
-    EXPECT_EQ(plain.bar->value(), 50);
-    EXPECT_EQ(plain.textLabel->text(), QStringLiteral("%1 of %2 MB"));
 }
 
 TEST(ProgressDialog, ExceptionStaysInTheRunnerAndTheDialogStillCloses)
