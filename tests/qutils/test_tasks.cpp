@@ -259,22 +259,20 @@ TEST(TaskRunner, RunsOnItsOwnThreadAndSignalsTheGuiThread)
     EXPECT_FALSE(error);
 }
 
-TEST(TaskRunner, SecondStartWhileRunningIsRefusedAndLogged)
+TEST(TaskRunner, SecondStartWhileRunningIsRefusedAndTheThrownExceptionIsHandedOut)
 {
     testutils::CLogCapture log;
     QSemaphore gate;
-    CTaskRunner runner([&] { gate.acquire(); });
+    CTaskRunner runner(
+        [&]
+        {
+            gate.acquire();
+            throw CException(QStringLiteral("disk full"), CException::TargetFull);
+        });
     EXPECT_TRUE(runner.runTaskAsync());
     EXPECT_FALSE(runner.runTaskAsync());
-    gate.release();
-    runner.wait();
     EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/taskrunner.cpp"))) << log.text().toStdString();
-}
-
-TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
-{
-    CTaskRunner runner([] { throw CException(QStringLiteral("disk full"), CException::TargetFull); });
-    ASSERT_TRUE(runner.runTaskAsync());
+    gate.release();
     runner.wait();
     std::exception_ptr error;
     EXPECT_TRUE(runner.isFinished(error));
