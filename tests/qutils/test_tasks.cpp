@@ -34,9 +34,7 @@ struct SProgressLog
     explicit SProgressLog(CTask* task)
     {
         QObject::connect(task, &CTask::progressRange,
-                         [this](qint64 a, qint64 b) {
-                             ranges.push_back({a, b});
-                         });
+                         [this](qint64 a, qint64 b) { ranges.emplace_back(a, b); });
         QObject::connect(task, &CTask::progressPos, [this](qint64 p) { positions.push_back(p); });
     }
     std::vector<std::pair<qint64, qint64>> ranges;
