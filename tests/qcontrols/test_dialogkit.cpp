@@ -155,44 +155,41 @@ TEST(ModalDialogTemplate, ExecEndsWithTheButtonsCode)
 
 TEST(MessageBoxFactory, ScriptedAnswersAreTakenInOrderAndRecorded)
 {
-    CScriptedDialogs script({{QMessageBox::Yes, {}},
-                             {QMessageBox::No, {}},
-                             {QMessageBox::Ok, {}},
-                             {QMessageBox::Cancel, {}},
-                             {QMessageBox::Ok, {}},
-                             {QMessageBox::Ok, {}},
-                             {QMessageBox::Ok, {}}});
-    using MB = CMessageBoxFactory;
-    EXPECT_TRUE(MB::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Quit?")));
-    EXPECT_FALSE(MB::question(nullptr, QStringLiteral("Q"), QStringLiteral("Again?")));
-    EXPECT_TRUE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace it?")));
-    EXPECT_FALSE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace?")));
-    MB::information(nullptr, QStringLiteral("Done"), QStringLiteral("Saved."));
-    MB::warning(nullptr, QStringLiteral("Careful"), QStringLiteral("Few photos."));
-    MB::error(nullptr, QStringLiteral("Failed"), QStringLiteral("Disk full."));
-    EXPECT_EQ(CDialogScript::remaining(), 0);
-
-    const QList<CDialogScript::SShown> shown = CDialogScript::shown();
-    QStringList kinds;
-    for (const CDialogScript::SShown& box : shown)
-        kinds << box.kind;
-    ASSERT_EQ(kinds.join(QLatin1Char(' ')).toStdString(),
-              "question question confirm confirm information warning error");
-    EXPECT_EQ(shown.at(0).title, QStringLiteral("Please confirm"));
-    EXPECT_EQ(shown.at(0).text, QStringLiteral("Quit?"));
-    EXPECT_EQ(shown.at(6).text, QStringLiteral("Disk full."));
-    const QWidgetList windows = QApplication::topLevelWidgets();
-    EXPECT_TRUE(std::none_of(windows.cbegin(), windows.cend(), [](QWidget* w) { return w->isVisible(); }));
-}
-
-TEST(MessageBoxFactory, ExhaustedScriptAnswersAsCancelledAndWarns)
-{
     testutils::CLogCapture log;
     {
-        CScriptedDialogs script({});
-        EXPECT_FALSE(CMessageBoxFactory::question(nullptr, QStringLiteral("Q"), QStringLiteral("?")));
-        EXPECT_FALSE(CMessageBoxFactory::confirm(nullptr, QStringLiteral("C"), QStringLiteral("?")));
-        EXPECT_EQ(CDialogScript::shown().size(), 2);
+        CScriptedDialogs script({{QMessageBox::Yes, {}},
+                                 {QMessageBox::No, {}},
+                                 {QMessageBox::Ok, {}},
+                                 {QMessageBox::Cancel, {}},
+                                 {QMessageBox::Ok, {}},
+                                 {QMessageBox::Ok, {}},
+                                 {QMessageBox::Ok, {}}});
+        using MB = CMessageBoxFactory;
+        EXPECT_TRUE(MB::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Quit?")));
+        EXPECT_FALSE(MB::question(nullptr, QStringLiteral("Q"), QStringLiteral("Again?")));
+        EXPECT_TRUE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace it?")));
+        EXPECT_FALSE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace?")));
+        MB::information(nullptr, QStringLiteral("Done"), QStringLiteral("Saved."));
+        MB::warning(nullptr, QStringLiteral("Careful"), QStringLiteral("Few photos."));
+        MB::error(nullptr, QStringLiteral("Failed"), QStringLiteral("Disk full."));
+        EXPECT_EQ(CDialogScript::remaining(), 0);
+        EXPECT_FALSE(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qcontrols/dialogscript.cpp")));
+        // Past its end the script answers as if cancelled, and warns.
+        EXPECT_FALSE(MB::question(nullptr, QStringLiteral("Q"), QStringLiteral("?")));
+        EXPECT_FALSE(MB::confirm(nullptr, QStringLiteral("C"), QStringLiteral("?")));
+
+        const QList<CDialogScript::SShown> shown = CDialogScript::shown();
+        QStringList kinds;
+        for (const CDialogScript::SShown& box : shown)
+            kinds << box.kind;
+        ASSERT_EQ(kinds.join(QLatin1Char(' ')).toStdString(),
+                  "question question confirm confirm information warning error question confirm");
+        EXPECT_EQ(shown.at(0).title, QStringLiteral("Please confirm"));
+        EXPECT_EQ(shown.at(0).text, QStringLiteral("Quit?"));
+        EXPECT_EQ(shown.at(6).text, QStringLiteral("Disk full."));
+        const QWidgetList windows = QApplication::topLevelWidgets();
+        EXPECT_TRUE(
+            std::none_of(windows.cbegin(), windows.cend(), [](QWidget* w) { return w->isVisible(); }));
     }
     EXPECT_TRUE(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qcontrols/dialogscript.cpp")))
         << log.text().toStdString();
