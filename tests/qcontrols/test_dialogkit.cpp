@@ -23,6 +23,7 @@
 #include <functional>
 
 using qcontrols::CDialogScript;
+using qcontrols::CLineInputDialog;
 using qcontrols::CMessageBoxFactory;
 using qcontrols::CModalDialogTemplate;
 using qcontrols::CScriptedDialogs;
@@ -101,8 +102,7 @@ TEST(ModalDialogTemplate, TitleContentAndButtonRow)
     dialog.button(QStringLiteral("discardButton"))->click();
     EXPECT_FALSE(dialog.isVisible());
     EXPECT_EQ(dialog.result(), 8);
-    ASSERT_EQ(finished.count(), 1);
-    EXPECT_EQ(finished.at(0).at(0).toInt(), 8);
+    EXPECT_EQ(QList<QVariantList>(finished), QList<QVariantList>{{8}});
     EXPECT_EQ(content->requests, 0);
 
     dialog.setTitle(QString());
@@ -114,7 +114,9 @@ TEST(ModalDialogTemplate, CloseRequestsGoThroughTheContent)
     auto* content = new CTestContent;
     content->mayClose = false;
     CModalDialogTemplate dialog(content, QStringLiteral("Busy"), nullptr, CModalDialogTemplate::CancelButton);
-    EXPECT_EQ(static_cast<int>(CModalDialogTemplate::CancelButton), 2048);
+    // A result set while hidden is kept, and must not leak into the next run of the frame.
+    dialog.closeWithResult(3);
+    EXPECT_EQ(dialog.result(), 3);
     dialog.open();
 
     auto* cancel = dialog.findChild<QPushButton*>(QStringLiteral("cancelButton"));
@@ -142,22 +144,6 @@ TEST(ModalDialogTemplate, CloseRequestsGoThroughTheContent)
     EXPECT_EQ(content->requests, 4);
 }
 
-TEST(ModalDialogTemplate, CloseWithResultWhileHiddenKeepsTheResultAndLaterClosesAsk)
-{
-    auto* content = new CTestContent;
-    CModalDialogTemplate dialog(content, QString(), nullptr);
-    dialog.closeWithResult(3);
-    EXPECT_EQ(dialog.result(), 3);
-    // The pending result must not leak into the next run of the frame.
-    content->mayClose = false;
-    dialog.open();
-    dialog.reject();
-    EXPECT_TRUE(dialog.isVisible());
-    EXPECT_EQ(content->requests, 1);
-    dialog.closeWithResult(4);
-    EXPECT_EQ(dialog.result(), 4);
-}
-
 TEST(ModalDialogTemplate, ExecEndsWithTheButtonsCode)
 {
     CModalDialogTemplate dialog(new QLabel(QStringLiteral("Go on?")), QStringLiteral("Q"));
@@ -169,50 +155,41 @@ TEST(ModalDialogTemplate, ExecEndsWithTheButtonsCode)
 
 TEST(MessageBoxFactory, ScriptedAnswersAreTakenInOrderAndRecorded)
 {
-    CScriptedDialogs script({{QMessageBox::Yes, {}},
-                             {QMessageBox::No, {}},
-                             {QMessageBox::Ok, {}},
-                             {QMessageBox::Cancel, {}},
-                             {QMessageBox::Ok, {}},
-                             {QMessageBox::Ok, {}},
-                             {QMessageBox::Ok, {}}});
-    EXPECT_TRUE(
-        CMessageBoxFactory::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Quit?")));
-    EXPECT_FALSE(
-        CMessageBoxFactory::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Again?")));
-    EXPECT_TRUE(
-        CMessageBoxFactory::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace it?")));
-    EXPECT_FALSE(
-        CMessageBoxFactory::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace?")));
-    CMessageBoxFactory::information(nullptr, QStringLiteral("Done"), QStringLiteral("Saved."));
-    CMessageBoxFactory::warning(nullptr, QStringLiteral("Careful"), QStringLiteral("Few photos."));
-    CMessageBoxFactory::error(nullptr, QStringLiteral("Failed"), QStringLiteral("Disk full."));
-    EXPECT_EQ(CDialogScript::remaining(), 0);
-
-    const QList<CDialogScript::SShown> shown = CDialogScript::shown();
-    ASSERT_EQ(shown.size(), 7);
-    const QStringList kinds{QStringLiteral("question"),    QStringLiteral("question"),
-                            QStringLiteral("confirm"),     QStringLiteral("confirm"),
-                            QStringLiteral("information"), QStringLiteral("warning"),
-                            QStringLiteral("error")};
-    for (int i = 0; i < shown.size(); ++i)
-        EXPECT_EQ(shown.at(i).kind, kinds.at(i)) << i;
-    EXPECT_EQ(shown.at(0).title, QStringLiteral("Please confirm"));
-    EXPECT_EQ(shown.at(0).text, QStringLiteral("Quit?"));
-    EXPECT_EQ(shown.at(6).text, QStringLiteral("Disk full."));
-    EXPECT_TRUE(QApplication::topLevelWidgets().isEmpty() ||
-                std::none_of(QApplication::topLevelWidgets().cbegin(), QApplication::topLevelWidgets().cend(),
-                             [](QWidget* w) { return w->isVisible(); }));
-}
-
-TEST(MessageBoxFactory, ExhaustedScriptAnswersAsCancelledAndWarns)
-{
     testutils::CLogCapture log;
     {
-        CScriptedDialogs script({});
-        EXPECT_FALSE(CMessageBoxFactory::question(nullptr, QStringLiteral("Q"), QStringLiteral("?")));
-        EXPECT_FALSE(CMessageBoxFactory::confirm(nullptr, QStringLiteral("C"), QStringLiteral("?")));
-        EXPECT_EQ(CDialogScript::shown().size(), 2);
+        CScriptedDialogs script({{QMessageBox::Yes, {}},
+                                 {QMessageBox::No, {}},
+                                 {QMessageBox::Ok, {}},
+                                 {QMessageBox::Cancel, {}},
+                                 {QMessageBox::Ok, {}},
+                                 {QMessageBox::Ok, {}},
+                                 {QMessageBox::Ok, {}}});
+        using MB = CMessageBoxFactory;
+        EXPECT_TRUE(MB::question(nullptr, QStringLiteral("Please confirm"), QStringLiteral("Quit?")));
+        EXPECT_FALSE(MB::question(nullptr, QStringLiteral("Q"), QStringLiteral("Again?")));
+        EXPECT_TRUE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace it?")));
+        EXPECT_FALSE(MB::confirm(nullptr, QStringLiteral("Overwrite"), QStringLiteral("Replace?")));
+        MB::information(nullptr, QStringLiteral("Done"), QStringLiteral("Saved."));
+        MB::warning(nullptr, QStringLiteral("Careful"), QStringLiteral("Few photos."));
+        MB::error(nullptr, QStringLiteral("Failed"), QStringLiteral("Disk full."));
+        EXPECT_EQ(CDialogScript::remaining(), 0);
+        EXPECT_FALSE(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qcontrols/dialogscript.cpp")));
+        // Past its end the script answers as if cancelled, and warns.
+        EXPECT_FALSE(MB::question(nullptr, QStringLiteral("Q"), QStringLiteral("?")));
+        EXPECT_FALSE(MB::confirm(nullptr, QStringLiteral("C"), QStringLiteral("?")));
+
+        const QList<CDialogScript::SShown> shown = CDialogScript::shown();
+        QStringList kinds;
+        for (const CDialogScript::SShown& box : shown)
+            kinds << box.kind;
+        ASSERT_EQ(kinds.join(QLatin1Char(' ')).toStdString(),
+                  "question question confirm confirm information warning error question confirm");
+        EXPECT_EQ(shown.at(0).title, QStringLiteral("Please confirm"));
+        EXPECT_EQ(shown.at(0).text, QStringLiteral("Quit?"));
+        EXPECT_EQ(shown.at(6).text, QStringLiteral("Disk full."));
+        const QWidgetList windows = QApplication::topLevelWidgets();
+        EXPECT_TRUE(
+            std::none_of(windows.cbegin(), windows.cend(), [](QWidget* w) { return w->isVisible(); }));
     }
     EXPECT_TRUE(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qcontrols/dialogscript.cpp")))
         << log.text().toStdString();
@@ -257,35 +234,43 @@ TEST(MessageBoxFactory, UnscriptedBoxesAreRealMessageBoxes)
     EXPECT_TRUE(seen);
 }
 
-TEST(LineInputDialog, ScriptedAnswers)
+TEST(LineInputDialog, ScriptedAnswersForTextAndFolders)
 {
-    CScriptedDialogs script(
-        {{QDialog::Accepted, QStringLiteral("Canon EOS")}, {QDialog::Rejected, QStringLiteral("x")}});
+    CScriptedDialogs script({{QDialog::Accepted, QStringLiteral("Canon EOS")},
+                             {QDialog::Rejected, QStringLiteral("x")},
+                             {QDialog::Accepted, QStringLiteral("/cases/17")},
+                             {QDialog::Rejected, QStringLiteral("/ignored")}});
+    const auto text = [](bool* ok)
+    { return CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"), {}, ok); };
     bool ok = false;
-    EXPECT_EQ(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Name"), QStringLiteral("Camera:"),
-                                                   QStringLiteral("init"), &ok),
-              QStringLiteral("Canon EOS"));
+    EXPECT_EQ(text(&ok), QStringLiteral("Canon EOS"));
     EXPECT_TRUE(ok);
-    EXPECT_TRUE(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Name"),
-                                                     QStringLiteral("Camera:"), QString(), &ok)
-                    .isEmpty());
+    EXPECT_TRUE(text(&ok).isEmpty());
     EXPECT_FALSE(ok);
+    // A cancelled chooser answers nothing.
+    EXPECT_EQ(
+        qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Folder"), QStringLiteral("/home")),
+        QStringLiteral("/cases/17"));
+    EXPECT_TRUE(
+        qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty());
     // Ran out: cancelled.
     ok = true;
-    EXPECT_TRUE(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("N"), QStringLiteral("P"),
-                                                     QString(), &ok)
-                    .isEmpty());
+    EXPECT_TRUE(text(&ok).isEmpty());
     EXPECT_FALSE(ok);
-    ASSERT_EQ(CDialogScript::shown().size(), 3);
-    EXPECT_EQ(CDialogScript::shown().at(0).kind, QStringLiteral("input"));
-    EXPECT_EQ(CDialogScript::shown().at(0).text, QStringLiteral("Camera:"));
+
+    const QList<CDialogScript::SShown> shown = CDialogScript::shown();
+    ASSERT_EQ(shown.size(), 5);
+    EXPECT_EQ(QStringList({shown.at(0).kind, shown.at(0).title, shown.at(0).text}),
+              QStringList({QStringLiteral("input"), QStringLiteral("Name"), QStringLiteral("Camera:")}));
+    EXPECT_EQ(QStringList({shown.at(2).kind, shown.at(2).title, shown.at(2).text}),
+              QStringList({QStringLiteral("folder"), QStringLiteral("Folder"), QStringLiteral("/home")}));
 }
 
 TEST(LineInputDialog, RealDialogReturnsTheEditedTextOrNothing)
 {
     ASSERT_FALSE(CDialogScript::isActive());
-    whenModal<qcontrols::CLineInputDialog>(
-        [](qcontrols::CLineInputDialog* d)
+    whenModal<CLineInputDialog>(
+        [](CLineInputDialog* d)
         {
             EXPECT_EQ(d->findChild<QLabel*>(QStringLiteral("promptLabel"))->text(),
                       QStringLiteral("Folder name:"));
@@ -295,20 +280,19 @@ TEST(LineInputDialog, RealDialogReturnsTheEditedTextOrNothing)
             d->button(QStringLiteral("okButton"))->click();
         });
     bool ok = false;
-    EXPECT_EQ(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Rename"),
-                                                   QStringLiteral("Folder name:"), QStringLiteral("old"),
-                                                   &ok),
+    EXPECT_EQ(CLineInputDialog::getText(nullptr, QStringLiteral("Rename"), QStringLiteral("Folder name:"),
+                                        QStringLiteral("old"), &ok),
               QStringLiteral("new"));
     EXPECT_TRUE(ok);
 
-    whenModal<qcontrols::CLineInputDialog>(
-        [](qcontrols::CLineInputDialog* d)
+    whenModal<CLineInputDialog>(
+        [](CLineInputDialog* d)
         {
             d->findChild<QLineEdit*>(QStringLiteral("lineEdit"))->setText(QStringLiteral("ignored"));
             d->button(QStringLiteral("cancelButton"))->click();
         });
-    EXPECT_TRUE(qcontrols::CLineInputDialog::getText(nullptr, QStringLiteral("Rename"), QStringLiteral("P"),
-                                                     QStringLiteral("old"), &ok)
+    EXPECT_TRUE(CLineInputDialog::getText(nullptr, QStringLiteral("Rename"), QStringLiteral("P"),
+                                          QStringLiteral("old"), &ok)
                     .isEmpty());
     EXPECT_FALSE(ok);
 }
@@ -353,19 +337,4 @@ TEST(RichTextLabel, ReadsTextAsRichTextAndReportsLinks)
     // A "<" in an ordinary sentence is still read as markup (escape it yourself).
     qcontrols::CRichTextLabel plain(QStringLiteral("a &lt; b"));
     EXPECT_EQ(plain.textFormat(), Qt::RichText);
-}
-
-TEST(FolderChooser, ScriptedAnswersGiveTheFolderOrNothing)
-{
-    qcontrols::CScriptedDialogs script(
-        {{QDialog::Accepted, QStringLiteral("/cases/17")}, {QDialog::Rejected, QStringLiteral("/ignored")}});
-    EXPECT_EQ(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Choose a folder"), QStringLiteral("/home")),
-              QStringLiteral("/cases/17"));
-    EXPECT_TRUE(qcontrols::CFolderChooser::getDirectory(nullptr, QStringLiteral("Again"), QString()).isEmpty())
-        << "a cancelled chooser answers nothing";
-    const auto shown = qcontrols::CDialogScript::shown();
-    ASSERT_EQ(shown.size(), 2);
-    EXPECT_EQ(shown.at(0).kind, QStringLiteral("folder"));
-    EXPECT_EQ(shown.at(0).title, QStringLiteral("Choose a folder"));
-    EXPECT_EQ(shown.at(0).text, QStringLiteral("/home"));
 }

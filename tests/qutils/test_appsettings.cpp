@@ -37,30 +37,26 @@ protected:
 
 } // namespace
 
-TEST_F(AppSettingsTest, FileLivesInTheConfiguredFolder)
-{
-    EXPECT_EQ(CAppSettings::filePath(), QDir(m_dir.path()).filePath(QStringLiteral("settings.ini")));
-    CAppSettings::setConfigFolder(QString());
-    EXPECT_TRUE(CAppSettings::filePath().endsWith(QStringLiteral("/Quorvex/settings.ini")));
-}
-
 TEST_F(AppSettingsTest, MissingFileGivesEveryDefault)
 {
     EXPECT_EQ(CAppSettings::intOption(E::MainAppLogLevel), 3);
     EXPECT_DOUBLE_EQ(CAppSettings::doubleOption(E::ScaleFixed), 0.0);
     EXPECT_DOUBLE_EQ(CAppSettings::doubleOption(E::ScaleFactor), 1.0);
-    EXPECT_FALSE(CAppSettings::boolOption(E::FullScreenMode));
+    for (const E option : {E::FullScreenMode, E::InvokeOnscreenKeyboard, E::BigButtons, E::DisableShortcuts,
+                           E::DisableWebLinks})
+        EXPECT_FALSE(CAppSettings::boolOption(option)) << CAppSettings::key(option).toStdString();
     EXPECT_TRUE(CAppSettings::textOption(E::TempFolder).isEmpty());
     EXPECT_TRUE(CAppSettings::textOption(E::UpdateParameters).isEmpty());
-    EXPECT_FALSE(CAppSettings::boolOption(E::InvokeOnscreenKeyboard));
-    EXPECT_FALSE(CAppSettings::boolOption(E::BigButtons));
-    EXPECT_FALSE(CAppSettings::boolOption(E::DisableShortcuts));
-    EXPECT_FALSE(CAppSettings::boolOption(E::DisableWebLinks));
     EXPECT_EQ(CAppSettings::scaleSearch(), QStringLiteral("sized"));
     EXPECT_EQ(CAppSettings::key(E::MainAppLogLevel), QStringLiteral("Logging/MainAppLogLevel"));
     EXPECT_EQ(CAppSettings::key(E::DisableWebLinks), QStringLiteral("Options/DisableWebLinks"));
     EXPECT_EQ(CAppSettings::value(QStringLiteral("Options/NoSuchKey"), 42), 42);
     EXPECT_FALSE(QFile::exists(CAppSettings::filePath())) << "reading must not create the file";
+
+    // The file lives in the configured folder, else in the user's.
+    EXPECT_EQ(CAppSettings::filePath(), QDir(m_dir.path()).filePath(QStringLiteral("settings.ini")));
+    CAppSettings::setConfigFolder(QString());
+    EXPECT_TRUE(CAppSettings::filePath().endsWith(QStringLiteral("/Quorvex/settings.ini")));
 }
 
 TEST_F(AppSettingsTest, BooleansAndIntegersAreReadAsIntegers)
@@ -70,10 +66,12 @@ TEST_F(AppSettingsTest, BooleansAndIntegersAreReadAsIntegers)
     EXPECT_TRUE(CAppSettings::boolOption(E::FullScreenMode));
     EXPECT_FALSE(CAppSettings::boolOption(E::BigButtons));
     EXPECT_TRUE(CAppSettings::boolOption(E::DisableShortcuts));
-    EXPECT_FALSE(CAppSettings::boolOption(E::DisableWebLinks)) << "unreadable value falls back to the default";
+    EXPECT_FALSE(CAppSettings::boolOption(E::DisableWebLinks))
+        << "unreadable value falls back to the default";
     EXPECT_DOUBLE_EQ(CAppSettings::doubleOption(E::ScaleFixed), 1.5);
     EXPECT_EQ(CAppSettings::textOption(E::TempFolder), QStringLiteral("/tmp/qx"));
-    EXPECT_EQ(CAppSettings::intOption(E::MainAppLogLevel), 7) << "the raw value; the logger decides to ignore it";
+    EXPECT_EQ(CAppSettings::intOption(E::MainAppLogLevel), 7)
+        << "the raw value; the logger decides to ignore it";
 }
 
 TEST_F(AppSettingsTest, ScaleSearchIsOneOfThreeAndReachesTheEngine)
@@ -84,14 +82,15 @@ TEST_F(AppSettingsTest, ScaleSearchIsOneOfThreeAndReachesTheEngine)
         const char* used;
         bool warned;
     } cases[] = {{"full", "full", false}, {"off", "off", false}, {" sized ", "sized", false},
-                 {"OFF", "sized", true},   {"", "sized", true},   {"none", "sized", true}};
+                 {"OFF", "sized", true},  {"", "sized", true},   {"none", "sized", true}};
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.stored);
         writeFile(QByteArray("[Options]\nScaleSearch=") + c.stored + '\n');
         testutils::CLogCapture log;
         EXPECT_EQ(CAppSettings::scaleSearch(), QLatin1String(c.used));
-        EXPECT_EQ(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qutils/appsettings.cpp")), c.warned);
+        EXPECT_EQ(log.hasRecord(QStringLiteral("Warning"), QStringLiteral("qutils/appsettings.cpp")),
+                  c.warned);
     }
     CAppSettings::applyScaleSearch(QStringLiteral("full"));
     EXPECT_EQ(qgetenv("LUMICREST_SCALE_SEARCH"), QByteArray("full"));

@@ -34,6 +34,22 @@ QStringList lines(const QString& path)
     return all;
 }
 
+// Runs f, expecting the logger's CException with this text.
+template <typename F> void expectLogError(F f, const char* message)
+{
+    try
+    {
+        f();
+        ADD_FAILURE() << "expected an exception: " << message;
+    }
+    catch (const CException& e)
+    {
+        EXPECT_STREQ(e.what(), message);
+        EXPECT_EQ(e.message().toStdString(), message);
+        EXPECT_EQ(e.code(), 1287);
+    }
+}
+
 // Each test logs into a file of its own and leaves the logger as it found it.
 class LoggingTest : public ::testing::Test
 {
@@ -68,27 +84,30 @@ protected:
 
 TEST(LoggerHeader, ThreadLevelAndSourceFormats)
 {
-    const QString shortId = CLogger::makeHeader(3, nullptr, 0, 0x1A2C);
-    EXPECT_TRUE(shortId.contains(QStringLiteral("  (0x1A2C) Warning  "))) << shortId.toStdString();
-    const QString longId = CLogger::makeHeader(1, nullptr, 0, 0x11A2C);
-    EXPECT_TRUE(longId.contains(QStringLiteral("  (0x00011A2C) FATAL    "))) << longId.toStdString();
-    EXPECT_TRUE(CLogger::makeHeader(2, nullptr, 0, 1).endsWith(QStringLiteral("(0x0001) ERROR    ")));
-    EXPECT_TRUE(CLogger::makeHeader(4, nullptr, 0, 1).endsWith(QStringLiteral("Info     ")));
-    EXPECT_TRUE(CLogger::makeHeader(5, nullptr, 0, 1).endsWith(QStringLiteral("Debug    ")));
-    EXPECT_TRUE(CLogger::makeHeader(9, nullptr, 0, 1).endsWith(QStringLiteral("(0x0001) "))) << "no level name";
-
+    const auto header = [](int level, const char* file, int line, quint64 thread)
+    { return CLogger::makeHeader(level, file, line, thread).toStdString(); };
+    const std::pair<std::string, const char*> cases[] = {
+        {header(3, nullptr, 0, 0x1A2C), "  (0x1A2C) Warning  "},
+        {header(1, nullptr, 0, 0x11A2C), "  (0x00011A2C) FATAL    "},
+        {header(2, nullptr, 0, 1), "(0x0001) ERROR    "},
+        {header(4, nullptr, 0, 1), "Info     "},
+        {header(5, nullptr, 0, 1), "Debug    "},
+        {header(9, nullptr, 0, 1), "(0x0001) "}, // no level name
+        {header(3, "/home/ci/build/src/qtv/qutils/tasks.cpp", 42, 1), "Warning  qtv/qutils/tasks.cpp(42): "},
+        {header(3, "C:\\work\\qtv\\qutils\\tasks.cpp", 5, 1), "qtv\\qutils\\tasks.cpp(5): "},
+        // Without the marker the path is written whole.
+        {header(3, "/usr/include/other.h", 9, 1), "/usr/include/other.h(9): "},
+    };
+    for (const auto& c : cases)
+        EXPECT_TRUE(QString::fromStdString(c.first).endsWith(QLatin1String(c.second)))
+            << c.first << " / " << c.second;
+    // An empty source name writes no place.
     const QString date = CLogger::makeHeader(3, "", 7, 1);
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d  \\(0x0001\\) Warning  $"))
+    EXPECT_TRUE(QRegularExpression(
+                    QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d  \\(0x0001\\) Warning  $"))
                     .match(date)
                     .hasMatch())
-        << date.toStdString() << " (empty source name writes no place)";
-
-    EXPECT_TRUE(CLogger::makeHeader(3, "/home/ci/build/src/qtv/qutils/tasks.cpp", 42, 1)
-                    .endsWith(QStringLiteral("Warning  qtv/qutils/tasks.cpp(42): ")));
-    EXPECT_TRUE(CLogger::makeHeader(3, "C:\\work\\qtv\\qutils\\tasks.cpp", 5, 1)
-                    .endsWith(QStringLiteral("qtv\\qutils\\tasks.cpp(5): ")));
-    EXPECT_TRUE(CLogger::makeHeader(3, "/usr/include/other.h", 9, 1).endsWith(QStringLiteral("/usr/include/other.h(9): ")))
-        << "without the marker the path is written whole";
+        << date.toStdString();
 }
 
 TEST_F(LoggingTest, LevelsFilterAndOutOfRangeSettingsAreIgnored)
@@ -170,8 +189,10 @@ TEST_F(LoggingTest, RotatesToOldPastTheLimit)
     ASSERT_FALSE(recent.isEmpty());
     EXPECT_TRUE(recent.last().contains(QStringLiteral("line number 59 ")));
     const QStringList previous = lines(old);
-    const int firstNew = recent.first().section(QStringLiteral("line number "), 1).section(QLatin1Char(' '), 0, 0).toInt();
-    const int lastOld = previous.last().section(QStringLiteral("line number "), 1).section(QLatin1Char(' '), 0, 0).toInt();
+    const int firstNew =
+        recent.first().section(QStringLiteral("line number "), 1).section(QLatin1Char(' '), 0, 0).toInt();
+    const int lastOld =
+        previous.last().section(QStringLiteral("line number "), 1).section(QLatin1Char(' '), 0, 0).toInt();
     EXPECT_EQ(firstNew, lastOld + 1);
 }
 
@@ -200,50 +221,32 @@ TEST_F(LoggingTest, FileErrorsThrowAndReleaseTheLock)
     // A non-empty folder at the destination cannot be removed, not even by root.
     const QString blocked = m_dir.filePath(QStringLiteral("blocked.log"));
     ASSERT_TRUE(QDir().mkpath(blocked + QStringLiteral("/inner")));
-    try
-    {
-        CLogger::instance().setLogFile(blocked);
-        FAIL() << "expected an exception";
-    }
-    catch (const CException& e)
-    {
-        EXPECT_EQ(e.message(), QStringLiteral("Could not remove destination log file"));
-        EXPECT_EQ(e.code(), 1287);
-    }
+    expectLogError([&] { CLogger::instance().setLogFile(blocked); }, "Could not remove destination log file");
 
     // An unreachable log file: the logging call itself throws, from any thread, and never hangs.
     // Moving an existing log there fails at the rename and logging stays where it was...
     const QString unreachable = m_dir.filePath(QStringLiteral("no/such/folder/x.log"));
-    EXPECT_THROW(CLogger::instance().setLogFile(unreachable), CException);
+    expectLogError([&] { CLogger::instance().setLogFile(unreachable); }, "Could not rename log file");
     EXPECT_EQ(CLogger::instance().fileName(), m_path);
     // ...with nothing to move, the logger takes the new name and every record fails to open it.
     ASSERT_TRUE(QFile::remove(m_path));
     EXPECT_THROW(CLogger::instance().setLogFile(unreachable), CException);
     EXPECT_EQ(CLogger::instance().fileName(), unreachable);
     for (int attempt = 0; attempt < 2; ++attempt)
-    {
-        try
-        {
-            QX_WARNING << "cannot be written";
-            FAIL() << "expected an exception";
-        }
-        catch (const CException& e)
-        {
-            EXPECT_EQ(e.message(), QStringLiteral("Could not open logging file"));
-            EXPECT_STREQ(e.what(), "Could not open logging file");
-        }
-    }
+        expectLogError([] { QX_WARNING << "cannot be written"; }, "Could not open logging file");
     bool threwInThread = false;
-    std::thread other([&] {
-        try
+    std::thread other(
+        [&]
         {
-            QX_ERROR << "from another thread";
-        }
-        catch (const CException&)
-        {
-            threwInThread = true;
-        }
-    });
+            try
+            {
+                QX_ERROR << "from another thread";
+            }
+            catch (const CException&)
+            {
+                threwInThread = true;
+            }
+        });
     other.join();
     EXPECT_TRUE(threwInThread);
 
@@ -259,10 +262,12 @@ TEST_F(LoggingTest, ConcurrentRecordsStayWholeLines)
     constexpr int PerThread = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < Threads; ++t)
-        threads.emplace_back([t] {
-            for (int i = 0; i < PerThread; ++i)
-                QX_WARNING << "thread " << t << " record " << i << " end";
-        });
+        threads.emplace_back(
+            [t]
+            {
+                for (int i = 0; i < PerThread; ++i)
+                    QX_WARNING << "thread " << t << " record " << i << " end";
+            });
     for (std::thread& thread : threads)
         thread.join();
     const QStringList got = lines(m_path);
@@ -282,10 +287,11 @@ TEST_F(LoggingTest, QtMessagesGoToTheLog)
     qCritical("qt critical text");
     qInfo("qt info text");
     const QString text = testutils::readText(m_path);
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("Warning  .*qt warning text")).match(text).hasMatch()) << text.toStdString();
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("Debug    .*qt debug text")).match(text).hasMatch());
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("ERROR    .*qt critical text")).match(text).hasMatch());
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("Info     .*qt info text")).match(text).hasMatch());
+    for (const char* record : {"Warning  .*qt warning text", "Debug    .*qt debug text",
+                               "ERROR    .*qt critical text", "Info     .*qt info text"})
+        EXPECT_TRUE(QRegularExpression(QString::fromLatin1(record)).match(text).hasMatch())
+            << record << "\n"
+            << text.toStdString();
 }
 
 // Runs only inside the child process started by CrashWritesABacktraceFile.
@@ -305,8 +311,10 @@ TEST_F(LoggingTest, CrashWritesABacktraceFile)
     env.insert(QStringLiteral("QX_CRASH_FOLDER"), m_dir.path());
     // In sanitizer builds the sanitizer would take the signal first; the
     // program's own handler is what is tested here.
-    env.insert(QStringLiteral("ASAN_OPTIONS"),
-               QStringLiteral("handle_segv=0:handle_sigbus=0:handle_sigill=0:handle_sigfpe=0:handle_abort=0:detect_leaks=0"));
+    env.insert(
+        QStringLiteral("ASAN_OPTIONS"),
+        QStringLiteral(
+            "handle_segv=0:handle_sigbus=0:handle_sigill=0:handle_sigfpe=0:handle_abort=0:detect_leaks=0"));
     child.setProcessEnvironment(env);
     child.start(QCoreApplication::applicationFilePath(),
                 {QStringLiteral("--gtest_also_run_disabled_tests"),
@@ -315,13 +323,15 @@ TEST_F(LoggingTest, CrashWritesABacktraceFile)
     EXPECT_EQ(child.exitStatus(), QProcess::CrashExit) << "the process must still die of its signal";
 
     const QString dump = CLogger::crashDumpPath(m_dir.path(), QStringLiteral("QX"), 7);
-    EXPECT_TRUE(dump.endsWith(QStringLiteral("/crash_QX_7_x64.dmp")) || !dump.contains(QStringLiteral("x64")));
+    EXPECT_TRUE(dump.endsWith(QStringLiteral("/crash_QX_7_x64.dmp")) ||
+                !dump.contains(QStringLiteral("x64")));
     ASSERT_TRUE(QFile::exists(dump));
     const QString text = testutils::readText(dump);
     EXPECT_TRUE(text.startsWith(QStringLiteral("Fatal signal 11"))) << text.toStdString();
     EXPECT_TRUE(text.contains(QStringLiteral("Backtrace:")));
     EXPECT_GT(text.count(QLatin1Char('\n')), 3) << "frames expected";
 
-    EXPECT_FALSE(CLogger::installCrashDumps(QString(1000, QLatin1Char('x')).repeated(5), QStringLiteral("QX"), 1))
+    EXPECT_FALSE(
+        CLogger::installCrashDumps(QString(1000, QLatin1Char('x')).repeated(5), QStringLiteral("QX"), 1))
         << "a path too long for the fixed buffer is refused";
 }

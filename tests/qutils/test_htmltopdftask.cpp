@@ -38,7 +38,8 @@ protected:
         const QString path = m_dir.filePath(QStringLiteral("converter.sh"));
         QFile file(path);
         EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write("#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$(dirname \"$0\")/args.txt\"\n");
+        file.write(
+            "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$(dirname \"$0\")/args.txt\"\n");
         file.write(body.toUtf8());
         file.write("\n");
         file.close();
@@ -78,29 +79,30 @@ TEST_F(HtmlToPdfTaskTest, CommandLineOrderAndEncodedUrls)
     task->setTocStyleSheet(QStringLiteral("<xsl/>"));
     const QStringList args = task->arguments();
     ASSERT_EQ(args.size(), 15) << args.join(QLatin1Char('|')).toStdString();
-    EXPECT_EQ(args.at(0), QStringLiteral("--header-text-center"));
-    EXPECT_EQ(args.at(1), QStringLiteral("Case 17"));
-    EXPECT_EQ(args.at(2), QStringLiteral("--header-text-html"));
+    QStringList fixed = args;
+    for (const int variable : {3, 7, 9, 13, 14})
+        fixed[variable] = QStringLiteral("*");
+    EXPECT_EQ(
+        fixed.join(QLatin1Char('|')).toStdString(),
+        "--header-text-center|Case 17|--header-text-html|*|--footer-text-left|Generated\t\tby|--cover-url|*|"
+        "--toc-xsl|*|--javascript-delay|0|-o|*|*");
     EXPECT_TRUE(args.at(3).startsWith(QStringLiteral("file://")));
     EXPECT_TRUE(args.at(3).contains(QStringLiteral("CasewrightHeader")));
     QFile header(QUrl(args.at(3)).toLocalFile());
     ASSERT_TRUE(header.open(QIODevice::ReadOnly));
     EXPECT_EQ(QString::fromUtf8(header.readAll()), QStringLiteral("<b>héader</b>"));
-    EXPECT_EQ(args.at(4), QStringLiteral("--footer-text-left"));
-    EXPECT_EQ(args.at(5), QStringLiteral("Generated\t\tby"));
-    EXPECT_EQ(args.at(6), QStringLiteral("--cover-url"));
-    EXPECT_EQ(args.at(8), QStringLiteral("--toc-xsl"));
     EXPECT_TRUE(QFileInfo(args.at(9)).fileName().startsWith(QStringLiteral("CasewrightToc")));
-    EXPECT_EQ(args.mid(10, 3), (QStringList{QStringLiteral("--javascript-delay"), QStringLiteral("0"), QStringLiteral("-o")}));
     // Fully encoded: no space, '#', '%' or non-ASCII letter survives as itself.
     EXPECT_TRUE(args.at(13).endsWith(QStringLiteral("/out%20100%25.pdf"))) << args.at(13).toStdString();
-    EXPECT_TRUE(args.at(14).endsWith(QStringLiteral("/Bericht%20%231%20f%C3%BCr%20Fall.html"))) << args.at(14).toStdString();
+    EXPECT_TRUE(args.at(14).endsWith(QStringLiteral("/Bericht%20%231%20f%C3%BCr%20Fall.html")))
+        << args.at(14).toStdString();
     EXPECT_EQ(QUrl(args.at(14)).toLocalFile(), html);
     const QString headerFile = header.fileName();
     header.close();
     // Tasks are released on their own thread, a moment later.
     task.reset();
-    EXPECT_TRUE(testutils::waitFor([&] { return !QFileInfo::exists(headerFile); })) << "temporary files go with the task";
+    EXPECT_TRUE(testutils::waitFor([&] { return !QFileInfo::exists(headerFile); }))
+        << "temporary files go with the task";
 }
 
 TEST_F(HtmlToPdfTaskTest, PercentLinesAreProgressAndOtherLinesAreLogged)
@@ -121,18 +123,15 @@ TEST_F(HtmlToPdfTaskTest, PercentLinesAreProgressAndOtherLinesAreLogged)
     EXPECT_TRUE(log.text().contains(QStringLiteral("done writing")));
     EXPECT_FALSE(log.text().contains(QStringLiteral("45%")));
     // The converter got the task's command line.
-    const QStringList got = QString::fromUtf8([&] {
-                                QFile f(m_dir.filePath(QStringLiteral("args.txt")));
-                                f.open(QIODevice::ReadOnly);
-                                return f.readAll();
-                            }())
+    const QStringList got = testutils::readText(m_dir.filePath(QStringLiteral("args.txt")))
                                 .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     EXPECT_EQ(got, task->arguments());
 }
 
 TEST_F(HtmlToPdfTaskTest, ExitCodesBecomeTheirErrors)
 {
-    const auto failure = [&](const QString& body) {
+    const auto failure = [&](const QString& body)
+    {
         converter(body);
         return runTask(qutils::makeTask<CHtmlToPdfTask>(m_dir.filePath(QStringLiteral("in.html")),
                                                         m_dir.filePath(QStringLiteral("out.pdf"))));
@@ -182,7 +181,8 @@ TEST_F(HtmlToPdfTaskTest, WatchdogKillsAnIdleConverterButNotABusyOne)
     EXPECT_LT(clock.elapsed(), 30000) << "killed long before the script would end";
 
     // Three seconds of work with a 1.5-second idle limit: never idle, never killed.
-    converter(QStringLiteral("end=$(( $(date +%s) + 3 ))\nwhile [ $(date +%s) -lt $end ]; do :; done\nexit 0"));
+    converter(
+        QStringLiteral("end=$(( $(date +%s) + 3 ))\nwhile [ $(date +%s) -lt $end ]; do :; done\nexit 0"));
     e = runTask(qutils::makeTask<CHtmlToPdfTask>(m_dir.filePath(QStringLiteral("in.html")),
                                                  m_dir.filePath(QStringLiteral("out.pdf"))));
     EXPECT_TRUE(e.isEmpty()) << e.what();

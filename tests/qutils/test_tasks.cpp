@@ -1,10 +1,10 @@
+#include "logcapture.h"
 #include "qutils/debugutils.h"
 #include "qutils/exception.h"
 #include "qutils/genericwaiter.h"
 #include "qutils/taskrunner.h"
 #include "qutils/tasks.h"
 #include "qutils/threadsync.h"
-#include "logcapture.h"
 #include "testutils.h"
 
 #include <QCoreApplication>
@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -33,18 +34,19 @@ struct SProgressLog
     explicit SProgressLog(CTask* task)
     {
         QObject::connect(task, &CTask::progressRange,
-                         [this](qint64 a, qint64 b) {
-                             ranges.push_back({a, b});
-                         });
+                         [this](qint64 a, qint64 b) { ranges.emplace_back(a, b); });
         QObject::connect(task, &CTask::progressPos, [this](qint64 p) { positions.push_back(p); });
     }
     std::vector<std::pair<qint64, qint64>> ranges;
     std::vector<qint64> positions;
 };
 
-// A child that announces `range` (when given) and then reports `positions`.
-std::shared_ptr<CTask> makeReportingChild(std::vector<qint64> positions, bool hasRange = false,
-                                          qint64 min = 0, qint64 max = 0, bool result = true)
+using Positions = std::vector<qint64>;
+
+// A child that announces [min, max] when hasRange, reports `positions`, and
+// cancels itself (failing) unless `result`.
+std::shared_ptr<CTask> makeReportingChild(Positions positions, bool hasRange = false, qint64 min = 0,
+                                          qint64 max = 0, bool result = true)
 {
     return makeTask<CFunctionTask>(
         [=](CTask* self)
@@ -58,57 +60,40 @@ std::shared_ptr<CTask> makeReportingChild(std::vector<qint64> positions, bool ha
         });
 }
 
-// Runs `child` inside [from, to] of a parent and returns the parent's positions.
-std::vector<qint64> mapThroughRange(std::shared_ptr<CTask> child, qint64 from, qint64 to,
-                                    bool* result = nullptr)
-{
-    auto parent = makeTask<CFunctionTask>([](CTask*) {});
-    SProgressLog log(parent.get());
-    const bool ok = parent->runSubTask(std::move(child), from, to);
-    if (result)
-        *result = ok;
-    EXPECT_TRUE(log.ranges.empty()) << "the range adapter must not announce a range";
-    return log.positions;
-}
-
-using Positions = std::vector<qint64>;
-
 } // namespace
 
-TEST(TaskRangeAdapter, MapsChildRangeIntoInterval)
+TEST(TaskRangeAdapter, MapsChildPositionsIntoTheParentsInterval)
 {
-    EXPECT_EQ(mapThroughRange(makeReportingChild({0, 50, 200}, true, 0, 200), 100, 300),
-              (Positions{100, 150, 300, 300}));
-    // The child's minimum is the origin of its positions.
-    EXPECT_EQ(mapThroughRange(makeReportingChild({100}, true, 50, 150), 0, 1000), (Positions{500, 1000}));
-}
-
-TEST(TaskRangeAdapter, EmptyOrReversedRangeMapsToFromAndStillEndsAtTo)
-{
-    EXPECT_EQ(mapThroughRange(makeReportingChild({0, 5, 10}, true, 0, 0), 100, 300),
-              (Positions{100, 100, 100, 300}));
-    EXPECT_EQ(mapThroughRange(makeReportingChild({7}, true, 10, 5), 100, 300), (Positions{100, 300}));
-}
-
-TEST(TaskRangeAdapter, PositionsBeforeAnyRangeMapToFrom)
-{
-    EXPECT_EQ(mapThroughRange(makeReportingChild({3, 999}), 40, 60), (Positions{40, 40, 60}));
-}
-
-TEST(TaskRangeAdapter, TruncatesTowardZero)
-{
-    // 1/3 and 2/3 of 10, and of -10: truncation, not rounding or flooring.
-    EXPECT_EQ(mapThroughRange(makeReportingChild({1, 2}, true, 0, 3), 0, 10), (Positions{3, 6, 10}));
-    EXPECT_EQ(mapThroughRange(makeReportingChild({1, 2}, true, 0, 3), 0, -10), (Positions{-3, -6, -10}));
-}
-
-TEST(TaskRangeAdapter, PassesChildResultBack)
-{
-    bool result = true;
-    mapThroughRange(makeReportingChild({}, false, 0, 0, false), 0, 10, &result);
-    EXPECT_FALSE(result);
-    mapThroughRange(makeReportingChild({}), 0, 10, &result);
-    EXPECT_TRUE(result);
+    const struct
+    {
+        const char* what;
+        Positions child;
+        bool hasRange;
+        qint64 min, max, from, to;
+        bool result;
+        Positions expected;
+    } cases[] = {
+        {"plain", {0, 50, 200}, true, 0, 200, 100, 300, true, {100, 150, 300, 300}},
+        {"the child's minimum is the origin", {100}, true, 50, 150, 0, 1000, true, {500, 1000}},
+        {"empty range", {0, 5, 10}, true, 0, 0, 100, 300, true, {100, 100, 100, 300}},
+        {"reversed range", {7}, true, 10, 5, 100, 300, true, {100, 300}},
+        {"positions before any range", {3, 999}, false, 0, 0, 40, 60, true, {40, 40, 60}},
+        // 1/3 and 2/3 of 10, and of -10: truncation, not rounding or flooring.
+        {"truncation", {1, 2}, true, 0, 3, 0, 10, true, {3, 6, 10}},
+        {"truncation toward zero", {1, 2}, true, 0, 3, 0, -10, true, {-3, -6, -10}},
+        {"failing child", {}, false, 0, 0, 0, 10, false, {10}},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(c.what);
+        auto parent = makeTask<CFunctionTask>([](CTask*) {});
+        SProgressLog log(parent.get());
+        EXPECT_EQ(
+            parent->runSubTask(makeReportingChild(c.child, c.hasRange, c.min, c.max, c.result), c.from, c.to),
+            c.result);
+        EXPECT_TRUE(log.ranges.empty()) << "the range adapter must not announce a range";
+        EXPECT_EQ(log.positions, c.expected);
+    }
 }
 
 TEST(TaskOffsetAdapter, ForwardsRangeAndPositionUnchanged)
@@ -134,22 +119,16 @@ public:
 
 } // namespace
 
-TEST(TaskSubTasks, ProgressGoesThroughTheVirtualSetters)
+TEST(TaskSubTasks, ProgressGoesThroughTheVirtualSettersAndTheChildIsDropped)
 {
     auto parent = makeTask<CRecordingParent>();
-    parent->runSubTaskWithProgress(makeReportingChild({4, 8}, true, 0, 10));
+    std::shared_ptr<CTask> child = makeReportingChild({4, 8}, true, 0, 10);
+    const std::weak_ptr<CTask> weak = child;
+    EXPECT_TRUE(parent->runSubTaskWithProgress(std::move(child)));
+    EXPECT_TRUE(weak.expired()) << "the parent keeps no reference after the call";
     parent->runSubTask(makeReportingChild({5}, true, 0, 10), 0, 100);
     parent->runSubTaskNoProgress(makeReportingChild({9}, true, 0, 10));
     EXPECT_EQ(parent->positions, (Positions{4, 8, 50, 100}));
-}
-
-TEST(TaskSubTasks, ParentDropsItsReferenceOnReturn)
-{
-    auto parent = makeTask<CFunctionTask>([](CTask*) {});
-    std::shared_ptr<CTask> child = makeReportingChild({1});
-    std::weak_ptr<CTask> weak = child;
-    EXPECT_TRUE(parent->runSubTaskWithProgress(std::move(child)));
-    EXPECT_TRUE(weak.expired());
 }
 
 TEST(TaskSubTasks, SubTaskStartedAfterTheCancelStartsCancelled)
@@ -158,7 +137,8 @@ TEST(TaskSubTasks, SubTaskStartedAfterTheCancelStartsCancelled)
     auto parent = makeTask<CFunctionTask>([](CTask*) {});
     parent->cancel();
     std::vector<bool> seen;
-    auto child = [&seen] { return makeTask<CFunctionTask>([&seen](CTask* task) { seen.push_back(task->isCancelled()); }); };
+    auto child = [&seen]
+    { return makeTask<CFunctionTask>([&seen](CTask* task) { seen.push_back(task->isCancelled()); }); };
     parent->runSubTaskNoProgress(child());
     parent->runSubTaskWithProgress(child());
     parent->runSubTask(child(), 0, 10);
@@ -235,7 +215,7 @@ TEST(TaskCancel, CancellingParentCancelsRunningSubTaskOnRunnerThread)
     }
 }
 
-TEST(FunctionTask, CallableGetsTheTask)
+TEST(FunctionTask, CallableGetsTheTaskAndAnEmptyOneIsLogged)
 {
     CTask* seen = nullptr;
     auto task = makeTask<CFunctionTask>(
@@ -249,13 +229,9 @@ TEST(FunctionTask, CallableGetsTheTask)
     EXPECT_TRUE(task->run());
     EXPECT_EQ(seen, task.get());
     EXPECT_EQ(text, QStringLiteral("working"));
-}
 
-TEST(FunctionTask, EmptyCallableIsLoggedAndDoesNothing)
-{
     testutils::CLogCapture log;
-    auto task = makeTask<CFunctionTask>(std::function<void(CTask*)>());
-    EXPECT_FALSE(task->run());
+    EXPECT_FALSE(makeTask<CFunctionTask>(std::function<void(CTask*)>())->run());
     EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/tasks.cpp"))) << log.text().toStdString();
 }
 
@@ -281,26 +257,25 @@ TEST(TaskRunner, RunsOnItsOwnThreadAndSignalsTheGuiThread)
     EXPECT_FALSE(error);
 }
 
-TEST(TaskRunner, SecondStartWhileRunningIsRefusedAndLogged)
+TEST(TaskRunner, SecondStartWhileRunningIsRefusedAndTheThrownExceptionIsHandedOut)
 {
     testutils::CLogCapture log;
     QSemaphore gate;
-    CTaskRunner runner([&] { gate.acquire(); });
+    CTaskRunner runner(
+        [&]
+        {
+            gate.acquire();
+            throw CException(QStringLiteral("disk full"), CException::TargetFull);
+        });
     EXPECT_TRUE(runner.runTaskAsync());
     EXPECT_FALSE(runner.runTaskAsync());
-    gate.release();
-    runner.wait();
     EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/taskrunner.cpp"))) << log.text().toStdString();
-}
-
-TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
-{
-    CTaskRunner runner([] { throw CException(QStringLiteral("disk full"), CException::TargetFull); });
-    ASSERT_TRUE(runner.runTaskAsync());
+    gate.release();
     runner.wait();
     std::exception_ptr error;
     EXPECT_TRUE(runner.isFinished(error));
     ASSERT_TRUE(error);
+    // Anything but the CException thrown escapes and fails the test.
     try
     {
         std::rethrow_exception(error);
@@ -309,9 +284,7 @@ TEST(TaskRunner, ThrownExceptionIsStoredAndHandedOut)
     {
         EXPECT_EQ(e.message(), QStringLiteral("disk full"));
         EXPECT_EQ(e.code(), 112);
-        return;
     }
-    FAIL() << "the stored exception is not the CException thrown";
 }
 
 TEST(TaskRunner, DestructorJoinsRunningWork)
@@ -331,47 +304,34 @@ TEST(TaskRunner, DestructorJoinsRunningWork)
 
 TEST(TaskRunner, DestructionReleasesTheWorkInEveryState)
 {
-    // Never started, finished with its thread still running, and with its thread ended.
+    // Never started, finished with its thread still running, and with its thread
+    // ended by the work itself, which lets the runner start (and run) it again.
     for (int state = 0; state < 3; ++state)
     {
         SCOPED_TRACE(state);
         auto token = std::make_shared<int>(0);
+        std::atomic<int> runs{0};
         {
             CTaskRunner runner(
-                [token, state]
+                [token, state, &runs]
                 {
+                    ++runs;
                     if (state == 2)
                         QThread::currentThread()->quit();
                 });
-            if (state > 0)
+            for (int start = 0; start < state; ++start)
             {
                 ASSERT_TRUE(runner.runTaskAsync());
                 runner.wait();
-            }
-            if (state == 2)
-            {
-                ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
+                if (state == 2)
+                {
+                    ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
+                }
             }
         }
+        EXPECT_EQ(runs.load(), state);
         EXPECT_EQ(token.use_count(), 1);
     }
-}
-
-TEST(TaskRunner, RestartAfterThreadEndedRerunsWork)
-{
-    std::atomic<int> runs{0};
-    // The work ends its own thread, so the runner may be started again.
-    CTaskRunner runner(
-        [&]
-        {
-            ++runs;
-            QThread::currentThread()->quit();
-        });
-    ASSERT_TRUE(runner.runTaskAsync());
-    ASSERT_TRUE(testutils::waitFor([&] { return !runner.isRunning(); }));
-    ASSERT_TRUE(runner.runTaskAsync());
-    runner.wait();
-    EXPECT_EQ(runs.load(), 2);
 }
 
 TEST(TaskRunner, RunsTaskAndReleasesItOnItsThread)
@@ -418,33 +378,31 @@ TEST(TaskSignals, QueuedObserverInGuiThreadGetsProgressInOrder)
     CTaskRunner runner(task);
     ASSERT_TRUE(runner.runTaskAsync());
     ASSERT_TRUE(testutils::waitFor([&] { return text == QStringLiteral("done"); }));
-    ASSERT_EQ(seen.size(), 100u);
-    for (qint64 i = 0; i < 100; ++i)
-        EXPECT_EQ(seen[static_cast<size_t>(i)], i);
+    std::vector<qint64> expected(100);
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(seen, expected);
     EXPECT_FALSE(offThread);
 }
 
-TEST(GenericWaiter, StopBeforeWaitReturnsTrueWithoutCallingStart)
+TEST(GenericWaiter, StopBeforeOrInsideStartIsNotLost)
 {
-    CGenericWaiter waiter(0);
-    waiter.stopWaiting();
+    CGenericWaiter before(0);
+    before.stopWaiting();
     bool started = false;
-    EXPECT_TRUE(waiter.wait([&] { started = true; }));
-    EXPECT_FALSE(started);
-}
+    EXPECT_TRUE(before.wait([&] { started = true; }));
+    EXPECT_FALSE(started) << "stopped before the wait: start is not called";
+    EXPECT_THROW(CGenericWaiter(0).wait(std::function<void()>()), std::bad_function_call);
 
-TEST(GenericWaiter, StopFromInsideStartIsNotLost)
-{
-    CGenericWaiter waiter(0);
+    CGenericWaiter inside(0);
     bool rescued = false;
     // A second stop far later, only so that a lost first one fails instead of hanging.
-    QTimer::singleShot(5000, &waiter,
+    QTimer::singleShot(5000, &inside,
                        [&]
                        {
                            rescued = true;
-                           waiter.stopWaiting();
+                           inside.stopWaiting();
                        });
-    EXPECT_TRUE(waiter.wait([&] { waiter.stopWaiting(); }));
+    EXPECT_TRUE(inside.wait([&] { inside.stopWaiting(); }));
     EXPECT_FALSE(rescued);
 }
 
@@ -502,10 +460,4 @@ TEST(GenericWaiter, StopFromForeignThreadIsLoggedAndStillCounts)
     std::thread([&] { waiter.stopWaiting(); }).join();
     EXPECT_TRUE(waiter.wait([] {}));
     EXPECT_TRUE(log.hasSelfCheck(QStringLiteral("qutils/genericwaiter.cpp"))) << log.text().toStdString();
-}
-
-TEST(GenericWaiter, EmptyStartThrows)
-{
-    CGenericWaiter waiter(0);
-    EXPECT_THROW(waiter.wait(std::function<void()>()), std::bad_function_call);
 }
