@@ -11,7 +11,6 @@
 #include "validation.h"
 
 #include "camsim/camera.h"
-#include "camsim/imagefile.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -27,9 +26,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
-#include <vector>
+#include <utility>
 
 #ifdef Q_OS_UNIX
 #include <csignal>
@@ -165,12 +163,6 @@ QStringList fields(const QJsonObject& object, const QStringList& keys)
     return result;
 }
 
-enum ETruth
-{
-    SameCamera,
-    OtherUnit,
-};
-
 } // namespace
 
 // One set of photos for every test: reference photos of camera A, a
@@ -202,23 +194,21 @@ protected:
         struct
         {
             const camsim::Camera* camera;
-            ETruth truth;
             camsim::SceneKind scene;
             uint64_t seed;
             int rotation;
             const char* name;
         } const plan[] = {
-            {&a, SameCamera, camsim::SceneKind::Natural, 31, 0, "a-1.jpg"},
-            {&a, SameCamera, camsim::SceneKind::Natural, 32, 90, "a-2-rotated.jpg"},
-            {&a, SameCamera, camsim::SceneKind::Edges, 33, 0, "a-3.jpg"},
-            {&b, OtherUnit, camsim::SceneKind::Natural, 31, 0, "b-1.jpg"},
-            {&b, OtherUnit, camsim::SceneKind::Edges, 33, 0, "b-2.jpg"},
+            {&a, camsim::SceneKind::Natural, 31, 0, "a-1.jpg"},
+            {&a, camsim::SceneKind::Natural, 32, 90, "a-2-rotated.jpg"},
+            {&a, camsim::SceneKind::Edges, 33, 0, "a-3.jpg"},
+            {&b, camsim::SceneKind::Natural, 31, 0, "b-1.jpg"},
+            {&b, camsim::SceneKind::Edges, 33, 0, "b-2.jpg"},
         };
         for (const auto& step : plan)
         {
             s_questioned.append(QDir(s_questionedFolder).filePath(QString::fromLatin1(step.name)));
             shoot(*step.camera, step.scene, step.seed, s_questioned.last(), step.rotation);
-            s_truth.append(step.truth);
         }
 
         // A photo of A whose EXIF names another model, a larger sensor's photo
@@ -322,7 +312,7 @@ protected:
     {
         const std::unique_ptr<QProcess> process = start(arguments, variable, program);
         SRun result;
-        if (!process->waitForStarted() || !process->waitForFinished(timeoutMs))
+        if (!process->waitForFinished(timeoutMs))
         {
             process->kill();
             process->waitForFinished();
@@ -359,7 +349,12 @@ protected:
     static QString s_questionedFolder;
     static QStringList s_references;
     static QStringList s_questioned;
-    static QList<ETruth> s_truth;
+    // The questioned photos are A's first, then B's.
+    static bool sameCamera(int i)
+    {
+        return i % 5 < 3;
+    }
+
     static QString s_fingerprint;
     static SRun s_learn;
 };
@@ -368,11 +363,10 @@ std::unique_ptr<QTemporaryDir> CliTest::s_dir;
 QString CliTest::s_questionedFolder;
 QStringList CliTest::s_references;
 QStringList CliTest::s_questioned;
-QList<ETruth> CliTest::s_truth;
 QString CliTest::s_fingerprint;
 SRun CliTest::s_learn;
 
-TEST_F(CliTest, LearnReportsEveryPhotoThenTheProperties)
+TEST_F(CliTest, LearnReportsEveryPhotoThenThePropertiesAsInfoDoes)
 {
     ASSERT_EQ(s_learn.exitCode, 0) << s_learn.err.toStdString();
     ASSERT_TRUE(QFileInfo(s_fingerprint).isFile());
@@ -397,19 +391,13 @@ TEST_F(CliTest, LearnReportsEveryPhotoThenTheProperties)
           "Photo width:\\s+1024\\n", "Camera model \\(EXIF\\):\\s+QX-1\\n"})
         EXPECT_TRUE(s_learn.out.contains(QRegularExpression(property))) << property;
     EXPECT_FALSE(QFile::exists(path("default.log"))) << "no log in the working folder";
-}
 
-TEST_F(CliTest, InfoPrintsThePropertiesAndTheirJson)
-{
+    // info tells the same properties, as text and as JSON.
     const SRun json = run(args("info --json $fp"));
     ASSERT_EQ(json.exitCode, 0) << json.err.toStdString();
     const QJsonObject o = QJsonDocument::fromJson(json.out.toUtf8()).object();
-    EXPECT_EQ(o["width"].toInt(), 1024);
-    EXPECT_EQ(o["height"].toInt(), 768);
-    EXPECT_EQ(o["trainingimagescount"].toInt(), 4);
-    EXPECT_EQ(o["manufacturer"].toString(), "Veltrano");
-    EXPECT_EQ(o["model"].toString(), "QX-1");
-    EXPECT_EQ(o["lensinfo"].toString(), "unknown");
+    EXPECT_EQ(fields(o, {"width", "height", "trainingimagescount", "manufacturer", "model", "lensinfo"}),
+              QStringList({"1024", "768", "4", "Veltrano", "QX-1", "unknown"}));
     EXPECT_TRUE(o["nmse"].toDouble() > 0.0 && o["nmse"].toDouble() < 1.0);
     EXPECT_TRUE(QDateTime::fromString(o["creationdate"].toString(), Qt::ISODate).isValid());
     EXPECT_TRUE(o.contains("description"));
@@ -420,7 +408,9 @@ TEST_F(CliTest, InfoPrintsThePropertiesAndTheirJson)
     EXPECT_TRUE(plain.out.contains(QRegularExpression("Camera manufacturer \\(EXIF\\):\\s+Veltrano\\n")));
 }
 
-TEST_F(CliTest, AnalyzeJsonLinesAgreeWithTheTruth)
+// JSON lines against the truth; then the same results on one thread, since each
+// photo is judged on its own, with the table, CSV and report telling the same story.
+TEST_F(CliTest, AnalyzeOutputsAgreeWithTheTruthAndEachOther)
 {
     const SRun result = run(args("analyze -f $fp --json - $qdir"));
     ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
@@ -431,11 +421,11 @@ TEST_F(CliTest, AnalyzeJsonLinesAgreeWithTheTruth)
         const QJsonObject& o = objects.at(i);
         SCOPED_TRACE(o["path"].toString().toStdString());
         // In input order, paths absolute.
-        EXPECT_EQ(fields(o, {"path", "status", "index", "total", "fingerprint", "matched"}),
-                  QStringList({QFileInfo(s_questioned.at(i)).absoluteFilePath(), "success",
-                               QString::number(i), "5", QFileInfo(s_fingerprint).absoluteFilePath(),
-                               s_truth.at(i) == SameCamera ? "true" : "false"}));
-        if (s_truth.at(i) == SameCamera)
+        EXPECT_EQ(
+            fields(o, {"path", "status", "index", "total", "fingerprint", "matched"}),
+            QStringList({QFileInfo(s_questioned.at(i)).absoluteFilePath(), "success", QString::number(i), "5",
+                         QFileInfo(s_fingerprint).absoluteFilePath(), sameCamera(i) ? "true" : "false"}));
+        if (sameCamera(i))
         {
             EXPECT_EQ(o["orientation"].toInt(), i == 1 ? 270 : 0) << "a-2 was shot turned";
             EXPECT_TRUE(MatchClasses.contains(o["class"].toString()));
@@ -454,22 +444,15 @@ TEST_F(CliTest, AnalyzeJsonLinesAgreeWithTheTruth)
         result.err.contains("Photos analyzed: 5/5\nFingerprints found: 3\nFingerprints not found: 2\n"))
         << result.err.toStdString();
 
-    // The same results on one thread, since each photo is judged on its own.
-    const SRun single = run(args("analyze -f $fp --threads 1 --json - $qdir"));
-    ASSERT_EQ(single.exitCode, 0);
-    EXPECT_EQ(single.out, result.out);
-    EXPECT_TRUE(single.err.contains("on 1 thread"));
-}
-
-TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
-{
-    const SRun result =
-        run(args("analyze -f $fp --csv @results.csv --json @results.jsonl --report @report.pdf $qdir"));
-    ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
+    const SRun single = run(args(
+        "analyze -f $fp --threads 1 --csv @results.csv --json @results.jsonl --report @report.pdf $qdir"));
+    ASSERT_EQ(single.exitCode, 0) << single.err.toStdString();
+    EXPECT_EQ(readText(path("results.jsonl")), result.out);
+    EXPECT_TRUE((single.out + single.err).contains("on 1 thread"));
     // The report: every photo (a name wrapped at its hyphen comes back joined
     // without it), the summary, the footer on every page.
     const QString report = pdfText(path("report.pdf"));
-    EXPECT_TRUE(report.contains("Quorvex Report")) << result.err.toStdString();
+    EXPECT_TRUE(report.contains("Quorvex Report")) << single.err.toStdString();
     EXPECT_TRUE(report.contains("Fingerprints not found 2"));
     for (const QString& name : s_questioned)
         EXPECT_TRUE(QString(report)
@@ -480,28 +463,26 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     ASSERT_GE(pages.size(), 1);
     for (const QString& page : pages)
         EXPECT_TRUE(page.contains("VELTRANO Labs")) << page.toStdString();
-    EXPECT_TRUE(result.out.contains("Report: "));
+    EXPECT_TRUE(single.out.contains("Report: "));
 
     // The human table: a header, one line per photo with its path as given, the summary.
-    const QStringList out = lines(result.out);
+    const QStringList out = lines(single.out);
     ASSERT_GE(out.size(), 1 + 5 + 5);
     EXPECT_TRUE(out.at(0).startsWith("class"));
     for (int i = 0; i < 5; ++i)
     {
         const QString& line = out.at(1 + i);
         EXPECT_TRUE(line.endsWith("  " + s_questioned.at(i))) << line.toStdString();
-        EXPECT_EQ(line.startsWith("not found"), s_truth.at(i) == OtherUnit) << line.toStdString();
+        EXPECT_EQ(line.startsWith("not found"), !sameCamera(i)) << line.toStdString();
         EXPECT_TRUE(line.contains(QRegularExpression("\\s0\\.\\d{6}\\s+-?\\d+\\.\\d\\s")))
             << "probability and PCE: " << line.toStdString();
     }
-    EXPECT_TRUE(result.out.contains(
+    EXPECT_TRUE(single.out.contains(
         QRegularExpression("\\nPhotos analyzed: 5/5\\nFingerprints found: 3\\n"
                            "Fingerprints not found: 2\\n(.*\\n)*Time elapsed: \\d+\\.\\d\\d s\\n"
                            "Average time per image: \\d+\\.\\d\\d s\\n")))
-        << result.out.toStdString();
+        << single.out.toStdString();
 
-    const QList<QJsonObject> json = parseJsonLines(readText(path("results.jsonl")));
-    ASSERT_EQ(json.size(), 5);
     const QString csvText = readText(path("results.csv"));
     const QStringList rawLines = lines(csvText);
     ASSERT_EQ(rawLines.size(), 6);
@@ -514,13 +495,13 @@ TEST_F(CliTest, TableCsvAndJsonFilesTellTheSameStory)
     for (int i = 0; i < 5; ++i)
     {
         const QStringList& row = rows.at(i + 1);
-        const QJsonObject& o = json.at(i);
+        const QJsonObject& o = objects.at(i);
         ASSERT_EQ(row.size(), 15) << rawLines.at(i + 1).toStdString();
         const QString sha256 =
             QCryptographicHash::hash(readBytes(s_questioned.at(i)), QCryptographicHash::Sha256).toHex();
         // Every photo here was compared; each column as the JSON has it, the numbers as numbers.
         EXPECT_EQ(row.mid(0, 3), QStringList({QFileInfo(s_questioned.at(i)).absoluteFilePath(),
-                                              s_truth.at(i) == SameCamera ? "true" : "false", "true"}));
+                                              sameCamera(i) ? "true" : "false", "true"}));
         EXPECT_EQ(row.mid(10, 3), QStringList({sha256, QString::number(i), "5"}));
         const QStringList text = fields(o, JsonKeys);
         for (int column = 0; column < row.size(); ++column)
@@ -571,8 +552,7 @@ TEST_F(CliTest, FailingPhotosAreResultsInTheOrderGiven)
     ASSERT_EQ(matching.exitCode, 0);
     const QStringList out = lines(matching.out);
     ASSERT_GE(out.size(), 4);
-    EXPECT_TRUE(std::any_of(MatchClasses.begin(), MatchClasses.end(),
-                            [&](const QString& c) { return out.at(1).startsWith(c + QLatin1Char(' ')); }))
+    EXPECT_TRUE(out.at(1).contains(QRegularExpression("^(very high|high|medium|low) ")))
         << out.at(1).toStdString();
     EXPECT_TRUE(out.at(2).startsWith("not found"));
     EXPECT_TRUE(out.at(2).contains("broken.jpg  (File cannot be opened: JPEG")) << out.at(2).toStdString();
@@ -668,6 +648,9 @@ TEST_F(CliTest, RefusalsExitWithOneOrTwoAndOneLine)
         {"info @cut.fnp", {"@cut.fnp", "Fingerprint file is broken"}},
         {"info @fifo.fnp", {"@fifo.fnp", "Unable to open fingerprint"}},
         {"info /dev/zero", {"/dev/zero", "Unable to open fingerprint"}},
+        // A library without a usable fingerprint, as an unreadable fingerprint for analyze.
+        {"identify --library @empty $q0", {"@empty"}},
+        {"identify --library @no-such-library $q0", {"@no-such-library"}},
     };
     for (const auto& c : failures)
         check(2, c.arguments, c.named);
@@ -822,7 +805,7 @@ TEST_F(CliTest, InterruptKeepsTheFinishedResults)
             // One thread takes photos in order: the finished ones come first.
             EXPECT_EQ(finished++, i) << "finished photo after an unfinished one";
             EXPECT_EQ(o["status"].toString(), "success");
-            EXPECT_EQ(o["matched"].toBool(), s_truth.at(i % 5) == SameCamera);
+            EXPECT_EQ(o["matched"].toBool(), sameCamera(i));
         }
         EXPECT_GE(finished, 1);
         EXPECT_LT(finished, copies * 5) << "the interrupt stopped the run";
@@ -1032,21 +1015,12 @@ TEST_F(CliTest, HelpExplainsEveryCommandAndOption)
     const SRun help = run({"--help"});
     ASSERT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.err.isEmpty());
-    for (const char* word : {"learn",         "analyze",
-                             "merge",         "identify",
-                             "info",          "demo",
-                             "validate",      "-o",
-                             "--output",      "--recursive",
-                             "--limit",       "-f",
-                             "--fingerprint", "--skip-different-camera",
-                             "--threads",     "--json",
-                             "--csv",         "--report",
-                             "--case",        "--examiner",
-                             "--notes",       "--shard",
-                             "--library",     "--out",
-                             "--variants",    "--scale-search",
-                             "--help",        "--version"})
-        EXPECT_TRUE(help.out.contains(QString::fromLatin1(word))) << word;
+    for (const QString& word :
+         args("learn analyze merge identify info demo validate -o --output --recursive --limit "
+              "-f --fingerprint --skip-different-camera --threads --json --csv --report --case "
+              "--examiner --notes --shard --library --out --variants --scale-search --help "
+              "--version"))
+        EXPECT_TRUE(help.out.contains(word)) << word.toStdString();
     EXPECT_EQ(run({"analyze", "--help"}).out, help.out);
 
     const SRun version = run({"--version"});
@@ -1120,12 +1094,9 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
         const QJsonObject o =
             objectWithKeys(jsonLines.at(i), {"path", "sha256", "compared", "matches", "status", "reason",
                                              "best", "index", "total", "library"});
-        EXPECT_EQ(o["path"].toString(), QFileInfo(want.photo).absoluteFilePath());
-        EXPECT_EQ(o["index"].toInt(-1), i);
-        EXPECT_EQ(o["total"].toInt(), 4);
-        EXPECT_EQ(o["library"].toString(), library);
-        EXPECT_EQ(o["status"].toString(), want.status);
-        EXPECT_EQ(o["compared"].toInt(-1), want.compared);
+        EXPECT_EQ(fields(o, {"path", "index", "total", "library", "status", "compared"}),
+                  QStringList({QFileInfo(want.photo).absoluteFilePath(), QString::number(i), "4", library,
+                               want.status, QString::number(want.compared)}));
         EXPECT_EQ(o["sha256"].toString().size(), 64);
         const QJsonArray matches = o["matches"].toArray();
         ASSERT_EQ(matches.size(), want.camera.isEmpty() ? 0 : 1) << jsonLines.at(i).toStdString();
@@ -1198,15 +1169,6 @@ TEST_F(CliTest, IdentifyNamesTheCameraOfEachPhoto)
             EXPECT_FALSE(QFile::exists(file)) << file.toStdString();
     }
     ASSERT_TRUE(QDir().rename(path("library-gone"), library));
-
-    // A folder without a usable fingerprint is a failure, as an unreadable fingerprint is for analyze.
-    for (const QString& folder : args("@empty @no-such-library"))
-    {
-        const SRun none = run(args("identify --library " + folder + " $q0"));
-        EXPECT_EQ(none.exitCode, 2) << folder.toStdString();
-        EXPECT_TRUE(none.out.isEmpty());
-        EXPECT_TRUE(none.err.contains(folder)) << none.err.toStdString();
-    }
 }
 
 TEST_F(CliTest, DemoClassifiesEveryPhotoRight)
