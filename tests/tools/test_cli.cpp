@@ -31,8 +31,6 @@
 
 #ifdef Q_OS_UNIX
 #include <csignal>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -583,7 +581,7 @@ TEST_F(CliTest, RefusalsExitWithOneOrTwoAndOneLine)
     writeBytes(path("cut.fnp"), bytes.left(bytes.size() / 16));
     bytes[bytes.size() - 100] = static_cast<char>(bytes.at(bytes.size() - 100) ^ 0x10);
     writeBytes(path("damaged.fnp"), bytes);
-    ASSERT_EQ(::mkfifo(QFile::encodeName(path("fifo.fnp")).constData(), 0600), 0);
+    ASSERT_EQ(QProcess::execute("mkfifo", {path("fifo.fnp")}), 0);
     const QStringList evidence = args("$fp $q0 $r0 @extra/notes.txt");
     QList<QByteArray> before;
     for (const QString& file : evidence)
@@ -818,36 +816,17 @@ TEST_F(CliTest, InterruptKeepsTheFinishedResults)
 // not; none is opened if that could hang, none silently left out.
 TEST_F(CliTest, FilesThatCannotBeAnalyzedAreReportedNotDropped)
 {
+    // A pipe, a link to it, a link to nothing, a name that is not UTF-8, and folders
+    // nested beyond the system's path limit (made one level at a time).
     const QString folder = path("odd");
     ASSERT_TRUE(QDir().mkpath(folder));
-    const QByteArray base = QFile::encodeName(folder);
-    ASSERT_TRUE(QFile::copy(s_questioned.at(0), folder + "/good.jpg"));
-    const QByteArray photo = readBytes(s_questioned.at(0));
-    ASSERT_EQ(::mkfifo((base + "/pipe.jpg").constData(), 0600), 0);
-    ASSERT_EQ(::symlink("pipe.jpg", (base + "/to-pipe.jpg").constData()), 0);
-    ASSERT_EQ(::symlink("nothing", (base + "/gone.jpg").constData()), 0);
-    const auto writeAt = [&](int dir, const char* name)
-    {
-        const int fd = ::openat(dir, name, O_WRONLY | O_CREAT, 0600);
-        ASSERT_GE(fd, 0) << name;
-        ASSERT_EQ(::write(fd, photo.constData(), static_cast<size_t>(photo.size())), photo.size());
-        ::close(fd);
-    };
-    writeAt(AT_FDCWD, (base + "/caf\xe9.jpg").constData());
-    // Folders nested beyond the system's path limit, made one level at a time.
-    int fd = ::open(base.constData(), O_RDONLY | O_DIRECTORY);
-    const QByteArray level(250, 'd');
-    for (int depth = 0; depth < 18 && fd >= 0; ++depth)
-    {
-        ASSERT_EQ(::mkdirat(fd, level.constData(), 0700), 0);
-        const int inner = ::openat(fd, level.constData(), O_RDONLY | O_DIRECTORY);
-        ::close(fd);
-        fd = inner;
-    }
-    ASSERT_GE(fd, 0);
-    writeAt(fd, "deep.jpg");
-    ::close(fd);
-
+    ASSERT_EQ(QProcess::execute(
+                  "sh", {"-c",
+                         "cd \"$0\" && cp \"$1\" good.jpg && cp \"$1\" \"$(printf 'caf\\351.jpg')\" && "
+                         "mkfifo pipe.jpg && ln -s pipe.jpg to-pipe.jpg && ln -s nothing gone.jpg && "
+                         "for i in $(seq 18); do mkdir $2 && cd -P $2 || exit 1; done && cp \"$1\" deep.jpg",
+                         folder, s_questioned.at(0), QString(250, QLatin1Char('d'))}),
+              0);
     const SRun result = run(args("analyze -f $fp -r --json - --csv @odd.csv @odd @odd/pipe.jpg"));
     QProcess::execute("rm", {"-rf", folder}); // too deep for QDir
     ASSERT_EQ(result.exitCode, 0) << result.err.toStdString();
