@@ -670,6 +670,7 @@ TEST_F(CliTest, LearningNeedsThreeUsablePhotos)
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_EQ(lines(result.err).size(), 1) << result.err.toStdString();
     EXPECT_TRUE(result.err.contains("Not enough images") && result.err.contains("at least 3"));
+    EXPECT_FALSE(QFile::exists(path("two.fnp")));
 
     // Three photos, one of them twice (once through another spelling): refused, naming both.
     result = run(args("learn -o @two.fnp $r0 $r1 @refs/../refs/ref-1.jpg"));
@@ -689,6 +690,7 @@ TEST_F(CliTest, LearningNeedsThreeUsablePhotos)
         << result.out.toStdString();
     EXPECT_TRUE(result.err.contains("4/4 " + path("extra/tiny.jpg"))) << result.err.toStdString();
     EXPECT_TRUE(result.err.contains("Photo has too small resolution"));
+    EXPECT_FALSE(QFile::exists(path("refused.fnp")));
 
     // Out of memory is the computer's fault, not the first photo's.
     result = run(args("learn -o @refused.fnp $r0 $r1 $r2"), {"LUMICREST_MEMORY_BUDGET_MB", "1"});
