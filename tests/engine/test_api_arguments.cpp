@@ -75,34 +75,24 @@ TEST(ApiArguments, LearningRefusesBadArguments)
     const wchar_t* nullPath[] = {nullptr};
     const wchar_t* emptyPath[] = {L""};
     fingerprint_binary_s out{};
-    const struct
-    {
-        const wchar_t** paths;
-        int count;
-        fingerprint_binary_s* out;
-        const wchar_t* option;
-        lumicrest_error_code code;
-    } cases[] = {
-        {nullptr, 1, &out, L"", LUMICREST_INVALID_NULL_POINTER},
-        {paths, 1, nullptr, L"", LUMICREST_INVALID_NULL_POINTER},
-        {paths, 0, &out, L"", LUMICREST_INVALID_COUNT},
-        {paths, -3, &out, L"", LUMICREST_INVALID_COUNT},
-        {nullPath, 1, &out, L"", LUMICREST_INVALID_NULL_POINTER},
-        {emptyPath, 1, &out, L"", LUMICREST_INVALID_EMPTY_PATH},
-        {paths, 1, &out, L"colour=blue", LUMICREST_INVALID_OPTION},
-    };
-    for (const auto& c : cases)
-    {
-        SCOPED_TRACE(&c - cases);
+    // Out-texts are cleared even when the call fails.
+    const auto refused = [](const wchar_t** p, int count, fingerprint_binary_s* fp, const wchar_t* option) {
         wchar_t* t1 = reinterpret_cast<wchar_t*>(1);
-        wchar_t* t2 = reinterpret_cast<wchar_t*>(1);
-        EXPECT_EQ(get_sensor_fingerprint(c.paths, c.count, c.out, &t1, c.option, true, &t2, nullptr), c.code);
-        // Out-texts are cleared even when the call fails.
+        wchar_t* t2 = t1;
+        const lumicrest_error_code code = get_sensor_fingerprint(p, count, fp, &t1, option, true, &t2, nullptr);
         EXPECT_EQ(t1, nullptr);
         EXPECT_EQ(t2, nullptr);
-        EXPECT_EQ(out.data, nullptr);
-        EXPECT_EQ(out.size, 0);
-    }
+        return code;
+    };
+    EXPECT_EQ(refused(nullptr, 1, &out, L""), LUMICREST_INVALID_NULL_POINTER);
+    EXPECT_EQ(refused(paths, 1, nullptr, L""), LUMICREST_INVALID_NULL_POINTER);
+    EXPECT_EQ(refused(paths, 0, &out, L""), LUMICREST_INVALID_COUNT);
+    EXPECT_EQ(refused(paths, -3, &out, L""), LUMICREST_INVALID_COUNT);
+    EXPECT_EQ(refused(nullPath, 1, &out, L""), LUMICREST_INVALID_NULL_POINTER);
+    EXPECT_EQ(refused(emptyPath, 1, &out, L""), LUMICREST_INVALID_EMPTY_PATH);
+    EXPECT_EQ(refused(paths, 1, &out, L"colour=blue"), LUMICREST_INVALID_OPTION);
+    EXPECT_EQ(out.data, nullptr);
+    EXPECT_EQ(out.size, 0);
     // Out-texts are optional.
     EXPECT_EQ(get_sensor_fingerprint(paths, 1, &out, nullptr, L"", true, nullptr, nullptr),
               LUMICREST_FORMAT_NOT_SUPPORTED);
@@ -120,43 +110,28 @@ TEST(ApiArguments, MatchingRefusesBadArgumentsAndStillAnswers)
     damaged[damaged.size() / 2] ^= 1;
     const fingerprint_binary_s bad{damaged.data(), static_cast<int32_t>(damaged.size()), nullptr};
     const fingerprint_binary_s tiny{held.bytes.data(), 3, nullptr};
-    const struct
-    {
-        const fingerprint_binary_s* fp;
-        const wchar_t* photo;
-        int mode;
-        lumicrest_error_code code;
-        bool answers; // with a JSON that says "no match"
-    } cases[] = {
-        {nullptr, text.c_str(), 2, LUMICREST_INVALID_NULL_POINTER, false},
-        {&held.fp, nullptr, 2, LUMICREST_INVALID_NULL_POINTER, false},
-        {&held.fp, L"", 2, LUMICREST_INVALID_EMPTY_PATH, true}, // even a refused call answers
-        {&held.fp, text.c_str(), 1, LUMICREST_INVALID_MODE, false},
-        {&held.fp, text.c_str(), 2, LUMICREST_FORMAT_NOT_SUPPORTED, true},
-        {&held.fp, empty.c_str(), 2, LUMICREST_PHOTO_UNREADABLE, false},
-        {&held.fp, missing.c_str(), 2, LUMICREST_PHOTO_CANNOT_OPEN, false},
-        {&bad, text.c_str(), 2, LUMICREST_FINGERPRINT_CANNOT_READ, false},
-        {&tiny, text.c_str(), 2, LUMICREST_FINGERPRINT_CANNOT_READ, false},
-    };
-    for (const auto& c : cases)
-    {
-        SCOPED_TRACE(&c - cases);
+    // The code, and whether the answer says "no match": even some refused calls answer.
+    const auto matched = [](const fingerprint_binary_s* fp, const wchar_t* photo, int mode = 2) {
         wchar_t* json = nullptr;
-        EXPECT_EQ(match_device_origins(c.fp, c.photo, c.mode, &json, nullptr), c.code);
-        const std::string said = answer(json);
-        if (c.answers)
-        {
-            EXPECT_NE(said.find("\"sensor_matched\":0"), std::string::npos) << said;
-        }
-    }
+        const lumicrest_error_code code = match_device_origins(fp, photo, mode, &json, nullptr);
+        return std::make_pair(code, answer(json).find("\"sensor_matched\":0") != std::string::npos);
+    };
+    using Said = std::pair<lumicrest_error_code, bool>;
+    EXPECT_EQ(matched(nullptr, text.c_str()).first, LUMICREST_INVALID_NULL_POINTER);
+    EXPECT_EQ(matched(&held.fp, nullptr).first, LUMICREST_INVALID_NULL_POINTER);
+    EXPECT_EQ(matched(&held.fp, L""), Said(LUMICREST_INVALID_EMPTY_PATH, true));
+    EXPECT_EQ(matched(&held.fp, text.c_str(), 1).first, LUMICREST_INVALID_MODE);
+    EXPECT_EQ(matched(&held.fp, text.c_str()), Said(LUMICREST_FORMAT_NOT_SUPPORTED, true));
+    EXPECT_EQ(matched(&held.fp, empty.c_str()).first, LUMICREST_PHOTO_UNREADABLE);
+    EXPECT_EQ(matched(&held.fp, missing.c_str()).first, LUMICREST_PHOTO_CANNOT_OPEN);
+    EXPECT_EQ(matched(&bad, text.c_str()).first, LUMICREST_FINGERPRINT_CANNOT_READ);
+    EXPECT_EQ(matched(&tiny, text.c_str()).first, LUMICREST_FINGERPRINT_CANNOT_READ);
     EXPECT_EQ(match_device_origins(&held.fp, text.c_str(), 2, nullptr, nullptr), LUMICREST_INVALID_NULL_POINTER);
     EXPECT_EQ(save_fingerprint_to_disk(&bad, at(dir, "bad.fnp").c_str()), LUMICREST_FINGERPRINT_CANNOT_READ);
     EXPECT_FALSE(fs::exists(dir.path() / "bad.fnp"));
     // Damaged in place after the cache has seen the fingerprint.
     held.bytes[100] ^= 1;
-    wchar_t* json = nullptr;
-    EXPECT_EQ(match_device_origins(&held.fp, text.c_str(), 2, &json, nullptr), LUMICREST_FINGERPRINT_CANNOT_READ);
-    std::free(json);
+    EXPECT_EQ(matched(&held.fp, text.c_str()).first, LUMICREST_FINGERPRINT_CANNOT_READ);
 }
 
 TEST(ApiArguments, BrokenPhotosGiveTheirValuesThroughBothCalls)
