@@ -81,7 +81,7 @@ struct Learned
 };
 
 inline Learned learn(const std::vector<std::string>& photos, void (*progress)(int, float, float) = nullptr,
-                     const wchar_t* option = L"")
+                     const wchar_t* option = L"", bool checks = true)
 {
     std::vector<std::wstring> paths;
     for (const std::string& p : photos)
@@ -92,7 +92,7 @@ inline Learned learn(const std::vector<std::string>& photos, void (*progress)(in
     Learned out;
     wchar_t* t1 = nullptr;
     wchar_t* t2 = nullptr;
-    out.code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &out.fp, &t1, option, true,
+    out.code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &out.fp, &t1, option, checks,
                                       &t2, progress);
     out.diagnostics = take(t1);
     out.warnings = take(t2);
