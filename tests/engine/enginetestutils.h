@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <random>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Small helpers for tests that drive the engine through its C interface.
@@ -30,6 +33,22 @@ public:
 private:
     std::filesystem::path m_path;
 };
+
+// Runs work(0) .. work(count - 1), each on a thread of its own, and waits for all.
+template <class Work> void inParallel(size_t count, Work work)
+{
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; ++i)
+        threads.emplace_back(work, i);
+    for (std::thread& t : threads)
+        t.join();
+}
+
+inline std::vector<unsigned char> readBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
 
 inline std::wstring wide(const std::string& s)
 {

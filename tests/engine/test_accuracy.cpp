@@ -218,8 +218,7 @@ TEST_F(Accuracy, EightThreadsGiveTheAnswersOfOne)
     // The fingerprint as the program holds it after loading a file: bytes only.
     const std::string saved = s_dir->file("threads.fnp");
     ASSERT_EQ(save_fingerprint_to_disk(&s_learned->fp, wide(saved).c_str()), LUMICREST_OK);
-    std::ifstream in(saved, std::ios::binary);
-    std::vector<unsigned char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<unsigned char> bytes = readBytes(saved);
     const fingerprint_binary_s held{bytes.data(), static_cast<int32_t>(bytes.size()), nullptr};
 
     // Both units; every other pair resized to 0.8, so the threads share the resampled K being made.
@@ -233,11 +232,7 @@ TEST_F(Accuracy, EightThreadsGiveTheAnswersOfOne)
         sequential.push_back(match(held, p).json);
 
     std::vector<std::string> parallel(photos.size());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < photos.size(); ++i)
-        threads.emplace_back([&, i] { parallel[i] = match(held, photos[i]).json; });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(photos.size(), [&](size_t i) { parallel[i] = match(held, photos[i]).json; });
     EXPECT_EQ(parallel, sequential);
     for (size_t i = 0; i < photos.size(); ++i)
         EXPECT_EQ(match(s_learned->fp, photos[i]).json, sequential[i]) << "engine-made and caller-built agree";

@@ -43,21 +43,17 @@ TEST(MemoryBudget, LeasesWaitForRoomAndOversizedRequestsRunAlone)
     budget.resetPeak();
     std::atomic<int> inside{0};
     std::atomic<int> most{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([&, t] {
-            // 60 + 60 > 100: never two at once; 250 alone exceeds everything.
-            const MemoryBudget::Lease lease(budget, t == 5 ? 250 : 60);
-            const int now = ++inside;
-            int seen = most.load();
-            while (now > seen && !most.compare_exchange_weak(seen, now))
-            {
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            --inside;
-        });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(6, [&](size_t t) {
+        // 60 + 60 > 100: never two at once; 250 alone exceeds everything.
+        const MemoryBudget::Lease lease(budget, t == 5 ? 250 : 60);
+        const int now = ++inside;
+        int seen = most.load();
+        while (now > seen && !most.compare_exchange_weak(seen, now))
+        {
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        --inside;
+    });
     EXPECT_EQ(most.load(), 1);
     EXPECT_EQ(budget.peakHolders(), 1);
     budget.setCapacity(1000);
@@ -87,11 +83,7 @@ TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
     budget.setCapacity(oneMatch + oneMatch / 2);
     budget.resetPeak();
     std::vector<std::string> together(photos.size());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < photos.size(); ++i)
-        threads.emplace_back([&, i] { together[i] = match(learned.fp, photos[i]).json; });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(photos.size(), [&](size_t i) { together[i] = match(learned.fp, photos[i]).json; });
     EXPECT_EQ(budget.peakHolders(), 1) << "the budget allows one large match at a time";
     EXPECT_EQ(together, alone);
     budget.setCapacity(saved);

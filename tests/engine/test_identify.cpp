@@ -168,14 +168,8 @@ TEST_F(Identify, EachPhotoFindsItsOwnCameraOnlyWithAndWithoutTheDigestPass)
 
 TEST_F(Identify, OneFingerprintEqualsAMatchAndMoreFingerprintsCostExactlyTheirCorrection)
 {
-    fingerprint_binary_s fp{};
-    {
-        std::ifstream in(s_fingerprints[0], std::ios::binary);
-        static std::vector<unsigned char> bytes;
-        bytes.assign(std::istreambuf_iterator<char>(in), {});
-        fp.data = bytes.data();
-        fp.size = static_cast<int32_t>(bytes.size());
-    }
+    std::vector<unsigned char> bytes = readBytes(s_fingerprints[0]);
+    const fingerprint_binary_s fp{bytes.data(), static_cast<int32_t>(bytes.size()), nullptr};
     const Matched alone = match(fp, s_photos[0]);
     const Answer one = Library({s_fingerprints[0]}).identify(s_photos[0]);
     const Answer six = Library(s_fingerprints).identify(s_photos[0]);
@@ -365,16 +359,10 @@ TEST_F(Identify, ThreadsIdentifyingAtOnceGiveTheAnswersOfOne)
     }
     // Cold: the threads load the same fingerprints at once.
     std::vector<std::string> answers(2 * s_photos.size());
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < 4; ++t)
-        threads.emplace_back(
-            [&, t]
-            {
-                for (size_t i = t; i < answers.size(); i += 4)
-                    answers[i] = library.identify(s_photos[i % s_photos.size()]).json;
-            });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(4, [&](size_t t) {
+        for (size_t i = t; i < answers.size(); i += 4)
+            answers[i] = library.identify(s_photos[i % s_photos.size()]).json;
+    });
     for (size_t i = 0; i < answers.size(); ++i)
         EXPECT_EQ(answers[i], expected[i % s_photos.size()]);
 }

@@ -39,6 +39,8 @@
 #include <exiv2/exiv2.hpp>
 
 namespace fs = std::filesystem;
+using enginetest::inParallel;
+using enginetest::readBytes;
 using enginetest::TempDir;
 using lumicrest::Photo;
 using lumicrest::PhotoFormat;
@@ -75,12 +77,6 @@ float same8(int x, int y, int c)
 float scaled16(int x, int y, int c)
 {
     return float(busy16(x, y, c) * 255.0 / 65535.0);
-}
-
-Bytes readBytes(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 void writeBytes(const std::string& path, const Bytes& bytes)
@@ -349,17 +345,23 @@ void writeTiff(const std::string& path, int w, int h, const TiffOptions& o, cons
         TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
     }
     const int bytes = o.bits / 8;
-    auto put = [&](unsigned char* p, int v) {
-        if (bytes == 1)
-            *p = static_cast<unsigned char>(v);
-        else
-        {
-            const uint16_t s = static_cast<uint16_t>(v);
-            std::memcpy(p, &s, 2); // native order: libtiff writes it as such
-        }
-    };
     const int planes = o.separate ? o.samples : 1;
     const int perPixel = o.separate ? 1 : o.samples;
+    // A tile or a row of plane p from (x0, y0) on; what lies outside the image is 0.
+    const auto fill = [&](std::vector<unsigned char>& region, int x0, int y0, int rw, int rh, int p) {
+        std::fill(region.begin(), region.end(), 0);
+        for (int r = 0; r < rh; ++r)
+            for (int i = 0; i < rw * perPixel; ++i)
+            {
+                const int x = x0 + i / perPixel, y = y0 + r;
+                const auto v = static_cast<uint16_t>(x < w && y < h ? sample(x, y, o.separate ? p : i % perPixel) : 0);
+                unsigned char* at = &region[(static_cast<size_t>(r) * rw * perPixel + i) * bytes];
+                if (bytes == 1)
+                    *at = static_cast<unsigned char>(v);
+                else
+                    std::memcpy(at, &v, 2); // native order: libtiff writes it as such
+            }
+    };
     if (o.tiled)
     {
         TIFFSetField(tif, TIFFTAG_TILEWIDTH, static_cast<uint32_t>(o.tileWidth));
@@ -369,17 +371,7 @@ void writeTiff(const std::string& path, int w, int h, const TiffOptions& o, cons
             for (int ty = 0; ty < h; ty += o.tileHeight)
                 for (int tx = 0; tx < w; tx += o.tileWidth)
                 {
-                    std::fill(tile.begin(), tile.end(), 0);
-                    for (int r = 0; r < o.tileHeight; ++r)
-                        for (int i = 0; i < o.tileWidth; ++i)
-                            for (int k = 0; k < perPixel; ++k)
-                            {
-                                const int x = tx + i, y = ty + r;
-                                const int v = (x < w && y < h) ? sample(x, y, o.separate ? p : k) : 0;
-                                put(&tile[(static_cast<size_t>(r) * o.tileWidth + i) * perPixel * bytes +
-                                          static_cast<size_t>(k) * bytes],
-                                    v);
-                            }
+                    fill(tile, tx, ty, o.tileWidth, o.tileHeight, p);
                     const uint32_t index = TIFFComputeTile(tif, static_cast<uint32_t>(tx), static_cast<uint32_t>(ty),
                                                            0, static_cast<uint16_t>(p));
                     ASSERT_GE(TIFFWriteEncodedTile(tif, index, tile.data(), static_cast<tmsize_t>(tile.size())), 0);
@@ -392,9 +384,7 @@ void writeTiff(const std::string& path, int w, int h, const TiffOptions& o, cons
         for (int p = 0; p < planes; ++p)
             for (int y = 0; y < h; ++y)
             {
-                for (int x = 0; x < w; ++x)
-                    for (int k = 0; k < perPixel; ++k)
-                        put(&line[(static_cast<size_t>(x) * perPixel + k) * bytes], sample(x, y, o.separate ? p : k));
+                fill(line, 0, y, w, 1, p);
                 ASSERT_GE(TIFFWriteScanline(tif, line.data(), static_cast<uint32_t>(y), static_cast<uint16_t>(p)), 0);
             }
     }
@@ -1221,28 +1211,24 @@ TEST(ImageIoThreads, EightThreadsDecodeIdentically)
     const size_t files = good.size() + bad.size();
     std::atomic<int> mismatches{0};
     std::atomic<int> decoded{0};
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < 8; ++t)
-        threads.emplace_back([&, t] {
-            for (int round = 0; round < 4; ++round)
-                for (size_t k = 0; k < files; ++k)
+    inParallel(8, [&](size_t t) {
+        for (int round = 0; round < 4; ++round)
+            for (size_t k = 0; k < files; ++k)
+            {
+                const size_t i = (k + t) % files;
+                if (i >= good.size())
                 {
-                    const size_t i = (k + t) % files;
-                    if (i >= good.size())
-                    {
-                        const Damage& d = damaged[i - good.size()];
-                        mismatches += readCode(bad[i - good.size()], d.limits) != d.read;
-                        continue;
-                    }
-                    const Photo p = lumicrest::readPhoto(good[i]);
-                    const Photo& r = reference[i];
-                    mismatches += !samePixels(p, r) || p.info.make != r.info.make || p.info.model != r.info.model ||
-                                  p.info.orientation != r.info.orientation;
-                    ++decoded;
+                    const Damage& d = damaged[i - good.size()];
+                    mismatches += readCode(bad[i - good.size()], d.limits) != d.read;
+                    continue;
                 }
-        });
-    for (auto& t : threads)
-        t.join();
+                const Photo p = lumicrest::readPhoto(good[i]);
+                const Photo& r = reference[i];
+                mismatches += !samePixels(p, r) || p.info.make != r.info.make || p.info.model != r.info.model ||
+                              p.info.orientation != r.info.orientation;
+                ++decoded;
+            }
+    });
     EXPECT_EQ(mismatches.load(), 0);
     EXPECT_EQ(decoded.load(), 8 * 4 * static_cast<int>(good.size()));
 }

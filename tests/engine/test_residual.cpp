@@ -1,4 +1,5 @@
 // Noise residual and FFT: the fast code against slow, obvious versions.
+#include "enginetestutils.h"
 #include "fft.h"
 #include "match.h"
 #include "residual.h"
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+using enginetest::inParallel;
 using namespace lumicrest;
 
 namespace
@@ -456,22 +458,14 @@ TEST(Residual, ThreadsGiveBitwiseTheSameResults)
         for (int c = 0; c < 3; ++c)
             photos[t].push_back(uniformPlane(150 + 17 * t, 90 + 11 * (count - t), 40u + 3 * t + c));
     std::vector<Plane> together(count);
-    std::vector<std::thread> threads;
     std::vector<int32_t> codes(count, 0);
-    for (int t = 0; t < count; ++t)
-        threads.emplace_back(
-            [&, t]
-            {
-                // Two photos per thread, so scratch buffers are reused across sizes.
-                codes[t] = failureCode(
-                    [&]
-                    {
-                        fullResidual(photos[(t + 1) % count].data());
-                        together[t] = fullResidual(photos[t].data());
-                    });
-            });
-    for (std::thread& thread : threads)
-        thread.join();
+    // Two photos per thread, so scratch buffers are reused across sizes.
+    inParallel(count, [&](size_t t) {
+        codes[t] = failureCode([&] {
+            fullResidual(photos[(t + 1) % count].data());
+            together[t] = fullResidual(photos[t].data());
+        });
+    });
     for (int t = 0; t < count; ++t)
     {
         const Plane alone = fullResidual(photos[t].data());
