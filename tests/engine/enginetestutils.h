@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <random>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Small helpers for tests that drive the engine through its C interface.
@@ -30,6 +33,22 @@ public:
 private:
     std::filesystem::path m_path;
 };
+
+// Runs work(0) .. work(count - 1), each on a thread of its own, and waits for all.
+template <class Work> void inParallel(size_t count, Work work)
+{
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; ++i)
+        threads.emplace_back(work, i);
+    for (std::thread& t : threads)
+        t.join();
+}
+
+inline std::vector<unsigned char> readBytes(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<unsigned char>((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
 
 inline std::wstring wide(const std::string& s)
 {
@@ -81,7 +100,7 @@ struct Learned
 };
 
 inline Learned learn(const std::vector<std::string>& photos, void (*progress)(int, float, float) = nullptr,
-                     const wchar_t* option = L"")
+                     const wchar_t* option = L"", bool checks = true)
 {
     std::vector<std::wstring> paths;
     for (const std::string& p : photos)
@@ -92,7 +111,7 @@ inline Learned learn(const std::vector<std::string>& photos, void (*progress)(in
     Learned out;
     wchar_t* t1 = nullptr;
     wchar_t* t2 = nullptr;
-    out.code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &out.fp, &t1, option, true,
+    out.code = get_sensor_fingerprint(pointers.data(), static_cast<int>(pointers.size()), &out.fp, &t1, option, checks,
                                       &t2, progress);
     out.diagnostics = take(t1);
     out.warnings = take(t2);

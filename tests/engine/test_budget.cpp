@@ -1,10 +1,9 @@
 // The process-wide memory budget: matches beyond it wait, and waiting changes
 // no answer.
 #include "budget.h"
-#include "camsim/camera.h"
 #include "constants.h"
-#include "enginetestutils.h"
 #include "lumicrest.h"
+#include "simcamera.h"
 
 #include <gtest/gtest.h>
 
@@ -21,27 +20,17 @@ namespace
 const int Width = 800;
 const int Height = 600;
 
-// count photos of the camera from consecutive scenes, named prefix0.jpg, prefix1.jpg, ...
-std::vector<std::string> shoot(const camsim::Camera& camera, const TempDir& dir, const std::string& prefix,
-                               int firstSeed, int count)
-{
-    std::vector<std::string> photos;
-    for (int i = 0; i < count; ++i)
-    {
-        camsim::ShotConfig shot;
-        shot.sceneSeed = static_cast<uint64_t>(firstSeed + i);
-        photos.push_back(dir.file(prefix + std::to_string(i) + ".jpg"));
-        camera.shoot(shot, photos.back());
-    }
-    return photos;
-}
-
-camsim::Camera smallCamera()
+// count photos of a small camera from consecutive scenes.
+std::vector<std::string> shots(const TempDir& dir, const std::string& prefix, int firstSeed, int count)
 {
     camsim::CameraConfig config;
     config.width = Width;
     config.height = Height;
-    return camsim::Camera(config);
+    return shootSeries(camsim::Camera(config), dir, prefix, count, [&](int i) {
+        camsim::ShotConfig shot;
+        shot.sceneSeed = static_cast<uint64_t>(firstSeed + i);
+        return shot;
+    });
 }
 
 } // namespace
@@ -54,21 +43,17 @@ TEST(MemoryBudget, LeasesWaitForRoomAndOversizedRequestsRunAlone)
     budget.resetPeak();
     std::atomic<int> inside{0};
     std::atomic<int> most{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([&, t] {
-            // 60 + 60 > 100: never two at once; 250 alone exceeds everything.
-            const MemoryBudget::Lease lease(budget, t == 5 ? 250 : 60);
-            const int now = ++inside;
-            int seen = most.load();
-            while (now > seen && !most.compare_exchange_weak(seen, now))
-            {
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            --inside;
-        });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(6, [&](size_t t) {
+        // 60 + 60 > 100: never two at once; 250 alone exceeds everything.
+        const MemoryBudget::Lease lease(budget, t == 5 ? 250 : 60);
+        const int now = ++inside;
+        int seen = most.load();
+        while (now > seen && !most.compare_exchange_weak(seen, now))
+        {
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        --inside;
+    });
     EXPECT_EQ(most.load(), 1);
     EXPECT_EQ(budget.peakHolders(), 1);
     budget.setCapacity(1000);
@@ -85,10 +70,9 @@ TEST(MemoryBudget, LeasesWaitForRoomAndOversizedRequestsRunAlone)
 TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
 {
     TempDir dir("lumicrest-budget");
-    const camsim::Camera camera = smallCamera();
-    Learned learned = learn(shoot(camera, dir, "r", 70, 4));
+    Learned learned = learn(shots(dir, "r", 70, 4));
     ASSERT_EQ(learned.code, LUMICREST_OK);
-    const std::vector<std::string> photos = shoot(camera, dir, "q", 80, 6);
+    const std::vector<std::string> photos = shots(dir, "q", 80, 6);
     std::vector<std::string> alone;
     for (const std::string& p : photos)
         alone.push_back(match(learned.fp, p).json);
@@ -99,11 +83,7 @@ TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
     budget.setCapacity(oneMatch + oneMatch / 2);
     budget.resetPeak();
     std::vector<std::string> together(photos.size());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < photos.size(); ++i)
-        threads.emplace_back([&, i] { together[i] = match(learned.fp, photos[i]).json; });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(photos.size(), [&](size_t i) { together[i] = match(learned.fp, photos[i]).json; });
     EXPECT_EQ(budget.peakHolders(), 1) << "the budget allows one large match at a time";
     EXPECT_EQ(together, alone);
     budget.setCapacity(saved);
@@ -117,7 +97,7 @@ TEST(MemoryBudget, RoomForOneLargeMatchAtATimeGivesTheSameAnswers)
 TEST(MemoryBudget, LearningWithinTheBudgetOrRefusedAsOutOfMemory)
 {
     TempDir dir("lumicrest-budget-learn");
-    const std::vector<std::string> references = shoot(smallCamera(), dir, "r", 90, 4);
+    const std::vector<std::string> references = shots(dir, "r", 90, 4);
     const uint64_t pixels = Width * Height;
     const uint64_t sums = lumicrest::constants::LearnSumsBytesPerPixel * pixels;
     const uint64_t photo = lumicrest::constants::LearnPhotoBytesPerPixel * pixels;

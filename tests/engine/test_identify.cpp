@@ -1,10 +1,8 @@
 // Identification through the C interface: a library of six simulated cameras
 // (two units of one model), their photos, one camera outside the library.
-#include "camsim/camera.h"
-#include "camsim/profiles.h"
-#include "enginetestutils.h"
 #include "lumicrest.h"
 #include "lumicrest_identify.h"
+#include "simcamera.h"
 
 #include <gtest/gtest.h>
 
@@ -18,26 +16,15 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr double Scale = 0.4;
 constexpr int Cameras = 6; // in the library; [Cameras] is the outsider
-const camsim::profiles::Profile Profile = camsim::profiles::Profile::Dslr;
 
 camsim::CameraConfig cameraConfig(int i)
 {
     // 0 and 1 are two units of one model; the rest are models of their own.
-    camsim::CameraConfig c = camsim::profiles::camera(Profile, static_cast<uint64_t>(i + 1), Scale);
+    camsim::CameraConfig c = dslrUnit(static_cast<uint64_t>(i + 1));
     if (i >= 2)
         c.model += "-" + std::to_string(i);
     return c;
-}
-
-camsim::ShotConfig shot(uint64_t seed)
-{
-    camsim::ShotConfig s = camsim::profiles::referenceShot(Profile, seed);
-    s.scene = camsim::SceneKind::Natural;
-    s.exposure = 0.3;
-    s.quality = 92;
-    return s;
 }
 
 struct Answer
@@ -105,23 +92,14 @@ protected:
         for (int i = 0; i <= Cameras; ++i)
         {
             const camsim::Camera camera(cameraConfig(i));
-            if (i < Cameras)
-            {
-                std::vector<std::string> references;
-                for (int j = 0; j < 6; ++j)
-                {
-                    references.push_back(s_dir->file("ref.jpg" + std::to_string(j)));
-                    camera.shoot(camsim::profiles::referenceShot(Profile, 100 * i + j), references.back());
-                }
-                Learned learned = learn(references);
-                ASSERT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
-                s_fingerprints.push_back(s_dir->file("fp" + std::to_string(i) + ".lmf"));
-                ASSERT_EQ(save_fingerprint_to_disk(&learned.fp, wide(s_fingerprints.back()).c_str()),
-                          LUMICREST_OK);
-                release_fingerprint(&learned.fp);
-            }
-            s_photos.push_back(s_dir->file("photo" + std::to_string(i) + ".jpg"));
-            camera.shoot(shot(500 + i), s_photos.back());
+            s_photos.push_back(shoot(camera, ordinaryShot(500 + i), *s_dir, "photo" + std::to_string(i) + ".jpg"));
+            if (i == Cameras)
+                break;
+            Learned learned = learnReferences(camera, *s_dir, "ref" + std::to_string(i) + "_", 100 * i, 6);
+            ASSERT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
+            s_fingerprints.push_back(s_dir->file("fp" + std::to_string(i) + ".lmf"));
+            ASSERT_EQ(save_fingerprint_to_disk(&learned.fp, wide(s_fingerprints.back()).c_str()), LUMICREST_OK);
+            release_fingerprint(&learned.fp);
         }
     }
     static void TearDownTestSuite()
@@ -190,14 +168,8 @@ TEST_F(Identify, EachPhotoFindsItsOwnCameraOnlyWithAndWithoutTheDigestPass)
 
 TEST_F(Identify, OneFingerprintEqualsAMatchAndMoreFingerprintsCostExactlyTheirCorrection)
 {
-    fingerprint_binary_s fp{};
-    {
-        std::ifstream in(s_fingerprints[0], std::ios::binary);
-        static std::vector<unsigned char> bytes;
-        bytes.assign(std::istreambuf_iterator<char>(in), {});
-        fp.data = bytes.data();
-        fp.size = static_cast<int32_t>(bytes.size());
-    }
+    std::vector<unsigned char> bytes = readBytes(s_fingerprints[0]);
+    const fingerprint_binary_s fp{bytes.data(), static_cast<int32_t>(bytes.size()), nullptr};
     const Matched alone = match(fp, s_photos[0]);
     const Answer one = Library({s_fingerprints[0]}).identify(s_photos[0]);
     const Answer six = Library(s_fingerprints).identify(s_photos[0]);
@@ -267,7 +239,9 @@ TEST_F(Identify, DigestFilesAreWrittenReadAndNeverTrustedWhenStaleOrDamaged)
     fs::permissions(dir.path(), fs::perms::owner_all);
     EXPECT_EQ(readOnly.code, LUMICREST_OK);
     if (!writable)
+    {
         EXPECT_EQ(readOnly.digest(0), "made") << readOnly.opened;
+    }
 }
 
 TEST_F(Identify, DamagedFingerprintIsReportedAndLeftOut)
@@ -295,46 +269,42 @@ TEST_F(Identify, PhotosOfOtherSizesGoThroughTheFullMatchOrAreNotCompared)
     struct Case
     {
         const char* name;
-        int cropWidth, cropHeight, resizeWidth, resizeHeight, cameraWidth;
+        int cropWidth, cropHeight;
+        double factor;
+        int cameraWidth;
         int compared;
         const char* reason;
         std::vector<int> matches;
     };
     const Case cases[] = {
-        {"cropped", width / 2, height / 2, 0, 0, 0, Cameras, "", {4}},
-        {"resized",
-         0,
-         0,
-         static_cast<int>(std::lround(width * 0.8)),
-         static_cast<int>(std::lround(height * 0.8)),
-         0,
-         Cameras,
-         "",
-         {4}},
-        {"larger", 0, 0, 0, 0, width + 64, 0, "size", {}},
-        {"too small", 200, 200, 0, 0, 0, 0, "too small", {}},
+        {"cropped", width / 2, height / 2, 1.0, width, Cameras, "", {4}},
+        {"resized", 0, 0, 0.8, width, Cameras, "", {4}},
+        {"larger", 0, 0, 1.0, width + 64, 0, "size", {}},
+        {"too small", 200, 200, 1.0, width, 0, "too small", {}},
     };
     const Library library(s_fingerprints);
     for (const Case& c : cases)
     {
-        camsim::ShotConfig s = shot(900);
+        SCOPED_TRACE(c.name);
+        camsim::ShotConfig s = ordinaryShot(900);
         s.cropWidth = c.cropWidth;
         s.cropHeight = c.cropHeight;
-        s.resizeWidth = c.resizeWidth;
-        s.resizeHeight = c.resizeHeight;
+        if (c.factor != 1.0)
+        {
+            s.resizeWidth = static_cast<int>(std::lround(width * c.factor));
+            s.resizeHeight = static_cast<int>(std::lround(height * c.factor));
+        }
         camsim::CameraConfig config = cameraConfig(4);
-        if (c.cameraWidth)
-            config.width = c.cameraWidth;
-        const std::string photo = s_dir->file(std::string(c.name) + ".jpg");
-        camsim::Camera(config).shoot(s, photo);
-        const Answer a = library.identify(photo);
-        std::printf("%s: %s\n", c.name, a.json.c_str());
-        ASSERT_EQ(a.code, LUMICREST_OK) << c.name;
-        EXPECT_EQ(a.number("compared"), c.compared) << c.name << a.json;
+        config.width = c.cameraWidth;
+        const Answer a = library.identify(shoot(camsim::Camera(config), s, *s_dir, std::string(c.name) + ".jpg"));
+        ASSERT_EQ(a.code, LUMICREST_OK);
+        EXPECT_EQ(a.number("compared"), c.compared) << a.json;
         EXPECT_NE(a.json.find(std::string("\"reason\":\"") + c.reason + "\""), std::string::npos) << a.json;
-        EXPECT_EQ(a.matches(), c.matches) << c.name << a.json;
+        EXPECT_EQ(a.matches(), c.matches) << a.json;
         if (c.compared == 0)
+        {
             EXPECT_NE(a.json.find("\"best\":null"), std::string::npos) << a.json;
+        }
     }
 }
 
@@ -389,16 +359,10 @@ TEST_F(Identify, ThreadsIdentifyingAtOnceGiveTheAnswersOfOne)
     }
     // Cold: the threads load the same fingerprints at once.
     std::vector<std::string> answers(2 * s_photos.size());
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < 4; ++t)
-        threads.emplace_back(
-            [&, t]
-            {
-                for (size_t i = t; i < answers.size(); i += 4)
-                    answers[i] = library.identify(s_photos[i % s_photos.size()]).json;
-            });
-    for (std::thread& t : threads)
-        t.join();
+    inParallel(4, [&](size_t t) {
+        for (size_t i = t; i < answers.size(); i += 4)
+            answers[i] = library.identify(s_photos[i % s_photos.size()]).json;
+    });
     for (size_t i = 0; i < answers.size(); ++i)
         EXPECT_EQ(answers[i], expected[i % s_photos.size()]);
 }

@@ -1,10 +1,9 @@
 // Learning through the C interface: the progress protocol, the reference
 // checks that stop learning at the failing photo, and portrait references.
-#include "camsim/camera.h"
 #include "camsim/imagefile.h"
 #include "camsim/random.h"
-#include "enginetestutils.h"
 #include "lumicrest.h"
+#include "simcamera.h"
 
 #include <gtest/gtest.h>
 
@@ -51,9 +50,11 @@ protected:
 
     std::string photo(const camsim::ShotConfig& s, const std::string& name, const camsim::Camera* other = nullptr)
     {
-        const std::string path = m_dir.file(name);
-        (other ? *other : m_camera).shoot(s, path);
-        return path;
+        return shoot(other ? *other : m_camera, s, m_dir, name);
+    }
+    std::vector<std::string> photos(const std::string& prefix, int count, int firstSeed)
+    {
+        return shootSeries(m_camera, m_dir, prefix, count, [&](int i) { return shot(firstSeed + i); });
     }
 
     // Two good photos followed by the one under test.
@@ -70,29 +71,21 @@ protected:
 
 TEST_F(Learning, ProgressArrivesInOrderAndNmseFalls)
 {
-    std::vector<std::string> photos;
-    for (int i = 0; i < 4; ++i)
-        photos.push_back(photo(shot(20 + i), "p" + std::to_string(i) + ".jpg"));
     g_calls.clear();
-    Learned learned = learn(photos, &record);
+    Learned learned = learn(photos("p", 4, 20), &record);
     ASSERT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
 
     ASSERT_EQ(g_calls.size(), 6u) << "one before, one per photo, one closing";
     EXPECT_EQ(g_calls.front(), std::make_tuple(0, 0.0f, 0.0f));
     EXPECT_EQ(g_calls.back(), std::make_tuple(100, 0.0f, 0.0f));
-    const int percents[] = {25, 50, 75, 100};
-    float lastSeconds = 0.0f;
-    for (int i = 0; i < 4; ++i)
+    for (int i = 1; i <= 4; ++i)
     {
-        const auto [percent, nmse, seconds] = g_calls[i + 1];
-        EXPECT_EQ(percent, percents[i]);
+        const auto [percent, nmse, seconds] = g_calls[i];
+        EXPECT_EQ(percent, 25 * i);
         EXPECT_FALSE(nmse == 0.0f && seconds == 0.0f) << "a photo's call never looks like the closing one";
-        EXPECT_GE(seconds, lastSeconds);
-        lastSeconds = seconds;
-        if (i == 0)
-            EXPECT_EQ(nmse, 1.0f);
-        else
-            EXPECT_LT(nmse, 1.0f);
+        EXPECT_GE(seconds, std::get<2>(g_calls[i - 1]));
+        EXPECT_EQ(nmse == 1.0f, i == 1) << "the first photo's estimate is 1, then it falls";
+        EXPECT_LE(nmse, 1.0f);
     }
     EXPECT_LT(std::get<1>(g_calls[4]), std::get<1>(g_calls[2])) << "the estimate converges";
 
@@ -162,27 +155,20 @@ TEST_F(Learning, EachFailingCheckStopsAtItsPhoto)
 
 TEST_F(Learning, ChecksCanBeSwitchedOffAndWeakPhotosWarn)
 {
-    const std::string dim = photo(shot(5, 0.02), "dim.jpg");
-    std::vector<std::wstring> paths = {wide(photo(shot(1), "a.jpg")), wide(photo(shot(2), "b.jpg")), wide(dim)};
-    const wchar_t* pointers[] = {paths[0].c_str(), paths[1].c_str(), paths[2].c_str()};
-    fingerprint_binary_s fp{};
-    wchar_t* t1 = nullptr;
-    wchar_t* t2 = nullptr;
-    ASSERT_EQ(get_sensor_fingerprint(pointers, 3, &fp, &t1, L"sigma_ref=2.5", false, &t2, nullptr), LUMICREST_OK);
-    take(t1);
-    const std::string warnings = take(t2);
-    EXPECT_NE(warnings.find("\"code\":\"dark\""), std::string::npos) << warnings;
-    EXPECT_NE(warnings.find("\"index\":2"), std::string::npos);
-    release_fingerprint(&fp);
+    Learned learned = learn(twoGoodAnd(photo(shot(5, 0.02), "dim.jpg")), nullptr, L"sigma_ref=2.5", false);
+    ASSERT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
+    EXPECT_NE(learned.warnings.find("\"code\":\"dark\""), std::string::npos) << learned.warnings;
+    EXPECT_NE(learned.warnings.find("\"index\":2"), std::string::npos);
+    release_fingerprint(&learned.fp);
 }
 
 TEST_F(Learning, PortraitReferencesAreTurnedTheWayTheSensorWas)
 {
     camsim::ShotConfig upright = shot(7);
     upright.rotation = 90;
-    std::vector<std::string> photos = {photo(shot(1), "l1.jpg"), photo(shot(2), "l2.jpg"), photo(shot(3), "l3.jpg"),
-                                       photo(upright, "portrait.jpg")};
-    Learned learned = learn(photos);
+    std::vector<std::string> references = photos("l", 3, 1);
+    references.push_back(photo(upright, "portrait.jpg"));
+    Learned learned = learn(references);
     ASSERT_EQ(learned.code, LUMICREST_OK) << learned.diagnostics;
     EXPECT_NE(learned.diagnostics.find("\"width\":768,\"height\":1024,\"rotation\":270"), std::string::npos)
         << learned.diagnostics;
@@ -199,15 +185,13 @@ TEST_F(Learning, PortraitReferencesAreTurnedTheWayTheSensorWas)
 
 TEST_F(Learning, ThreadCountDoesNotChangeTheFingerprint)
 {
-    std::vector<std::string> photos;
-    for (int i = 0; i < 5; ++i)
-        photos.push_back(photo(shot(40 + i), "t" + std::to_string(i) + ".jpg"));
+    const std::vector<std::string> references = photos("t", 5, 40);
     const std::string question = photo(shot(49), "tq.jpg");
     std::string diagnostics;
     std::string answer;
     for (const wchar_t* option : {L"threads=1", L"threads=2", L"threads=5"})
     {
-        Learned learned = learn(photos, nullptr, option);
+        Learned learned = learn(references, nullptr, option);
         ASSERT_EQ(learned.code, LUMICREST_OK);
         const Matched m = match(learned.fp, question);
         if (diagnostics.empty())

@@ -1,4 +1,5 @@
 // Noise residual and FFT: the fast code against slow, obvious versions.
+#include "enginetestutils.h"
 #include "fft.h"
 #include "match.h"
 #include "residual.h"
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+using enginetest::inParallel;
 using namespace lumicrest;
 
 namespace
@@ -367,44 +369,6 @@ TEST(Fft, ZeroShiftPceAgreesWithWholePlane)
     }
 }
 
-TEST(Fft, ConcurrentTransformsOfNewSizesMatchSequential)
-{
-    // Sizes no other test uses, so the threads also race to plan them.
-    const int count = 8;
-    std::vector<Plane> inputs, parallel(count), sequential(count);
-    for (int t = 0; t < count; ++t)
-        inputs.push_back(gaussianPlane(61 + 13 * t, 47 + 9 * (t % 3), 100u + t));
-    std::vector<std::thread> threads;
-    std::vector<int32_t> codes(count, 0);
-    for (int t = 0; t < count; ++t)
-        threads.emplace_back(
-            [&, t]
-            {
-                codes[t] = failureCode(
-                    [&]
-                    {
-                        for (int round = 0; round < 20; ++round)
-                        {
-                            Spectrum f;
-                            forwardFft(inputs[t], f);
-                            inverseFft(f, parallel[t]);
-                        }
-                    });
-            });
-    for (std::thread& thread : threads)
-        thread.join();
-    for (int t = 0; t < count; ++t)
-    {
-        Spectrum f;
-        forwardFft(inputs[t], f);
-        inverseFft(f, sequential[t]);
-        EXPECT_EQ(codes[t], 0);
-        ASSERT_EQ(parallel[t].size(), sequential[t].size());
-        EXPECT_EQ(std::memcmp(parallel[t].data(), sequential[t].data(), sequential[t].size() * sizeof(float)),
-                  0);
-    }
-}
-
 TEST(Wiener, RemovesPeriodicPatternsKeepsWhiteNoise)
 {
     const int w = 256, h = 192;
@@ -486,35 +450,28 @@ TEST(Residual, RecoversMultiplicativePatternAndCombinesLinearly)
 
 TEST(Residual, ThreadsGiveBitwiseTheSameResults)
 {
+    // Sizes no other test uses, and the threads run first: they also race to
+    // plan their transforms.
     const int count = 8;
     std::vector<std::vector<Plane>> photos(count);
     for (int t = 0; t < count; ++t)
         for (int c = 0; c < 3; ++c)
             photos[t].push_back(uniformPlane(150 + 17 * t, 90 + 11 * (count - t), 40u + 3 * t + c));
-    std::vector<Plane> alone(count), together(count);
-    for (int t = 0; t < count; ++t)
-        alone[t] = fullResidual(photos[t].data());
-    std::vector<std::thread> threads;
+    std::vector<Plane> together(count);
     std::vector<int32_t> codes(count, 0);
-    for (int t = 0; t < count; ++t)
-        threads.emplace_back(
-            [&, t]
-            {
-                // Two photos per thread, so scratch buffers are reused across sizes.
-                codes[t] = failureCode(
-                    [&]
-                    {
-                        fullResidual(photos[(t + 1) % count].data());
-                        together[t] = fullResidual(photos[t].data());
-                    });
-            });
-    for (std::thread& thread : threads)
-        thread.join();
+    // Two photos per thread, so scratch buffers are reused across sizes.
+    inParallel(count, [&](size_t t) {
+        codes[t] = failureCode([&] {
+            fullResidual(photos[(t + 1) % count].data());
+            together[t] = fullResidual(photos[t].data());
+        });
+    });
     for (int t = 0; t < count; ++t)
     {
+        const Plane alone = fullResidual(photos[t].data());
         EXPECT_EQ(codes[t], 0);
-        ASSERT_EQ(together[t].size(), alone[t].size());
-        EXPECT_EQ(std::memcmp(together[t].data(), alone[t].data(), alone[t].size() * sizeof(float)), 0) << t;
+        ASSERT_EQ(together[t].size(), alone.size());
+        EXPECT_EQ(std::memcmp(together[t].data(), alone.data(), alone.size() * sizeof(float)), 0) << t;
     }
 }
 
