@@ -211,9 +211,11 @@ QByteArray contentDigest(const QFileInfo& photo, bool whole)
     return hash.result();
 }
 
-// The engine's opening progress call is already made by createFingerprint,
-// which promises its caller exactly one; this forwarder drops the engine's own.
-thread_local CFingerprint::ProgressFunction t_progress = nullptr;
+// The engine's progress callback is a plain function called on the learning
+// thread, so the caller's function is found through a thread-local pointer;
+// this is the program's only adapter. The engine's opening call is dropped:
+// createFingerprint already made the one it promises its caller.
+thread_local const CFingerprint::ProgressFunction* t_progress = nullptr;
 thread_local bool t_openingSeen = false;
 
 void forwardProgress(int percent, float nmse, float seconds)
@@ -223,8 +225,8 @@ void forwardProgress(int percent, float nmse, float seconds)
         t_openingSeen = true;
         return;
     }
-    if (t_progress)
-        t_progress(percent, nmse, seconds);
+    if (t_progress && *t_progress)
+        (*t_progress)(percent, nmse, seconds);
 }
 
 void ignoreProgress(int) {}
@@ -432,7 +434,7 @@ CFingerprint::EStatus CFingerprint::readEngineMetadata(const fingerprint_binary_
 }
 
 CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photos, const QFileInfo& target,
-                                                      ProgressFunction progress,
+                                                      const ProgressFunction& progress,
                                                       lumicrest_error_code* engineCode)
 {
     const QString duplicate = duplicatePhotoMessage(photos);
@@ -451,7 +453,7 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
 
     if (progress)
         progress(0, 0.0f, 0.0f);
-    t_progress = progress;
+    t_progress = &progress;
     t_openingSeen = false;
     fingerprint_binary_s fp{};
     wchar_t* diagnostics = nullptr;

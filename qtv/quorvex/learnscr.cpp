@@ -17,18 +17,9 @@
 #include <QHBoxLayout>
 #include <QImageReader>
 #include <QLabel>
-#include <QMutex>
 #include <QPushButton>
 #include <QThread>
 #include <QVBoxLayout>
-
-namespace
-{
-std::atomic<CLearnWorker*> g_currentWorker{nullptr};
-// One learning at a time: the engine's callback finds its worker through the
-// one pointer above.
-QMutex g_runMutex;
-} // namespace
 
 CLearnWorker::CLearnWorker(const QFileInfoList& files, const QFileInfo& destination)
     : m_files(files), m_destination(destination)
@@ -37,12 +28,10 @@ CLearnWorker::CLearnWorker(const QFileInfoList& files, const QFileInfo& destinat
 
 void CLearnWorker::onWork()
 {
-    QMutexLocker run(&g_runMutex);
-    g_currentWorker.store(this);
     lumicrest_error_code engineCode = LUMICREST_OK;
-    const CFingerprint::EStatus status =
-        CFingerprint::createFingerprint(m_files, m_destination, &CLearnWorker::progress, &engineCode);
-    g_currentWorker.store(nullptr);
+    const CFingerprint::EStatus status = CFingerprint::createFingerprint(
+        m_files, m_destination, [this](int code, float nmse, float seconds) { progress(code, nmse, seconds); },
+        &engineCode);
     if (status == qutils::CQuorvexAPI::Success)
         emit finished(m_currentIndex.load(), true, QString());
     else if (engineCode == LUMICREST_OUT_OF_MEMORY)
@@ -83,21 +72,15 @@ QString CLearnWorker::refusalMessage(const QString& engineText, const QFileInfoL
 
 void CLearnWorker::progress(int code, float nmse, float seconds)
 {
-    CLearnWorker* worker = g_currentWorker.load();
-    if (!worker)
-    {
-        QX_SELFCHECK(QStringLiteral("learning progress without a current worker"));
-        return;
-    }
     // The engine's closing call is not a photo.
     if (code == 100 && nmse == 0.0f && seconds == 0.0f)
         return;
-    const int finishedIndex = worker->m_currentIndex.load();
+    const int finishedIndex = m_currentIndex.load();
     if (finishedIndex != -1)
-        emit worker->imageProcessed(finishedIndex, nmse);
-    const int next = ++worker->m_currentIndex;
-    if (next != worker->m_files.size())
-        emit worker->imageProcessingStarted(next);
+        emit imageProcessed(finishedIndex, nmse);
+    const int next = ++m_currentIndex;
+    if (next != m_files.size())
+        emit imageProcessingStarted(next);
 }
 
 CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, QWidget* parent)
