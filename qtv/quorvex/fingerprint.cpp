@@ -21,10 +21,6 @@
 #include <cstdlib>
 #include <vector>
 
-#ifdef Q_OS_WIN
-#include <windows.h>
-#endif
-
 using qutils::CQuorvexAPI;
 
 namespace
@@ -593,20 +589,7 @@ QString CFingerprint::preparedPath(const QFileInfo& photo)
         QX_WARNING << "Photo does not exist: " << path;
         return path;
     }
-    QString native = QDir::toNativeSeparators(path);
-#ifdef Q_OS_WIN
-    // Old engine builds cannot open paths beyond MAX_PATH; the short form fits.
-    if (native.size() >= 251)
-    {
-        wchar_t buffer[32768];
-        const DWORD n = GetShortPathNameW(reinterpret_cast<const wchar_t*>(native.utf16()), buffer, 32768);
-        if (n > 0 && n < 32768)
-            native = QString::fromWCharArray(buffer, static_cast<int>(n));
-        if (native.size() >= 261)
-            QX_WARNING << "Photo path too long even in its short form: " << native;
-    }
-#endif
-    return native;
+    return qutils::platform::engineOpenablePath(QDir::toNativeSeparators(path));
 }
 
 QString CFingerprint::notComparedReason(const QString& engineReason)
