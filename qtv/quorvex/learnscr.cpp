@@ -10,7 +10,6 @@
 
 #include "qcontrols/messageboxfactory.h"
 #include "qcontrols/navigationbutton.h"
-#include "qutils/debugutils.h"
 #include "qutils/quorvexapi.h"
 #include "qutils/threadsync.h"
 
@@ -131,14 +130,10 @@ CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, Q
     m_thread->setObjectName(QStringLiteral("learnWorkerThread"));
     m_worker = new CLearnWorker(m_files, m_destination);
     m_worker->moveToThread(m_thread);
-    if (!connect(m_worker, &CLearnWorker::imageProcessed, this, &CLearnScr::onImageProcessFinished))
-        QX_SELFCHECK(QStringLiteral("connect imageProcessed"));
-    if (!connect(m_worker, &CLearnWorker::imageProcessingStarted, this, &CLearnScr::onImageProcessingStarted))
-        QX_SELFCHECK(QStringLiteral("connect imageProcessingStarted"));
-    if (!connect(m_worker, &CLearnWorker::finished, this, &CLearnScr::onTeachingFinished))
-        QX_SELFCHECK(QStringLiteral("connect finished"));
-    if (!connect(this, &CLearnScr::startTeaching, m_worker, &CLearnWorker::onWork))
-        QX_SELFCHECK(QStringLiteral("connect startTeaching"));
+    connect(m_worker, &CLearnWorker::imageProcessed, this, &CLearnScr::onImageProcessFinished);
+    connect(m_worker, &CLearnWorker::imageProcessingStarted, this, &CLearnScr::onImageProcessingStarted);
+    connect(m_worker, &CLearnWorker::finished, this, &CLearnScr::onTeachingFinished);
+    connect(this, &CLearnScr::startTeaching, m_worker, &CLearnWorker::onWork);
     // The thread has nothing more to do once the engine has returned.
     connect(m_worker, &CLearnWorker::finished, m_thread, &QThread::quit);
     qutils::announceThreadEnd(m_thread);
