@@ -4,7 +4,7 @@ function(quorvex_target_defaults target)
                                              -Wno-missing-field-initializers)
     get_target_property(_libs ${target} LINK_LIBRARIES)
     if(_libs MATCHES "Qt5::")
-        target_compile_definitions(${target} PRIVATE QT_STRICT_ITERATORS QT_NO_CAST_TO_ASCII
+        target_compile_definitions(${target} PRIVATE QT_STRICT_ITERATORS QT_NO_CAST_FROM_ASCII QT_NO_CAST_TO_ASCII
                                                      QT_NO_URL_CAST_FROM_STRING QT_USE_QSTRINGBUILDER)
     endif()
     if(QUORVEX_SANITIZE)

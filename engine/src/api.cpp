@@ -76,30 +76,22 @@ std::string requirePath(const wchar_t* path)
 
 std::string metadataJson(const FingerprintData& fp, uint32_t crc)
 {
-    std::string json = "{\"width\":" + std::to_string(fp.width) + ",\"height\":" + std::to_string(fp.height);
-    json += ",\"nmse\":[";
-    for (size_t i = 0; i < fp.nmse.size(); ++i)
-    {
-        if (i)
-            json += ',';
-        appendJsonNumber(json, fp.nmse[i]);
-    }
-    json += "],\"make\":";
-    appendJsonString(json, fp.make);
-    json += ",\"model\":";
-    appendJsonString(json, fp.model);
-    json += ",\"lens\":";
-    appendJsonString(json, fp.lens);
-    json += ",\"photos\":" + std::to_string(fp.nmse.size());
-    json += ",\"created\":" + std::to_string(fp.created);
-    json += ",\"sigma_ref\":";
-    appendJsonNumber(json, fp.sigmaRef);
-    json += ",\"sigma_match\":";
-    appendJsonNumber(json, fp.sigmaMatch);
-    json += ",\"format_version\":" + std::to_string(FormatVersion);
+    JsonWriter json;
+    json.beginObject();
+    json.key("width").integer(fp.width).key("height").integer(fp.height);
+    json.key("nmse").beginArray();
+    for (const double nmse : fp.nmse)
+        json.number(nmse);
+    json.endArray();
+    json.key("make").string(fp.make).key("model").string(fp.model).key("lens").string(fp.lens);
+    json.key("photos").integer(static_cast<long long>(fp.nmse.size()));
+    json.key("created").integer(fp.created);
+    json.key("sigma_ref").number(fp.sigmaRef).key("sigma_match").number(fp.sigmaMatch);
+    json.key("format_version").integer(FormatVersion);
     // Lets a caller holding its own copy of the bytes see that it is this one.
-    json += ",\"crc32\":" + std::to_string(crc) + "}";
-    return json;
+    json.key("crc32").integer(crc);
+    json.endObject();
+    return json.text();
 }
 
 } // namespace

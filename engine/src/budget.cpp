@@ -1,32 +1,13 @@
 #include "budget.h"
 
+#include "platform.h"
+
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
-#if defined(_WIN32)
-#include <windows.h>
-#else
-#include <sys/resource.h>
-#include <unistd.h>
-#endif
-
-#include <algorithm>
-
 namespace lumicrest
 {
-
-uint64_t physicalMemory()
-{
-#if defined(_WIN32)
-    MEMORYSTATUSEX status{};
-    status.dwLength = sizeof(status);
-    return GlobalMemoryStatusEx(&status) ? static_cast<uint64_t>(status.ullTotalPhys) : 0;
-#else
-    const long pages = sysconf(_SC_PHYS_PAGES);
-    const long pageSize = sysconf(_SC_PAGE_SIZE);
-    return pages > 0 && pageSize > 0 ? static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize) : 0;
-#endif
-}
 
 MemoryBudget& MemoryBudget::instance()
 {
@@ -38,16 +19,10 @@ MemoryBudget::MemoryBudget()
 {
     const uint64_t physical = physicalMemory();
     m_capacity = physical > 0 ? physical / 2 : (uint64_t(4) << 30);
-#if !defined(_WIN32)
     // Under an address-space limit (ulimit -v) that is the memory there is;
     // code, thread stacks and allocator arenas take their part of it first.
-    struct rlimit limit;
-    if (getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
-    {
-        const uint64_t space = static_cast<uint64_t>(limit.rlim_cur);
+    if (const uint64_t space = addressSpaceLimit())
         m_capacity = std::min(m_capacity, std::max(space / 2, space - std::min(space, uint64_t(512) << 20)));
-    }
-#endif
     if (const char* text = std::getenv("LUMICREST_MEMORY_BUDGET_MB"))
     {
         const unsigned long long mb = std::strtoull(text, nullptr, 10);

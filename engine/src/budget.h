@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform.h"
+
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -55,8 +57,5 @@ private:
     int m_holders = 0;
     int m_peakHolders = 0;
 };
-
-// Bytes of physical memory, 0 when unknown.
-uint64_t physicalMemory();
 
 } // namespace lumicrest

@@ -151,49 +151,38 @@ private:
     int m_count = 0;
 };
 
-void appendReports(std::string& json, const std::vector<PhotoReport>& reports)
+std::string reportsJson(const std::vector<PhotoReport>& reports)
 {
-    json += "{\"photos\":[";
+    JsonWriter json;
+    json.beginObject().key("photos").beginArray();
     for (size_t i = 0; i < reports.size(); ++i)
     {
         const PhotoReport& r = reports[i];
-        if (i)
-            json += ',';
-        json += "{\"index\":" + std::to_string(i) + ",\"path\":";
-        appendJsonString(json, r.path);
-        json += ",\"width\":" + std::to_string(r.width) + ",\"height\":" + std::to_string(r.height);
-        json += ",\"rotation\":" + std::to_string(r.rotation) + ",\"mean\":";
-        appendJsonNumber(json, r.mean);
-        json += ",\"clipped\":";
-        appendJsonNumber(json, r.clipped);
-        json += ",\"residual\":";
-        appendJsonNumber(json, r.residual);
-        json += ",\"noise\":";
-        appendJsonNumber(json, r.noise);
-        json += ",\"nmse\":";
-        appendJsonNumber(json, r.nmse);
-        json += ",\"result\":" + std::to_string(r.result) + "}";
+        json.beginObject();
+        json.key("index").integer(static_cast<long long>(i)).key("path").string(r.path);
+        json.key("width").integer(r.width).key("height").integer(r.height).key("rotation").integer(r.rotation);
+        json.key("mean").number(r.mean).key("clipped").number(r.clipped).key("residual").number(r.residual);
+        json.key("noise").number(r.noise).key("nmse").number(r.nmse);
+        json.key("result").integer(r.result);
+        json.endObject();
     }
-    json += "]}";
+    json.endArray().endObject();
+    return json.text();
 }
 
-void appendWarnings(std::string& json, const std::vector<Warning>& warnings)
+std::string warningsJson(const std::vector<Warning>& warnings)
 {
-    json += "{\"warnings\":[";
-    for (size_t i = 0; i < warnings.size(); ++i)
+    JsonWriter json;
+    json.beginObject().key("warnings").beginArray();
+    for (const Warning& w : warnings)
     {
-        const Warning& w = warnings[i];
-        if (i)
-            json += ',';
-        json += "{\"index\":" + std::to_string(w.index) + ",\"path\":";
-        appendJsonString(json, w.path);
-        json += ",\"code\":";
-        appendJsonString(json, w.code);
-        json += ",\"text\":";
-        appendJsonString(json, w.text);
-        json += "}";
+        json.beginObject();
+        json.key("index").integer(w.index).key("path").string(w.path);
+        json.key("code").string(w.code).key("text").string(w.text);
+        json.endObject();
     }
-    json += "]}";
+    json.endArray().endObject();
+    return json.text();
 }
 
 std::string formatted(double value)
@@ -644,8 +633,8 @@ LearnOutcome learnFingerprint(const std::vector<std::string>& paths, const Learn
         out.k = std::move(k);
     }
 
-    appendReports(outcome.diagnostics, reports);
-    appendWarnings(outcome.warnings, warnings);
+    outcome.diagnostics = reportsJson(reports);
+    outcome.warnings = warningsJson(warnings);
     if (progress)
         progress(100, 0.0f, 0.0f);
     return outcome;

@@ -612,25 +612,19 @@ MatchResult matchPhoto(LoadedFingerprint& fingerprint, const std::string& path)
 
 std::string matchResultJson(const MatchResult& r)
 {
-    std::string json = "{\"sensors\":[{\"images\":[{\"result\":{\"sensor_matched\":";
-    json += r.matched ? "1" : "0";
-    json += ",\"probability\":";
-    appendJsonNumber(json, r.probability);
-    json += ",\"corr\":";
-    appendJsonNumber(json, r.corr);
-    json += ",\"pce\":";
-    appendJsonNumber(json, r.pce);
-    json += ",\"pce_raw\":";
-    appendJsonNumber(json, r.pceRaw);
-    json += ",\"scale\":";
-    appendJsonNumber(json, r.scale);
-    json += ",\"orientation\":" + std::to_string(r.orientation);
-    json += ",\"shift\":[" + std::to_string(r.shiftX) + "," + std::to_string(r.shiftY) + "]";
-    json += ",\"positions\":" + std::to_string(r.positions);
-    json += ",\"reason\":";
-    appendJsonString(json, r.reason);
-    json += "}}]}]}";
-    return json;
+    JsonWriter json;
+    json.beginObject().key("sensors").beginArray().beginObject().key("images").beginArray().beginObject();
+    json.key("result").beginObject();
+    json.key("sensor_matched").integer(r.matched ? 1 : 0);
+    json.key("probability").number(r.probability).key("corr").number(r.corr);
+    json.key("pce").number(r.pce).key("pce_raw").number(r.pceRaw).key("scale").number(r.scale);
+    json.key("orientation").integer(r.orientation);
+    json.key("shift").beginArray().integer(r.shiftX).integer(r.shiftY).endArray();
+    json.key("positions").integer(r.positions);
+    json.key("reason").string(r.reason);
+    json.endObject();
+    json.endObject().endArray().endObject().endArray().endObject();
+    return json.text();
 }
 
 } // namespace lumicrest

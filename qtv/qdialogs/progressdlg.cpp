@@ -92,10 +92,8 @@ CProgressWidget::CProgressWidget(const QString& title, const QString& text,
         return;
     }
     // The task reports on the runner's thread: these calls queue to ours.
-    if (!connect(m_task.get(), &qutils::CTask::progressRange, this, &CProgressWidget::onProgressRange))
-        QX_SELFCHECK(QStringLiteral("connect task progressRange to the progress bar"));
-    if (!connect(m_task.get(), &qutils::CTask::progressPos, this, &CProgressWidget::onProgressPos))
-        QX_SELFCHECK(QStringLiteral("connect task progressPos to the progress bar"));
+    connect(m_task.get(), &qutils::CTask::progressRange, this, &CProgressWidget::onProgressRange);
+    connect(m_task.get(), &qutils::CTask::progressPos, this, &CProgressWidget::onProgressPos);
 
     m_runner = std::shared_ptr<qutils::CTaskRunner>(new qutils::CTaskRunner(m_task),
                                                     qutils::CLaterDeleter<qutils::CTaskRunner>());
@@ -116,8 +114,7 @@ void CProgressWidget::start()
         return;
     }
     m_started = true;
-    if (!connect(m_runner.get(), &qutils::CTaskRunner::finished, this, &CProgressWidget::onThreadFinished))
-        QX_SELFCHECK(QStringLiteral("connect runner finished to the progress widget"));
+    connect(m_runner.get(), &qutils::CTaskRunner::finished, this, &CProgressWidget::onThreadFinished);
     m_runner->runTaskAsync();
 }
 
@@ -178,9 +175,8 @@ CProgressWidget::createDownloadDialog(QWidget* parent, const QString& title, con
 {
     auto* content = new CProgressWidget(title, text, task);
     // After the ordinary position connection, so the bar is set first.
-    if (task &&
-        !connect(task.get(), &qutils::CTask::progressPos, content, &CProgressWidget::onDownloadProgressPos))
-        QX_SELFCHECK(QStringLiteral("connect task progressPos to the download text"));
+    if (task)
+        connect(task.get(), &qutils::CTask::progressPos, content, &CProgressWidget::onDownloadProgressPos);
     return wrapInFrame(content, parent, title);
 }
 

@@ -145,8 +145,7 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
     m_gallery = new CGalleryWidget(this);
     m_gallery->setFiles(m_files);
     layout->addWidget(m_gallery, 1);
-    if (!connect(m_filter, QOverload<int>::of(&QComboBox::currentIndexChanged), this, &CAnalyzeDlg::filter))
-        QX_ERROR << "Cannot connect the filter combo";
+    connect(m_filter, QOverload<int>::of(&QComboBox::currentIndexChanged), this, &CAnalyzeDlg::filter);
     for (int i = 0; i < m_files.size(); ++i)
         m_gallery->imageModel()->setState(i, CImageModel::Waiting);
 
@@ -154,8 +153,7 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
         if (CMainWindow* window = CMainWindow::of(this))
             window->showIntroPage();
     });
-    if (!connect(m_saveReport, &QPushButton::clicked, this, &CAnalyzeDlg::onSaveReport))
-        QX_ERROR << "Cannot connect the report button";
+    connect(m_saveReport, &QPushButton::clicked, this, &CAnalyzeDlg::onSaveReport);
     connect(m_cancel, &QPushButton::clicked, this, &CAnalyzeDlg::onCancelClicked);
 
     if (!m_fingerprint)
@@ -166,12 +164,9 @@ CAnalyzeDlg::CAnalyzeDlg(const QFileInfoList& files, const QString& reportPath, 
     // Read now, while no engine call runs: the pool starts later.
     qutils::CAppSettings::applyScaleSearch(qutils::CAppSettings::scaleSearch());
     m_analyzer = new CMultipleThreadAnalyzer(m_files, m_fingerprint, m_skipDifferentCamera, this);
-    if (!connect(m_analyzer, &CMultipleThreadAnalyzer::finished, this, &CAnalyzeDlg::finish))
-        QX_ERROR << "Cannot connect the analyzer's end";
-    if (!connect(m_analyzer, &CMultipleThreadAnalyzer::imageStarted, this, &CAnalyzeDlg::onSingleAnalyzeStarted))
-        QX_ERROR << "Cannot connect imageStarted";
-    if (!connect(m_analyzer, &CMultipleThreadAnalyzer::imageFinished, this, &CAnalyzeDlg::onSingleAnalyzeFinished))
-        QX_ERROR << "Cannot connect imageFinished";
+    connect(m_analyzer, &CMultipleThreadAnalyzer::finished, this, &CAnalyzeDlg::finish);
+    connect(m_analyzer, &CMultipleThreadAnalyzer::imageStarted, this, &CAnalyzeDlg::onSingleAnalyzeStarted);
+    connect(m_analyzer, &CMultipleThreadAnalyzer::imageFinished, this, &CAnalyzeDlg::onSingleAnalyzeFinished);
 
     updateFilter();
     m_timer.restart();

@@ -10,7 +10,6 @@
 #include "qcontrols/filechooser.h"
 #include "qcontrols/messageboxfactory.h"
 #include "qcontrols/navigationbutton.h"
-#include "qutils/debugutils.h"
 
 #include <QCheckBox>
 #include <QLineEdit>
@@ -50,8 +49,7 @@ CChoosePathAnalyze::CChoosePathAnalyze(QWidget* parent) : CChooseImagePathDlg(pa
     bottom->addStretch();
     bottom->addWidget(next);
     pageLayout()->addLayout(bottom);
-    if (!connect(next, &QPushButton::clicked, this, &CChoosePathAnalyze::onNext))
-        QX_SELFCHECK(QStringLiteral("connect btnNavigateNext"));
+    connect(next, &QPushButton::clicked, this, &CChoosePathAnalyze::onNext);
 
     listFolder(CSettings::lastAnalyzePath(), true);
 }

@@ -35,8 +35,7 @@ CChoosePathLearn::CChoosePathLearn(QWidget* parent) : CChooseImagePathDlg(parent
     bottom->addStretch();
     bottom->addWidget(next);
     pageLayout()->addLayout(bottom);
-    if (!connect(next, &QPushButton::clicked, this, &CChoosePathLearn::onNext))
-        QX_SELFCHECK(QStringLiteral("connect btnNavigateNext"));
+    connect(next, &QPushButton::clicked, this, &CChoosePathLearn::onNext);
 
     listFolder(CSettings::lastTeachingPath(), true);
 }

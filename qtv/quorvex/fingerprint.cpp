@@ -21,10 +21,6 @@
 #include <cstdlib>
 #include <vector>
 
-#ifdef Q_OS_WIN
-#include <windows.h>
-#endif
-
 using qutils::CQuorvexAPI;
 
 namespace
@@ -211,9 +207,11 @@ QByteArray contentDigest(const QFileInfo& photo, bool whole)
     return hash.result();
 }
 
-// The engine's opening progress call is already made by createFingerprint,
-// which promises its caller exactly one; this forwarder drops the engine's own.
-thread_local CFingerprint::ProgressFunction t_progress = nullptr;
+// The engine's progress callback is a plain function called on the learning
+// thread, so the caller's function is found through a thread-local pointer;
+// this is the program's only adapter. The engine's opening call is dropped:
+// createFingerprint already made the one it promises its caller.
+thread_local const CFingerprint::ProgressFunction* t_progress = nullptr;
 thread_local bool t_openingSeen = false;
 
 void forwardProgress(int percent, float nmse, float seconds)
@@ -223,8 +221,8 @@ void forwardProgress(int percent, float nmse, float seconds)
         t_openingSeen = true;
         return;
     }
-    if (t_progress)
-        t_progress(percent, nmse, seconds);
+    if (t_progress && *t_progress)
+        (*t_progress)(percent, nmse, seconds);
 }
 
 void ignoreProgress(int) {}
@@ -432,7 +430,7 @@ CFingerprint::EStatus CFingerprint::readEngineMetadata(const fingerprint_binary_
 }
 
 CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photos, const QFileInfo& target,
-                                                      ProgressFunction progress,
+                                                      const ProgressFunction& progress,
                                                       lumicrest_error_code* engineCode)
 {
     const QString duplicate = duplicatePhotoMessage(photos);
@@ -451,7 +449,7 @@ CFingerprint::EStatus CFingerprint::createFingerprint(const QFileInfoList& photo
 
     if (progress)
         progress(0, 0.0f, 0.0f);
-    t_progress = progress;
+    t_progress = &progress;
     t_openingSeen = false;
     fingerprint_binary_s fp{};
     wchar_t* diagnostics = nullptr;
@@ -591,20 +589,7 @@ QString CFingerprint::preparedPath(const QFileInfo& photo)
         QX_WARNING << "Photo does not exist: " << path;
         return path;
     }
-    QString native = QDir::toNativeSeparators(path);
-#ifdef Q_OS_WIN
-    // Old engine builds cannot open paths beyond MAX_PATH; the short form fits.
-    if (native.size() >= 251)
-    {
-        wchar_t buffer[32768];
-        const DWORD n = GetShortPathNameW(reinterpret_cast<const wchar_t*>(native.utf16()), buffer, 32768);
-        if (n > 0 && n < 32768)
-            native = QString::fromWCharArray(buffer, static_cast<int>(n));
-        if (native.size() >= 261)
-            QX_WARNING << "Photo path too long even in its short form: " << native;
-    }
-#endif
-    return native;
+    return qutils::platform::engineOpenablePath(QDir::toNativeSeparators(path));
 }
 
 QString CFingerprint::notComparedReason(const QString& engineReason)

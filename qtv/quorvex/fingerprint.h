@@ -9,6 +9,7 @@
 #include <QMap>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
 
 // The program's fingerprint record: the engine's fingerprint bytes and a small
@@ -19,7 +20,8 @@ class CFingerprint
 public:
     using EStatus = qutils::CQuorvexAPI::EStatus;
     using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
-    using ProgressFunction = void (*)(int, float, float);
+    // Learning progress: (percent, nmse, seconds).
+    using ProgressFunction = std::function<void(int, float, float)>;
 
     enum EInfoType : qint32
     {
@@ -59,7 +61,8 @@ public:
     // twice are refused (28 CannotCreateFingerprint) before any learning.
     // engineCode, when given, receives the engine's own result value (550: out
     // of memory, which the status alone does not tell apart from other fatal errors).
-    static EStatus createFingerprint(const QFileInfoList& photos, const QFileInfo& target, ProgressFunction progress,
+    static EStatus createFingerprint(const QFileInfoList& photos, const QFileInfo& target,
+                                     const ProgressFunction& progress,
                                      lumicrest_error_code* engineCode = nullptr);
     // The first photo that is given twice (the same file under another name, or
     // the same content), as a message naming both; empty when there is none.

@@ -227,11 +227,8 @@ void CGalleryWidget::openFolder(const QString& path)
 {
     if (path.isEmpty())
         return;
-#ifdef Q_OS_WIN
-    // Explorer can open the folder with the photo already selected.
-    if (QProcess::startDetached(QStringLiteral("explorer.exe"), {QStringLiteral("/select,") + QDir::toNativeSeparators(path)}))
+    if (qutils::platform::showFileInFolder(path))
         return;
-#endif
     const QUrl folder = QUrl::fromLocalFile(QFileInfo(path).absolutePath());
     if (!urlOpener()(folder))
         QX_WARNING << "The file manager could not be started for " << folder.toString();

@@ -42,12 +42,7 @@ QString now()
 
 QString fileUrl(const QString& path)
 {
-    const QByteArray encoded = QUrl::toPercentEncoding(QDir::fromNativeSeparators(path), "/");
-#ifdef Q_OS_WIN
-    return QStringLiteral("file:///") + QString::fromLatin1(encoded);
-#else
-    return QStringLiteral("file://") + QString::fromLatin1(encoded);
-#endif
+    return qutils::platform::fileUrl(QUrl::toPercentEncoding(QDir::fromNativeSeparators(path), "/"));
 }
 
 const char* const DocumentHead =

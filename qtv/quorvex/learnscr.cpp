@@ -10,25 +10,15 @@
 
 #include "qcontrols/messageboxfactory.h"
 #include "qcontrols/navigationbutton.h"
-#include "qutils/debugutils.h"
 #include "qutils/quorvexapi.h"
 #include "qutils/threadsync.h"
 
 #include <QHBoxLayout>
 #include <QImageReader>
 #include <QLabel>
-#include <QMutex>
 #include <QPushButton>
 #include <QThread>
 #include <QVBoxLayout>
-
-namespace
-{
-std::atomic<CLearnWorker*> g_currentWorker{nullptr};
-// One learning at a time: the engine's callback finds its worker through the
-// one pointer above.
-QMutex g_runMutex;
-} // namespace
 
 CLearnWorker::CLearnWorker(const QFileInfoList& files, const QFileInfo& destination)
     : m_files(files), m_destination(destination)
@@ -37,12 +27,10 @@ CLearnWorker::CLearnWorker(const QFileInfoList& files, const QFileInfo& destinat
 
 void CLearnWorker::onWork()
 {
-    QMutexLocker run(&g_runMutex);
-    g_currentWorker.store(this);
     lumicrest_error_code engineCode = LUMICREST_OK;
-    const CFingerprint::EStatus status =
-        CFingerprint::createFingerprint(m_files, m_destination, &CLearnWorker::progress, &engineCode);
-    g_currentWorker.store(nullptr);
+    const CFingerprint::EStatus status = CFingerprint::createFingerprint(
+        m_files, m_destination, [this](int code, float nmse, float seconds) { progress(code, nmse, seconds); },
+        &engineCode);
     if (status == qutils::CQuorvexAPI::Success)
         emit finished(m_currentIndex.load(), true, QString());
     else if (engineCode == LUMICREST_OUT_OF_MEMORY)
@@ -83,21 +71,15 @@ QString CLearnWorker::refusalMessage(const QString& engineText, const QFileInfoL
 
 void CLearnWorker::progress(int code, float nmse, float seconds)
 {
-    CLearnWorker* worker = g_currentWorker.load();
-    if (!worker)
-    {
-        QX_SELFCHECK(QStringLiteral("learning progress without a current worker"));
-        return;
-    }
     // The engine's closing call is not a photo.
     if (code == 100 && nmse == 0.0f && seconds == 0.0f)
         return;
-    const int finishedIndex = worker->m_currentIndex.load();
+    const int finishedIndex = m_currentIndex.load();
     if (finishedIndex != -1)
-        emit worker->imageProcessed(finishedIndex, nmse);
-    const int next = ++worker->m_currentIndex;
-    if (next != worker->m_files.size())
-        emit worker->imageProcessingStarted(next);
+        emit imageProcessed(finishedIndex, nmse);
+    const int next = ++m_currentIndex;
+    if (next != m_files.size())
+        emit imageProcessingStarted(next);
 }
 
 CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, QWidget* parent)
@@ -148,14 +130,10 @@ CLearnScr::CLearnScr(const QFileInfoList& files, const QFileInfo& destination, Q
     m_thread->setObjectName(QStringLiteral("learnWorkerThread"));
     m_worker = new CLearnWorker(m_files, m_destination);
     m_worker->moveToThread(m_thread);
-    if (!connect(m_worker, &CLearnWorker::imageProcessed, this, &CLearnScr::onImageProcessFinished))
-        QX_SELFCHECK(QStringLiteral("connect imageProcessed"));
-    if (!connect(m_worker, &CLearnWorker::imageProcessingStarted, this, &CLearnScr::onImageProcessingStarted))
-        QX_SELFCHECK(QStringLiteral("connect imageProcessingStarted"));
-    if (!connect(m_worker, &CLearnWorker::finished, this, &CLearnScr::onTeachingFinished))
-        QX_SELFCHECK(QStringLiteral("connect finished"));
-    if (!connect(this, &CLearnScr::startTeaching, m_worker, &CLearnWorker::onWork))
-        QX_SELFCHECK(QStringLiteral("connect startTeaching"));
+    connect(m_worker, &CLearnWorker::imageProcessed, this, &CLearnScr::onImageProcessFinished);
+    connect(m_worker, &CLearnWorker::imageProcessingStarted, this, &CLearnScr::onImageProcessingStarted);
+    connect(m_worker, &CLearnWorker::finished, this, &CLearnScr::onTeachingFinished);
+    connect(this, &CLearnScr::startTeaching, m_worker, &CLearnWorker::onWork);
     // The thread has nothing more to do once the engine has returned.
     connect(m_worker, &CLearnWorker::finished, m_thread, &QThread::quit);
     qutils::announceThreadEnd(m_thread);

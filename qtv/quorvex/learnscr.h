@@ -16,9 +16,7 @@ class QPushButton;
 class QThread;
 
 // Runs the engine's fingerprint creation on the worker thread and turns its
-// progress calls into per-photo signals. The engine's callback is a plain
-// function, so the running worker is published process-wide while it works;
-// runs are serialised so two never share it.
+// progress calls into per-photo signals.
 class CLearnWorker : public QObject
 {
     Q_OBJECT
@@ -28,9 +26,6 @@ public:
 
     int currentIndex() const { return m_currentIndex.load(); }
     bool isDone() const { return m_done.load(); }
-
-    // The engine's progress callback: (code, nmse, seconds).
-    static void progress(int code, float nmse, float seconds);
 
     // The message for a run the engine refused at photo index: its text, then
     // the photo by name and, for a size refusal, the sizes that differ.
@@ -46,6 +41,9 @@ public slots:
     void onWork();
 
 private:
+    // One learning progress call: (percent, nmse, seconds).
+    void progress(int code, float nmse, float seconds);
+
     const QFileInfoList m_files;
     const QFileInfo m_destination;
     std::atomic<int> m_currentIndex{-1};

@@ -27,10 +27,6 @@
 
 #include <iostream>
 
-#ifdef Q_OS_WIN
-#include <windows.h>
-#endif
-
 namespace
 {
 
@@ -168,10 +164,7 @@ int runWindowedMode(int& argc, char** argv)
 
 int main(int argc, char** argv)
 {
-#ifdef Q_OS_WIN
-    // No system message boxes for critical errors: nobody may be there to close them.
-    SetErrorMode(SEM_FAILCRITICALERRORS);
-#endif
+    qutils::platform::suppressErrorDialogs();
     qutils::platform::reportFileSizeLimitAsError();
     QStringList arguments;
     for (int i = 1; i < argc; ++i)

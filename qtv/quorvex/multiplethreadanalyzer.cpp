@@ -4,8 +4,9 @@
 #include "qutils/fileutils.h"
 #include "qutils/threadsync.h"
 
-CMultipleThreadAnalyzer::CAnalyzerThread::CAnalyzerThread(CMultipleThreadAnalyzer* analyzer)
-    : QThread(analyzer), m_analyzer(analyzer)
+CMultipleThreadAnalyzer::CAnalyzerThread::CAnalyzerThread(CWorkQueue& queue, Matcher matcher, bool hashFiles,
+                                                          QObject* parent)
+    : QThread(parent), m_queue(queue), m_matcher(std::move(matcher)), m_hashFiles(hashFiles)
 {
 }
 
@@ -13,19 +14,22 @@ void CMultipleThreadAnalyzer::CAnalyzerThread::run()
 {
     for (;;)
     {
-        if (m_analyzer->m_cancelled.load())
-            return;
         QFileInfo photo;
-        const int index = m_analyzer->takeNext(photo);
+        const int index = m_queue.takeNext(photo);
         if (index < 0)
             return;
-        emit m_analyzer->imageStarted(index);
+        m_queue.photoStarted(index);
         // No lock while matching: every worker matches on the one shared fingerprint.
-        const SAnalysisResult result = m_analyzer->m_matcher(photo);
-        const QString sha256 = m_analyzer->m_hashFiles ? qutils::fileSha256(photo.absoluteFilePath()) : QString();
-        m_analyzer->store(index, result, sha256);
-        emit m_analyzer->imageFinished(index);
+        const SAnalysisResult result = m_matcher(photo);
+        const QString sha256 = m_hashFiles ? qutils::fileSha256(photo.absoluteFilePath()) : QString();
+        m_queue.photoDone(index, result, sha256);
     }
+}
+
+void CMultipleThreadAnalyzer::CQueue::photoDone(int index, const SAnalysisResult& result, const QString& sha256)
+{
+    m_analyzer.store(index, result, sha256);
+    emit m_analyzer.imageFinished(index);
 }
 
 CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files,
@@ -66,15 +70,7 @@ CMultipleThreadAnalyzer::CMultipleThreadAnalyzer(const QFileInfoList& files, Mat
         }
         m_slotOfIndex.append(slot);
     }
-    const int n = threadCount > 0 ? threadCount : poolSize(QThread::idealThreadCount());
-    for (int i = 0; i < n; ++i)
-    {
-        auto* thread = new CAnalyzerThread(this);
-        m_threads.append(thread);
-        qutils::announceThreadEnd(thread);
-        if (!connect(thread, &QThread::finished, this, &CMultipleThreadAnalyzer::finishThread))
-            QX_ERROR << "Cannot connect the end of analyzer thread " << i;
-    }
+    m_threadCount = threadCount > 0 ? threadCount : poolSize(QThread::idealThreadCount());
 }
 
 CMultipleThreadAnalyzer::~CMultipleThreadAnalyzer()
@@ -91,6 +87,15 @@ int CMultipleThreadAnalyzer::poolSize(int idealThreadCount)
 
 void CMultipleThreadAnalyzer::start()
 {
+    if (!m_threads.isEmpty())
+        return;
+    for (int i = 0; i < m_threadCount; ++i)
+    {
+        auto* thread = new CAnalyzerThread(m_queue, m_matcher, m_hashFiles, this);
+        m_threads.append(thread);
+        qutils::announceThreadEnd(thread);
+        connect(thread, &QThread::finished, this, &CMultipleThreadAnalyzer::finishThread);
+    }
     for (CAnalyzerThread* thread : qAsConst(m_threads))
         thread->start(QThread::InheritPriority);
 }
@@ -103,12 +108,14 @@ void CMultipleThreadAnalyzer::cancel()
 void CMultipleThreadAnalyzer::finishThread()
 {
     ++m_finishedThreads;
-    if (m_finishedThreads == m_threads.size())
+    if (m_finishedThreads == m_threadCount)
         emit finished();
 }
 
 int CMultipleThreadAnalyzer::takeNext(QFileInfo& photo)
 {
+    if (m_cancelled.load())
+        return -1;
     std::lock_guard<std::mutex> lock(m_indexMutex);
     const int index = m_nextIndex++;
     if (index >= m_slotOfIndex.size())
@@ -161,7 +168,7 @@ CMultipleThreadAnalyzer::SAnalysisResult CMultipleThreadAnalyzer::result(const Q
 
 QMap<QString, CMultipleThreadAnalyzer::SAnalysisResult> CMultipleThreadAnalyzer::results() const
 {
-    if (m_finishedThreads != m_threads.size())
+    if (m_finishedThreads != m_threadCount)
         QX_ERROR << "Cannot be called while analyze still running.";
     std::lock_guard<std::mutex> lock(m_resultsMutex);
     QMap<QString, SAnalysisResult> results;

@@ -29,21 +29,38 @@ class CMultipleThreadAnalyzer : public QObject
     Q_OBJECT
 
 public:
+    using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
+    // Called on the pool's threads, several at once.
+    using Matcher = std::function<SAnalysisResult(const QFileInfo&)>;
+
+    // What a worker sees of the run: where the next photo comes from and where
+    // its result goes. Called from several workers at once.
+    class CWorkQueue
+    {
+    public:
+        virtual ~CWorkQueue() = default;
+        // The list index of the next photo and the photo, or -1 when there is
+        // none left or the run is cancelled.
+        virtual int takeNext(QFileInfo& photo) = 0;
+        virtual void photoStarted(int index) = 0;
+        virtual void photoDone(int index, const SAnalysisResult& result, const QString& sha256) = 0;
+    };
+
+    // One worker: takes photos from the queue until it is empty and matches
+    // each with its own copy of the matcher.
     class CAnalyzerThread : public QThread
     {
     public:
-        explicit CAnalyzerThread(CMultipleThreadAnalyzer* analyzer);
+        CAnalyzerThread(CWorkQueue& queue, Matcher matcher, bool hashFiles, QObject* parent);
 
     protected:
         void run() override;
 
     private:
-        CMultipleThreadAnalyzer* m_analyzer;
+        CWorkQueue& m_queue;
+        const Matcher m_matcher;
+        const bool m_hashFiles;
     };
-
-    using SAnalysisResult = qutils::CQuorvexAPI::SAnalysisResult;
-    // Called on the pool's threads, several at once.
-    using Matcher = std::function<SAnalysisResult(const QFileInfo&)>;
 
     // threadCount 0: as many threads as the machine runs at once.
     CMultipleThreadAnalyzer(const QFileInfoList& files, std::shared_ptr<const CFingerprint> fingerprint,
@@ -54,7 +71,7 @@ public:
     ~CMultipleThreadAnalyzer() override;
 
     // Whether each photo's SHA-256 is computed on its worker after the match
-    // (off by default); set before start().
+    // (off by default); set before start(), which hands it to the workers.
     void setHashFiles(bool hash) { m_hashFiles = hash; }
     // The photo's SHA-256 in hex; empty when not hashed (off, not yet done,
     // or the file could not be read).
@@ -63,7 +80,7 @@ public:
     SAnalysisResult result(const QString& absolutePath) const;
     QMap<QString, SAnalysisResult> results() const;
     bool isCancelled() const { return m_cancelled.load(); }
-    int threadCount() const { return m_threads.size(); }
+    int threadCount() const { return m_threadCount; }
     // The pool for what QThread::idealThreadCount() reports: -1 (unknown) gives one thread.
     static int poolSize(int idealThreadCount);
 
@@ -78,8 +95,19 @@ signals:
     void finished();
 
 private:
-    friend class CAnalyzerThread;
-    // The next photo to match, or -1 when there is none.
+    // The workers' view of the run; its calls come from the pool's threads.
+    class CQueue final : public CWorkQueue
+    {
+    public:
+        explicit CQueue(CMultipleThreadAnalyzer& analyzer) : m_analyzer(analyzer) {}
+        int takeNext(QFileInfo& photo) override { return m_analyzer.takeNext(photo); }
+        void photoStarted(int index) override { emit m_analyzer.imageStarted(index); }
+        void photoDone(int index, const SAnalysisResult& result, const QString& sha256) override;
+
+    private:
+        CMultipleThreadAnalyzer& m_analyzer;
+    };
+
     int takeNext(QFileInfo& photo);
     void store(int index, const SAnalysisResult& result, const QString& sha256);
 
@@ -95,7 +123,9 @@ private:
     };
 
     std::atomic<bool> m_cancelled{false};
-    QList<CAnalyzerThread*> m_threads;
+    int m_threadCount = 0;
+    CQueue m_queue{*this};
+    QList<CAnalyzerThread*> m_threads; // made by start()
     QVector<int> m_slotOfIndex; // the slot of each listed photo
     QVector<SSlot> m_slots;
     QHash<QString, int> m_slotOfPath;

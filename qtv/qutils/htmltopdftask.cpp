@@ -28,24 +28,15 @@ std::atomic<int> g_idleTimeoutMs{CHtmlToPdfTask::DefaultIdleTimeoutMs};
 
 QString converterName()
 {
-#ifdef Q_OS_WIN
-    return QStringLiteral("HtmlToPdf.exe");
-#else
-    return QStringLiteral("HtmlToPdf");
-#endif
+    return platform::programFileName(platform::EProgram::HtmlToPdf);
 }
 
 // Every character outside the unreserved set encoded, so spaces, '#', '%' and
 // non-ASCII names survive the trip through the converter's command line.
 QString encodedFileUrl(const QString& path)
 {
-    const QByteArray encoded =
-        QUrl::toPercentEncoding(QDir::fromNativeSeparators(QFileInfo(path).absoluteFilePath()), "/");
-#ifdef Q_OS_WIN
-    return QStringLiteral("file:///") + QString::fromLatin1(encoded);
-#else
-    return QStringLiteral("file://") + QString::fromLatin1(encoded);
-#endif
+    return platform::fileUrl(
+        QUrl::toPercentEncoding(QDir::fromNativeSeparators(QFileInfo(path).absoluteFilePath()), "/"));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QFile>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 
@@ -83,6 +84,43 @@ QString moduleDirectory(const void* address);
 // without blocking (opening a FIFO would wait for a writer forever); false
 // for anything else or when it cannot be opened.
 bool openRegularFile(const QString& path, QFile& file);
+
+// The file names of the programs of the suite, as found on disk.
+enum class EProgram
+{
+    Quorvex,
+    HtmlToPdf,
+};
+QString programFileName(EProgram program);
+
+// The main program where its installer registered it, from a version with
+// the integration mode; empty when none is registered (or the system keeps
+// no such record).
+QString installedProgram();
+
+// The URL of a local file from its absolute path, percent-encoded with '/'
+// separators.
+QString fileUrl(const QByteArray& encodedPath);
+
+// A photo path the engine can open: where the system limits path lengths,
+// a long path is replaced by its short form when there is one.
+QString engineOpenablePath(const QString& nativePath);
+
+// No system message boxes for critical errors: nobody may be there to close them.
+void suppressErrorDialogs();
+
+// Shows the file in the system's file manager with the file selected; false
+// when there is no such way, and the caller opens the folder instead.
+bool showFileInFolder(const QString& path);
+
+// The program's arguments without the program name. Texts such as "©" come
+// through whatever the locale: UTF-8 bytes here, the wide command line where
+// the system has one. Needs the application object.
+QStringList programArguments(int argc, char** argv);
+
+// A program that shows nothing on screen runs without a display server,
+// unless a platform plugin was chosen in QT_QPA_PLATFORM.
+void preferOffscreenDisplay();
 
 } // namespace platform
 } // namespace qutils

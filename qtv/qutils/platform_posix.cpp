@@ -323,5 +323,56 @@ bool openRegularFile(const QString& path, QFile& file)
     return true;
 }
 
+QString programFileName(EProgram program)
+{
+    switch (program)
+    {
+    case EProgram::Quorvex:
+        return QStringLiteral("quorvex");
+    case EProgram::HtmlToPdf:
+        return QStringLiteral("HtmlToPdf");
+    }
+    return QString();
+}
+
+QString installedProgram()
+{
+    // Installed programs are found on PATH.
+    return QString();
+}
+
+QString fileUrl(const QByteArray& encodedPath)
+{
+    return QStringLiteral("file://") + QString::fromLatin1(encodedPath);
+}
+
+QString engineOpenablePath(const QString& nativePath)
+{
+    return nativePath;
+}
+
+void suppressErrorDialogs() {}
+
+bool showFileInFolder(const QString&)
+{
+    return false;
+}
+
+QStringList programArguments(int argc, char** argv)
+{
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments.append(QString::fromUtf8(argv[i]));
+    return arguments;
+}
+
+void preferOffscreenDisplay()
+{
+#ifndef Q_OS_MACOS
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+#endif
+}
+
 } // namespace platform
 } // namespace qutils

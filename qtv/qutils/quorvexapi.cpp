@@ -3,6 +3,7 @@
 #include "quorvexapi.h"
 
 #include "debugutils.h"
+#include "platform.h"
 #include "threadsync.h"
 
 #include <QCoreApplication>
@@ -11,11 +12,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QThread>
-
-#ifdef Q_OS_WIN
-#include <QSettings>
-#include <QVersionNumber>
-#endif
 
 #include <atomic>
 
@@ -27,11 +23,7 @@ namespace
 
 std::atomic<int> g_lineTimeout{30000};
 
-#ifdef Q_OS_WIN
-const QString ProgramFileName = QStringLiteral("Quorvex.exe");
-#else
-const QString ProgramFileName = QStringLiteral("quorvex");
-#endif
+const QString ProgramFileName = platform::programFileName(platform::EProgram::Quorvex);
 
 // Failures of the client end as states, never as exceptions; a log that
 // cannot be written must not change that.
@@ -52,53 +44,6 @@ QString executableAt(const QString& path)
     return file.isFile() && file.isExecutable() ? file.absoluteFilePath() : QString();
 }
 
-#ifdef Q_OS_WIN
-// The installer's uninstall entries: the current product line, then the older
-// one, which was installed as a 32-bit program.
-const QString CurrentProductKey = QStringLiteral("{4F2A9C1E-7B3D-4E58-A6C2-9D1E5B7F3A20}_is1");
-const QString OlderProductKey = QStringLiteral("{B83E6D41-2C97-4A1F-8E5B-0C6A7D9F2E14}_is1");
-
-QString installedProgram()
-{
-    const QString uninstall =
-        QStringLiteral("HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\");
-    const QString olderUninstall = QStringLiteral(
-        "HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\");
-    struct SKey
-    {
-        QString path;
-        QSettings::Format view;
-    };
-    const SKey keys[] = {
-        {uninstall + CurrentProductKey, QSettings::NativeFormat},
-        {olderUninstall + OlderProductKey, QSettings::Registry32Format},
-        {uninstall + OlderProductKey, QSettings::NativeFormat},
-    };
-    for (const SKey& key : keys)
-    {
-        const QSettings entry(key.path, key.view);
-        if (entry.childKeys().isEmpty())
-            continue;
-
-        const QVariant displayVersion = entry.value(QStringLiteral("DisplayVersion"));
-        if (displayVersion.type() != QVariant::String)
-            return QString();
-        // Versions before 1.4 have no integration mode.
-        const QVersionNumber version = QVersionNumber::fromString(displayVersion.toString());
-        if (version.majorVersion() == 1 && version.minorVersion() < 4)
-            return QString();
-
-        const QVariant location = entry.value(QStringLiteral("InstallLocation"));
-        if (location.type() != QVariant::String)
-            return QString();
-        QString path = location.toString();
-        if (!path.endsWith(QLatin1Char('\\')))
-            path += QLatin1Char('\\');
-        return path + ProgramFileName;
-    }
-    return QString();
-}
-#endif
 
 } // namespace
 
@@ -318,11 +263,9 @@ QString CQuorvexAPI::findProgram()
         if (!beside.isEmpty())
             return beside;
     }
-#ifdef Q_OS_WIN
-    const QString installed = installedProgram();
+    const QString installed = platform::installedProgram();
     if (!installed.isEmpty())
         return installed;
-#endif
     return QStandardPaths::findExecutable(ProgramFileName);
 }
 

@@ -93,10 +93,8 @@ CTaskRunner::CTaskRunner(std::function<void()> function, QObject* parent)
     m_thread->setObjectName(QStringLiteral("QuorvexTaskRunner"));
     announceThreadEnd(m_thread.get());
     m_worker.reset(new CWorker(m_function));
-    if (!connect(m_thread.get(), &QThread::started, m_worker.get(), &CWorker::onWork))
-        QX_SELFCHECK(QStringLiteral("connect runner thread started to worker"));
-    if (!connect(m_worker.get(), &CWorker::finished, this, &CTaskRunner::onWorkerFinished))
-        QX_SELFCHECK(QStringLiteral("connect worker finished to runner"));
+    connect(m_thread.get(), &QThread::started, m_worker.get(), &CWorker::onWork);
+    connect(m_worker.get(), &CWorker::finished, this, &CTaskRunner::onWorkerFinished);
     // started() is emitted on the new thread, so the work runs there.
     m_worker->moveToThread(m_thread.get());
 }
@@ -116,16 +114,15 @@ CTaskRunner::~CTaskRunner()
     // finishes (after the work has returned), where deleteLater() still works.
     CWorker* worker = m_worker.release();
     const auto released = std::make_shared<std::atomic<bool>>(false);
-    if (!connect(
-            m_thread.get(), &QThread::finished, worker,
-            [worker, released]
-            {
-                takeOver(&g_releaseConnected);
-                CLaterDeleter<CWorker>()(worker);
-                *released = true;
-            },
-            Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect runner thread finished to worker release"));
+    connect(
+        m_thread.get(), &QThread::finished, worker,
+        [worker, released]
+        {
+            takeOver(&g_releaseConnected);
+            CLaterDeleter<CWorker>()(worker);
+            *released = true;
+        },
+        Qt::DirectConnection);
     // Qt's connection lists are guarded by its own mutex; the slot runs only after quit().
     handOff(&g_releaseConnected);
     m_thread->quit();

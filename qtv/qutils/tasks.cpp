@@ -113,16 +113,14 @@ void CTask::setProgressText(const QString& text)
 namespace
 {
 
-// A failed connection is a self-check failure; the call goes on regardless.
 void linkChild(CTask* parent, CTask* child, bool progress)
 {
-    if (progress &&
-        !QObject::connect(child, &CTask::progressRange, parent, &CTask::setProgressRange, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange"));
-    if (progress && !QObject::connect(child, &CTask::progressPos, parent, &CTask::setProgressPos, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos"));
-    if (!QObject::connect(parent, &CTask::cancelled, child, &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect cancelled to sub-task"));
+    if (progress)
+    {
+        QObject::connect(child, &CTask::progressRange, parent, &CTask::setProgressRange, Qt::DirectConnection);
+        QObject::connect(child, &CTask::progressPos, parent, &CTask::setProgressPos, Qt::DirectConnection);
+    }
+    QObject::connect(parent, &CTask::cancelled, child, &CTask::cancel, Qt::DirectConnection);
     // A sub-task started after the cancel would otherwise miss it and run whole.
     if (parent->isCancelled() && !child->isCancelled())
         child->cancel();
@@ -188,14 +186,11 @@ bool CTaskRangeAdapter::run()
         QX_SELFCHECK(QStringLiteral("CTaskRangeAdapter without a sub-task"));
         return false;
     }
-    if (!connect(m_task.get(), &CTask::progressRange, this, &CTaskRangeAdapter::onProgressRange,
-                 Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange to adapter"));
-    if (!connect(m_task.get(), &CTask::progressPos, this, &CTaskRangeAdapter::onProgressPos,
-                 Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos to adapter"));
-    if (!connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect adapter cancelled to sub-task"));
+    connect(m_task.get(), &CTask::progressRange, this, &CTaskRangeAdapter::onProgressRange,
+            Qt::DirectConnection);
+    connect(m_task.get(), &CTask::progressPos, this, &CTaskRangeAdapter::onProgressPos,
+            Qt::DirectConnection);
+    connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection);
     if (isCancelled() && !m_task->isCancelled())
         m_task->cancel();
     const bool result = m_task->run();
@@ -232,12 +227,9 @@ bool CTaskOffsetAdapter::run()
         QX_SELFCHECK(QStringLiteral("CTaskOffsetAdapter without a sub-task"));
         return false;
     }
-    if (!connect(m_task.get(), &CTask::progressRange, this, &CTask::progressRange, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressRange to offset adapter"));
-    if (!connect(m_task.get(), &CTask::progressPos, this, &CTask::progressPos, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect sub-task progressPos to offset adapter"));
-    if (!connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection))
-        QX_SELFCHECK(QStringLiteral("connect offset adapter cancelled to sub-task"));
+    connect(m_task.get(), &CTask::progressRange, this, &CTask::progressRange, Qt::DirectConnection);
+    connect(m_task.get(), &CTask::progressPos, this, &CTask::progressPos, Qt::DirectConnection);
+    connect(this, &CTask::cancelled, m_task.get(), &CTask::cancel, Qt::DirectConnection);
     if (isCancelled() && !m_task->isCancelled())
         m_task->cancel();
     return m_task->run();

@@ -1,28 +1,24 @@
 #include "learnjob.h"
 
 #include "console.h"
-#include "qutils/debugutils.h"
 
 namespace cli
 {
-
-CLearnJob* CLearnJob::s_current = nullptr;
 
 CLearnJob::CLearnJob(const QFileInfoList& photos) : m_photos(photos) {}
 
 CLearnJob::EStatus CLearnJob::run(const QFileInfo& target)
 {
-    if (s_current)
-    {
-        QX_SELFCHECK("a second fingerprint creation while one runs");
-        return qutils::CQuorvexAPI::Fatal;
-    }
-    s_current = this;
     m_reported = 0;
     m_engineCode = LUMICREST_OK;
-    const EStatus status = CFingerprint::createFingerprint(m_photos, target, &CLearnJob::onProgress, &m_engineCode);
-    s_current = nullptr;
-    return status;
+    return CFingerprint::createFingerprint(
+        m_photos, target,
+        [this](int, float nmse, float seconds) {
+            // The opening and closing calls carry no photo: both floats are zero only there.
+            if (nmse != 0.0f || seconds != 0.0f)
+                report(nmse);
+        },
+        &m_engineCode);
 }
 
 QString CLearnJob::photoLine(int number, int total, float nmse, const QString& path)
@@ -31,14 +27,6 @@ QString CLearnJob::photoLine(int number, int total, float nmse, const QString& p
     const QString value = nmse >= 0.001f ? QString::number(nmse, 'f', 4) : QString::number(nmse, 'e', 2);
     const int width = QString::number(total).size();
     return QStringLiteral("photo %1/%2  NMSE %3  %4").arg(number, width).arg(total).arg(value, path);
-}
-
-void CLearnJob::onProgress(int, float nmse, float seconds)
-{
-    // The opening and closing calls carry no photo: both floats are zero only there.
-    if (!s_current || (nmse == 0.0f && seconds == 0.0f))
-        return;
-    s_current->report(nmse);
 }
 
 void CLearnJob::report(float nmse)

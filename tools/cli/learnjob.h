@@ -8,8 +8,7 @@ namespace cli
 {
 
 // Learning a fingerprint with one line per reference photo on standard output
-// as the engine reports it. The engine's progress is a plain function, so the
-// running job is reached through one process-wide pointer: one job at a time.
+// as the engine reports it.
 class CLearnJob
 {
 public:
@@ -30,10 +29,7 @@ public:
     static QString photoLine(int number, int total, float nmse, const QString& path);
 
 private:
-    static void onProgress(int percent, float nmse, float seconds);
     void report(float nmse);
-
-    static CLearnJob* s_current;
 
     QFileInfoList m_photos;
     int m_reported = 0;

@@ -109,25 +109,6 @@ QString readSet(const QString& setPath, QList<SDevice>& devices)
 
 // ---- learning ------------------------------------------------------------------
 
-// The engine's progress is a plain function: the running learning is reached
-// through this pointer, one at a time.
-struct SLearning
-{
-    CProgressLine* progress = nullptr;
-    int done = 0;
-};
-SLearning* g_learning = nullptr;
-
-void onLearnProgress(int, float nmse, float seconds)
-{
-    // The opening and closing calls carry no photo: both floats are zero only there.
-    if (!g_learning || (nmse == 0.0f && seconds == 0.0f))
-        return;
-    ++g_learning->done;
-    if (g_learning->progress)
-        g_learning->progress->update(g_learning->done);
-}
-
 // Learns the device into target; the reason when it cannot.
 QString learnDevice(SDevice& device, const QString& target)
 {
@@ -144,20 +125,25 @@ QString learnDevice(SDevice& device, const QString& target)
 
     CConsole::note(QStringLiteral("learning %1 from %2 photos").arg(device.name).arg(photos.size()));
     CProgressLine progress(QStringLiteral("Learned"), photos.size(), CConsole::errIsTerminal());
-    SLearning learning{&progress, 0};
-    g_learning = &learning;
+    int done = 0;
     lumicrest_error_code engineCode = LUMICREST_OK;
-    const CQuorvexAPI::EStatus status =
-        CFingerprint::createFingerprint(photos, QFileInfo(target), &onLearnProgress, &engineCode);
-    g_learning = nullptr;
+    const CQuorvexAPI::EStatus status = CFingerprint::createFingerprint(
+        photos, QFileInfo(target),
+        [&](int, float nmse, float seconds) {
+            // The opening and closing calls carry no photo: both floats are zero only there.
+            if (nmse == 0.0f && seconds == 0.0f)
+                return;
+            progress.update(++done);
+        },
+        &engineCode);
     progress.finish();
     if (status != CQuorvexAPI::Success)
     {
         if (engineCode == LUMICREST_OUT_OF_MEMORY)
             return QStringLiteral("the computer ran out of memory for learning from photos of this size");
-        if (learning.done < photos.size() && status != CQuorvexAPI::CannotStoreFingerprint)
+        if (done < photos.size() && status != CQuorvexAPI::CannotStoreFingerprint)
             return QStringLiteral("learning refused photo %1: %2")
-                .arg(photos.at(learning.done).filePath(), CQuorvexAPI::statusText(status));
+                .arg(photos.at(done).filePath(), CQuorvexAPI::statusText(status));
         return CQuorvexAPI::statusText(status);
     }
     CQuorvexAPI::EStatus loaded = CQuorvexAPI::Invalid;

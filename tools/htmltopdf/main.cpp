@@ -3,6 +3,8 @@
 #include "interruption.h"
 #include "options.h"
 
+#include "qutils/platform.h"
+
 #include <QGuiApplication>
 
 #include <cstdio>
@@ -11,25 +13,16 @@
 int main(int argc, char** argv)
 {
     htmltopdf::catchInterrupts();
-#if defined(Q_OS_UNIX) && !defined(Q_OS_MACOS)
     // Nothing is shown on screen, so no display server is needed.
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-#endif
+    qutils::platform::preferOffscreenDisplay();
     // Qt scales image sizes and table widths given in pixels by the screen's
     // resolution over its own default; with the default fixed at 96, one CSS
     // pixel is 1/96 inch on paper, whatever screen (or none) there is.
     QCoreApplication::setAttribute(Qt::AA_Use96Dpi);
     QGuiApplication app(argc, argv);
 
-#ifdef Q_OS_WIN
-    const QStringList arguments = QCoreApplication::arguments().mid(1);
-#else
-    // UTF-8 whatever the locale: the caller passes footer texts such as "©".
-    QStringList arguments;
-    for (int i = 1; i < argc; ++i)
-        arguments.append(QString::fromUtf8(argv[i]));
-#endif
+    // The caller passes footer texts such as "©".
+    const QStringList arguments = qutils::platform::programArguments(argc, argv);
     const htmltopdf::SOptions options = htmltopdf::parseOptions(arguments);
     if (!options.error.isEmpty())
     {
