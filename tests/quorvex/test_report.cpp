@@ -105,14 +105,11 @@ TEST_F(ReportTest, ThumbnailNamesComeFromTheFullPath)
 
 TEST_F(ReportTest, FilterTexts)
 {
-    const QStringList expected = {QStringLiteral("All photos"),
-                                  QStringLiteral("Fingerprint found with very high probability"),
-                                  QStringLiteral("Fingerprint found with high probability"),
-                                  QStringLiteral("Fingerprint found with medium probability"),
-                                  QStringLiteral("Fingerprint found with low probability"),
-                                  QStringLiteral("Fingerprint not found"),
-                                  QStringLiteral("Non-processed photos"),
-                                  QStringLiteral("Not compared photos")};
+    const QStringList expected = QStringLiteral("All photos|Fingerprint found with very high probability|"
+                                                "Fingerprint found with high probability|Fingerprint found with medium "
+                                                "probability|Fingerprint found with low probability|Fingerprint not "
+                                                "found|Non-processed photos|Not compared photos")
+                                     .split(QLatin1Char('|'));
     for (int type = 0; type < expected.size(); ++type)
         EXPECT_EQ(CGeneratorTask::filterText(type), expected.at(type)) << type;
     testutils::CLogCapture log;
