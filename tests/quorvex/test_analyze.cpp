@@ -14,12 +14,13 @@
 #include "resultclass.h"
 #include "settings.h"
 
-#include "camsim/camera.h"
 #include "qcontrols/dialogscript.h"
 #include "qcontrols/navigationbutton.h"
 #include "qcontrols/stylesheetmanager.h"
 #include "qutils/appsettings.h"
 #include "qutils/htmltopdftask.h"
+#include "scriptedsteps.h"
+#include "simulatedphotos.h"
 #include "testutils.h"
 
 #include <QCheckBox>
@@ -109,32 +110,13 @@ protected:
         return namedFiles(names);
     }
 
-    static camsim::Camera camera(uint64_t unit, int width = 1024, int height = 768)
-    {
-        camsim::CameraConfig config;
-        config.width = width;
-        config.height = height;
-        config.unitSeed = unit;
-        return camsim::Camera(config);
-    }
-
-    static QString shoot(const camsim::Camera& camera, int scene, const QString& path)
-    {
-        camsim::ShotConfig shot;
-        shot.sceneSeed = static_cast<uint64_t>(scene);
-        shot.scene = scene % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
-        camera.shoot(shot, path.toStdString());
-        return path;
-    }
-
     // A real fingerprint of camera unit 1 from five photos.
     QString learnFingerprint()
     {
         QTemporaryDir references;
         QFileInfoList photos;
-        const camsim::Camera unit = camera(1);
         for (int i = 0; i < 5; ++i)
-            photos << QFileInfo(shoot(unit, 100 + i, references.filePath(QStringLiteral("r%1.jpg").arg(i))));
+            photos << QFileInfo(testutils::shootPhoto(1, 100 + i, references.filePath(QStringLiteral("r%1.jpg").arg(i))));
         const QString path = m_out.filePath(QStringLiteral("unit1.fnp"));
         EXPECT_EQ(CFingerprint::createFingerprint(photos, QFileInfo(path), nullptr), CQuorvexAPI::Success);
         return path;
@@ -170,16 +152,18 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
     auto* next = child(page, "btnNavigateNext");
     ASSERT_TRUE(next);
 
+    const auto clickNext = [&](const QList<CDialogScript::SAnswer>& answers) {
+        return testutils::shownWhile(answers, [&] { next->click(); });
+    };
+    const auto isFingerprintDialog = [](const QString& shown) {
+        return shown.startsWith(QStringLiteral("open|Select fingerprint file|")) &&
+               shown.endsWith(QStringLiteral("|Fingerprint Files (*.fnp)"));
+    };
     // Cancelling the fingerprint dialog does nothing at all.
     const QFileInfo before = CSettings::lastRecognizer();
-    {
-        CScriptedDialogs script({{QDialog::Rejected, {}}});
-        next->click();
-        ASSERT_EQ(CDialogScript::shown().size(), 1);
-        EXPECT_EQ(CDialogScript::shown().at(0).kind, QStringLiteral("open"));
-        EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Select fingerprint file"));
-        EXPECT_TRUE(CDialogScript::shown().at(0).text.endsWith(QStringLiteral("|Fingerprint Files (*.fnp)")));
-    }
+    QStringList shown = clickNext({{QDialog::Rejected, {}}});
+    ASSERT_EQ(shown.size(), 1);
+    EXPECT_TRUE(isFingerprintDialog(shown[0])) << shown[0].toStdString();
     EXPECT_EQ(CSettings::lastRecognizer(), before);
 
     // Not a fingerprint: refused, yet remembered.
@@ -189,25 +173,18 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write("not a fingerprint");
     }
-    {
-        CScriptedDialogs script({{QDialog::Accepted, bogus}, {QMessageBox::Ok, {}}});
-        next->click();
-        ASSERT_EQ(CDialogScript::shown().size(), 2);
-        EXPECT_EQ(CDialogScript::shown().at(1).text,
-                  QStringLiteral("Fingerprint file cannot be loaded.\nbogus.fnp cannot be used as a fingerprint: "
-                                 "it is not a fingerprint file, or one in a format this version cannot read."));
-    }
+    shown = clickNext({{QDialog::Accepted, bogus}, {QMessageBox::Ok, {}}});
+    ASSERT_EQ(shown.size(), 2);
+    EXPECT_TRUE(shown[1].endsWith(QStringLiteral("|Fingerprint file cannot be loaded.\nbogus.fnp cannot be used as a fingerprint: "
+                                                 "it is not a fingerprint file, or one in a format this version cannot read.")))
+        << shown[1].toStdString();
     EXPECT_EQ(CSettings::lastRecognizer().absoluteFilePath(), QFileInfo(bogus).absoluteFilePath());
 
     // A good fingerprint and an empty folder: the fingerprint is asked first.
-    {
-        CScriptedDialogs script({{QDialog::Accepted, fingerprint}, {QMessageBox::Ok, {}}});
-        next->click();
-        ASSERT_EQ(CDialogScript::shown().size(), 2);
-        EXPECT_EQ(CDialogScript::shown().at(0).kind, QStringLiteral("open"));
-        EXPECT_EQ(CDialogScript::shown().at(1).title, QStringLiteral("Error"));
-        EXPECT_EQ(CDialogScript::shown().at(1).text, QStringLiteral("Folder does not contain any images."));
-    }
+    shown = clickNext({{QDialog::Accepted, fingerprint}, {QMessageBox::Ok, {}}});
+    ASSERT_EQ(shown.size(), 2);
+    EXPECT_TRUE(isFingerprintDialog(shown[0]));
+    EXPECT_TRUE(shown[1].endsWith(QStringLiteral("|Error|Folder does not contain any images."))) << shown[1].toStdString();
     EXPECT_EQ(window.currentPage(), page);
 
     // With photos, the properties screen follows, options unchecked; so does a
@@ -216,10 +193,7 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
     page->listFolder(QDir(m_photos.path()), false);
     for (const bool again : {false, true})
     {
-        {
-            CScriptedDialogs script({{QDialog::Accepted, fingerprint}});
-            next->click();
-        }
+        clickNext({{QDialog::Accepted, fingerprint}});
         auto* info = qobject_cast<CFingerprintInfoScr*>(window.currentPage());
         ASSERT_TRUE(info);
         EXPECT_EQ(info->fingerprintInfo()->valueText(CFingerprint::TrainingImagesCount), QStringLiteral("5"));
@@ -237,12 +211,9 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
         }
         // An automatic report whose save dialog is cancelled starts nothing.
         boxes.at(1)->setChecked(true);
-        {
-            CScriptedDialogs script({{QDialog::Rejected, {}}});
-            child(info, "btnNavigateNext")->click();
-            ASSERT_EQ(CDialogScript::shown().size(), 1);
-            EXPECT_EQ(CDialogScript::shown().at(0).title, QStringLiteral("Choose destination for report"));
-        }
+        shown = testutils::shownWhile({{QDialog::Rejected, {}}}, [&] { child(info, "btnNavigateNext")->click(); });
+        ASSERT_EQ(shown.size(), 1);
+        EXPECT_TRUE(shown[0].contains(QStringLiteral("|Choose destination for report|"))) << shown[0].toStdString();
         EXPECT_EQ(window.currentPage(), info);
         caseNumber->setText(QStringLiteral("2026/17"));
         child(info, "btnNavigateBackLeft")->click();
@@ -252,27 +223,43 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
 
 TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
 {
-    const QFileInfoList files =
-        namedFiles({QStringLiteral("vh.jpg"), QStringLiteral("h.jpg"), QStringLiteral("m.jpg"), QStringLiteral("l.jpg"),
-                    QStringLiteral("none.jpg"), QStringLiteral("broken.jpg"), QStringLiteral("odd.jpg"),
-                    QStringLiteral("big.jpg"), QStringLiteral("exif.jpg")});
-    m_stub->gate = nullptr;
-    m_stub->answers = {
-        {QStringLiteral("vh.jpg"), Result{true, 0.999, 0.05, CQuorvexAPI::Success, 900}},
-        {QStringLiteral("h.jpg"), Result{true, 0.995, 0.04, CQuorvexAPI::Success, 300}},
-        {QStringLiteral("m.jpg"), Result{true, 0.99, 0.03, CQuorvexAPI::Success, 100}},
-        {QStringLiteral("l.jpg"), Result{true, 0.9899, 0.02, CQuorvexAPI::Success, 70}},
-        {QStringLiteral("none.jpg"), Result{false, 0.0, 0.001, CQuorvexAPI::Success, 3}},
-        {QStringLiteral("broken.jpg"), Result{false, 0.0, 0.0, CQuorvexAPI::BrokenImage, 0}},
+    const auto bold = [](CQuorvexAPI::EStatus status) { return QStringLiteral("<b>%1</b>").arg(CQuorvexAPI::statusText(status)); };
+    const struct
+    {
+        const char* name;
+        Result answer;
+        CImageModel::State state;
+        QString description;
+    } photos[] = {
+        {"vh.jpg", {true, 0.999, 0.05, CQuorvexAPI::Success, 900}, CImageModel::SuccessVeryHigh,
+         QStringLiteral("<b>Match: very high probability</b>")},
+        {"h.jpg", {true, 0.995, 0.04, CQuorvexAPI::Success, 300}, CImageModel::SuccessHigh,
+         QStringLiteral("<b>Match: high probability</b>")},
+        {"m.jpg", {true, 0.99, 0.03, CQuorvexAPI::Success, 100}, CImageModel::SuccessMedium,
+         QStringLiteral("<b>Match: medium probability</b>")},
+        {"l.jpg", {true, 0.9899, 0.02, CQuorvexAPI::Success, 70}, CImageModel::SuccessLow,
+         QStringLiteral("<b>Match: low probability</b>")},
+        {"none.jpg", {false, 0.0, 0.001, CQuorvexAPI::Success, 3}, CImageModel::Fail, QStringLiteral("<b>No match</b>")},
+        {"broken.jpg", {false, 0.0, 0.0, CQuorvexAPI::BrokenImage, 0}, CImageModel::Fail, bold(CQuorvexAPI::BrokenImage)},
         // An error status on a "matched" record: shown as the error, but the
         // not-found counter goes by matched alone, so no counter moves.
-        {QStringLiteral("odd.jpg"), Result{true, 0.5, 0.0, CQuorvexAPI::AnalysisFailed, 0}},
+        {"odd.jpg", {true, 0.5, 0.0, CQuorvexAPI::AnalysisFailed, 0}, CImageModel::Fail, bold(CQuorvexAPI::AnalysisFailed)},
         // Never compared: counted apart, never with the photos of no match.
-        {QStringLiteral("big.jpg"), Result{false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize, 0,
-                                           QStringLiteral("too <big>")}},
-        {QStringLiteral("exif.jpg"), Result{false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata, 0,
-                                            QStringLiteral("the photo was taken with X Y")}},
+        {"big.jpg", {false, 0.0, 0.0, CQuorvexAPI::ImageFingerprintInconsistentSize, 0, QStringLiteral("too <big>")},
+         CImageModel::NotCompared,
+         QStringLiteral("<b>Not compared: Size is incompatible with fingerprint</b><br />too &lt;big&gt;")},
+        {"exif.jpg", {false, 0.0, 0.0, CQuorvexAPI::InconsistentMetadata, 0, QStringLiteral("the photo was taken with X Y")},
+         CImageModel::NotCompared,
+         QStringLiteral("<b>Not compared: Different camera type</b><br />the photo was taken with X Y")},
     };
+    QStringList names;
+    for (const auto& photo : photos)
+    {
+        names << QString::fromLatin1(photo.name);
+        m_stub->answers.insert(names.last(), photo.answer);
+    }
+    const QFileInfoList files = namedFiles(names);
+    m_stub->gate = nullptr;
 
     CScriptedDialogs script({{QMessageBox::Ok, {}}});
     CAnalyzeDlg dialog(files, QString(), false, nullptr, m_stub);
@@ -294,25 +281,13 @@ TEST_F(AnalyzeTest, ClassesCountersAndFilterTexts)
     EXPECT_EQ(dialog.filterCombo()->itemData(6).toInt(), -497 - 512) << "not compared is processed";
     EXPECT_EQ(dialog.filterCombo()->itemData(7).toInt(), 512);
 
-    QVector<int> states;
-    QStringList texts;
     for (int row = 0; row < files.size(); ++row)
     {
+        SCOPED_TRACE(photos[row].name);
         const QModelIndex index = dialog.gallery()->imageModel()->index(row);
-        states << CGalleryFilterModel::stateValue(index.data(CImageModel::ItemStateRole));
-        texts << index.data(CImageModel::DescriptionRole).toString();
+        EXPECT_EQ(CGalleryFilterModel::stateValue(index.data(CImageModel::ItemStateRole)), photos[row].state);
+        EXPECT_EQ(index.data(CImageModel::DescriptionRole).toString(), photos[row].description);
     }
-    EXPECT_EQ(states, (QVector<int>{CImageModel::SuccessVeryHigh, CImageModel::SuccessHigh, CImageModel::SuccessMedium,
-                                    CImageModel::SuccessLow, CImageModel::Fail, CImageModel::Fail, CImageModel::Fail,
-                                    CImageModel::NotCompared, CImageModel::NotCompared}));
-    EXPECT_EQ(texts,
-              (QStringList{QStringLiteral("<b>Match: very high probability</b>"), QStringLiteral("<b>Match: high probability</b>"),
-                           QStringLiteral("<b>Match: medium probability</b>"), QStringLiteral("<b>Match: low probability</b>"),
-                           QStringLiteral("<b>No match</b>"),
-                           QStringLiteral("<b>%1</b>").arg(CQuorvexAPI::statusText(CQuorvexAPI::BrokenImage)),
-                           QStringLiteral("<b>%1</b>").arg(CQuorvexAPI::statusText(CQuorvexAPI::AnalysisFailed)),
-                           QStringLiteral("<b>Not compared: Size is incompatible with fingerprint</b><br />too &lt;big&gt;"),
-                           QStringLiteral("<b>Not compared: Different camera type</b><br />the photo was taken with X Y")}));
 
     // The end: summary box, title, buttons.
     ASSERT_EQ(CDialogScript::shown().size(), 1);
@@ -458,11 +433,11 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
 {
     const QString fingerprint = learnFingerprint();
     for (int i = 0; i < 5; ++i)
-        shoot(camera(1), 300 + i, m_photos.filePath(QStringLiteral("IMG_A%1.jpg").arg(i)));
+        testutils::shootPhoto(1, 300 + i, m_photos.filePath(QStringLiteral("IMG_A%1.jpg").arg(i)));
     for (int i = 0; i < 4; ++i)
-        shoot(camera(2), 400 + i, m_photos.filePath(QStringLiteral("IMG_B%1.jpg").arg(i)));
+        testutils::shootPhoto(2, 400 + i, m_photos.filePath(QStringLiteral("IMG_B%1.jpg").arg(i)));
     // A larger sensor's photo, not 4:3 (so no resize either): the engine cannot compare it.
-    shoot(camera(3, 1280, 1024), 500, m_photos.filePath(QStringLiteral("IMG_C0.jpg")));
+    testutils::shootPhoto(3, 500, m_photos.filePath(QStringLiteral("IMG_C0.jpg")), 1280, 1024);
     const QDir folder(qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR") ? qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")
                                                                           : m_out.path());
 

@@ -13,12 +13,12 @@
 #include "settings.h"
 #include "statisticsdlg.h"
 
-#include "camsim/camera.h"
 #include "qcontrols/dialogscript.h"
 #include "qcontrols/stylesheetmanager.h"
 #include "qutils/appsettings.h"
 #include "qutils/quorvexapi.h"
 #include "scriptedsteps.h"
+#include "simulatedphotos.h"
 #include "testutils.h"
 
 #include <QCoreApplication>
@@ -67,17 +67,7 @@ protected:
 
     QString shoot(int scene, const QString& name, int width = 1024, int height = 768)
     {
-        camsim::CameraConfig config;
-        config.width = width;
-        config.height = height;
-        config.unitSeed = 11;
-        const camsim::Camera camera(config);
-        camsim::ShotConfig shot;
-        shot.sceneSeed = static_cast<uint64_t>(scene);
-        shot.scene = scene % 2 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
-        const QString path = m_photos.filePath(name);
-        camera.shoot(shot, path.toStdString());
-        return path;
+        return testutils::shootPhoto(11, scene, m_photos.filePath(name), width, height);
     }
 
     QFileInfoList shootSeries(int count, int firstScene, const QString& pattern)

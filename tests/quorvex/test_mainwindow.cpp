@@ -10,12 +10,12 @@
 #include "windowedstartup.h"
 #include "workingpage.h"
 
-#include "camsim/camera.h"
 #include "qcontrols/stylesheetmanager.h"
 #include "qdialogs/progressdlg.h"
 #include "qutils/appsettings.h"
 #include "qutils/tasks.h"
 #include "scriptedsteps.h"
+#include "simulatedphotos.h"
 #include "testutils.h"
 
 #include <QCloseEvent>
@@ -254,18 +254,8 @@ TEST_F(MainWindowTest, ScreensRenderWithTheStyleSheet)
 
         // A folder page: simulated photos listed into the gallery, one in the preview.
         QTemporaryDir photos;
-        camsim::CameraConfig config;
-        config.width = 1024;
-        config.height = 768;
-        config.unitSeed = 7;
-        const camsim::Camera camera(config);
         for (int i = 0; i < 14; ++i)
-        {
-            camsim::ShotConfig shot;
-            shot.sceneSeed = 100 + i;
-            shot.scene = i % 3 ? camsim::SceneKind::Natural : camsim::SceneKind::Gradient;
-            camera.shoot(shot, photos.filePath(QStringLiteral("IMG_%1.jpg").arg(1001 + i)).toStdString());
-        }
+            testutils::shootPhoto(7, 100 + i, photos.filePath(QStringLiteral("IMG_%1.jpg").arg(1001 + i)));
         auto* page = new QWidget;
         auto* layout = new QVBoxLayout(page);
         auto* chooser = new CChooseImagePathDlg(page);

@@ -2,12 +2,12 @@
 // stand-in converter (the real converter has its own tests).
 #include "generatortask.h"
 
-#include "camsim/camera.h"
 #include "qutils/exception.h"
 #include "qutils/htmltopdftask.h"
 #include "qutils/tasks.h"
 
 #include "logcapture.h"
+#include "simulatedphotos.h"
 #include "testutils.h"
 
 #include <QDateTime>
@@ -32,17 +32,9 @@ class ReportTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        camsim::CameraConfig config;
-        config.width = 640;
-        config.height = 480;
-        config.unitSeed = 5;
-        const camsim::Camera camera(config);
-        camsim::ShotConfig shot;
-        shot.sceneSeed = 9;
-        shot.scene = camsim::SceneKind::Natural;
         m_withExif = m_dir.filePath(QStringLiteral("camera/IMG 1.jpg"));
         QDir().mkpath(QFileInfo(m_withExif).absolutePath());
-        camera.shoot(shot, m_withExif.toStdString());
+        testutils::shootPhoto(5, 9, m_withExif, 640, 480);
 
         QImage plain(QSize(64, 48), QImage::Format_RGB32);
         plain.fill(Qt::darkCyan);
