@@ -11,6 +11,7 @@
 #include "resources.h"
 
 #include "modelchecker.h"
+#include "scriptedsteps.h"
 #include "testutils.h"
 
 #include <QDir>
@@ -295,7 +296,6 @@ TEST_F(GalleryTest, PreviewShowsPathSizeAndDateOfSelectedPhotoBesideTheTiles)
     m_gallery.show();
     ASSERT_TRUE(QMetaObject::invokeMethod(&m_gallery, "setFiles", Q_ARG(QFileInfoList, files)));
     ASSERT_EQ(m_gallery.model()->rowCount(), 3);
-    EXPECT_EQ(m_gallery.model(), m_gallery.filterModel());
     EXPECT_EQ(m_gallery.imageModel()->thumbnailSize(), m_gallery.galleryDelegate()->thumbnailSize());
     m_gallery.imageModel()->setState(2, CImageModel::Processing);
     // Painting through the view, processing tile included, must be cheap and safe.
@@ -354,10 +354,21 @@ TEST_F(GalleryTest, TenThousandRowsMakeNoWidgetPerRow)
     EXPECT_LT(m_gallery.viewport()->findChildren<QWidget*>().size(), 20);
 }
 
-TEST_F(GalleryTest, HoverTileOpensAndClosesItsActionsRow)
+// The live tile under the pointer, in the program's own style so its fonts and
+// paddings count: its actions row, the desktop hand-over and the details.
+TEST_F(GalleryTest, HoverTileOpensItsActionsRowAndShowsTheDetailResult)
 {
+    QList<QUrl> opened;
+    CGalleryWidget::setUrlOpener([&](const QUrl& url) {
+        opened << url;
+        return true;
+    });
+    qApp->setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
+                                                            quorvex::styleConstantsResourcePath()));
     m_gallery.show();
-    m_gallery.setFiles(makePhotos(3));
+    const QFileInfoList files = makePhotos(3);
+    const QString path = QDir::toNativeSeparators(files.at(0).absoluteFilePath());
+    m_gallery.setFiles(files);
     m_gallery.imageModel()->setState(1, CImageModel::Processing);
     m_gallery.imageModel()->setState(2, CImageModel::Waiting);
     QCoreApplication::processEvents();
@@ -384,6 +395,31 @@ TEST_F(GalleryTest, HoverTileOpensAndClosesItsActionsRow)
     EXPECT_EQ(item->contentWidget()->property("state").toString(), QStringLiteral("normal"));
     EXPECT_FALSE(item->loadingIcon()->isVisible());
 
+    // The name is elided at its start; its tooltip gives the whole path.
+    auto* name = item->findChild<QLabel*>(QStringLiteral("fileName"));
+    ASSERT_TRUE(name);
+    EXPECT_EQ(name->toolTip(), path);
+    auto button = [&](const char* objectName) {
+        return item->findChild<QPushButton*>(QString::fromLatin1(objectName));
+    };
+    const std::pair<const char*, const char*> actions[] = {{"openFolderButton", "Open folder"},
+                                                          {"externalViewerButton", "Show in external viewer"},
+                                                          {"detailResultButton", "Show detail result"}};
+    for (const auto& [objectName, label] : actions)
+    {
+        ASSERT_TRUE(button(objectName)) << objectName;
+        EXPECT_EQ(button(objectName)->text(), QString::fromLatin1(label));
+    }
+    // The texts fit their buttons.
+    for (const char* action : {"openFolderButton", "externalViewerButton"})
+        EXPECT_LE(button(action)->sizeHint().width(), button(action)->width()) << action;
+    // Nothing to detail before the photo has a result.
+    EXPECT_FALSE(button("detailResultButton")->isVisibleTo(item));
+    button("openFolderButton")->click();
+    button("externalViewerButton")->click();
+    EXPECT_EQ(opened, (QList<QUrl>{QUrl::fromLocalFile(files.at(0).absolutePath()),
+                                   QUrl::fromLocalFile(files.at(0).absoluteFilePath())}));
+
     // Leaving closes it again, reports the tile and hands it back to the painter.
     QSignalSpy left(item, &CGalleryItem::mouseLeft);
     QEvent leave(QEvent::Leave);
@@ -403,15 +439,37 @@ TEST_F(GalleryTest, HoverTileOpensAndClosesItsActionsRow)
     enter(2);
     EXPECT_FALSE(item->loadingIcon()->isVisible());
     EXPECT_EQ(item->contentWidget()->property("state").toString(), QStringLiteral("normal"));
-
     // A result arriving for the hovered photo restyles the live tile.
     m_gallery.imageModel()->setState(2, CImageModel::SuccessHigh);
     EXPECT_TRUE(testutils::waitFor(
         [&] { return item->contentWidget()->property("state").toString() == QStringLiteral("success_high"); }));
 
+    // With a result, the details: by the button, and by a double click.
+    enter(0);
+    m_gallery.imageModel()->setResult(0, QVariant::fromValue(Result{true, 0.9991, 0.0123, API::Success, 812.34}));
+    EXPECT_TRUE(testutils::waitFor([&] { return button("detailResultButton")->isVisibleTo(item); }));
+    const QString details = QStringLiteral("information|Analysis results|Path: %1<br/><br/>Result: match with very high "
+                                           "probability<br/>Probability: 99.91%<br/>Correlation: 0.0123<br/>PCE 812.3, "
+                                           "at or above the threshold of 60<br/>Status: Success<br/>Scale: 1.00, "
+                                           "orientation: 0\u00b0, shift: 0, 0")
+                                .arg(path);
+    const QList<qcontrols::CDialogScript::SAnswer> ok = {{QMessageBox::Ok, {}}};
+    EXPECT_EQ(testutils::shownWhile(ok, [&] { button("detailResultButton")->click(); }), QStringList{details});
+    EXPECT_EQ(testutils::shownWhile(ok, [&] { QTest::mouseDClick(item, Qt::LeftButton); }), QStringList{details});
+    // Without one, a double click opens the preview.
+    m_gallery.imageModel()->setState(1, CImageModel::Idle);
+    enter(1);
+    QSignalSpy doubled(item, &CGalleryItem::doubleClicked);
+    QTest::mouseDClick(item, Qt::LeftButton);
+    ASSERT_EQ(doubled.size(), 1);
+    EXPECT_TRUE(m_gallery.previewWidget()->isVisible());
+
     // Scrolling or re-filtering leaves the tile over the wrong photo: it goes.
     m_gallery.setFilterMask(CImageModel::Processing);
     EXPECT_FALSE(item->isVisible());
+    CGalleryWidget::setUrlOpener({});
+    qApp->setStyleSheet(QString());
+    qcontrols::CStyleSheetManager::clear();
 }
 
 TEST_F(GalleryTest, DetailResultTextByClassAndStatus)
@@ -453,83 +511,6 @@ TEST_F(GalleryTest, DetailResultTextByClassAndStatus)
     broken.status = API::InconsistentMetadata;
     broken.reason.clear();
     EXPECT_EQ(text(broken), head + QStringLiteral("Not compared: Different camera type"));
-}
-
-TEST_F(GalleryTest, TileActionsHandPhotosToTheDesktopAndShowTheDetailResult)
-{
-    QList<QUrl> opened;
-    CGalleryWidget::setUrlOpener([&](const QUrl& url) {
-        opened << url;
-        return true;
-    });
-    // In the program's own style, so its fonts and paddings count.
-    qApp->setStyleSheet(qcontrols::CStyleSheetManager::load(quorvex::styleSheetResourcePath(),
-                                                            quorvex::styleConstantsResourcePath()));
-    m_gallery.show();
-    const QFileInfoList files = makePhotos(2);
-    const QString path = QDir::toNativeSeparators(files.at(0).absoluteFilePath());
-    m_gallery.setFiles(files);
-    CGalleryItem* item = m_gallery.hoverItem();
-    enter(0);
-    // The name is elided at its start; its tooltip gives the whole path.
-    auto* name = item->findChild<QLabel*>(QStringLiteral("fileName"));
-    ASSERT_TRUE(name);
-    EXPECT_EQ(name->toolTip(), path);
-
-    auto button = [&](const char* objectName) {
-        return item->findChild<QPushButton*>(QString::fromLatin1(objectName));
-    };
-    const std::pair<const char*, const char*> actions[] = {{"openFolderButton", "Open folder"},
-                                                          {"externalViewerButton", "Show in external viewer"},
-                                                          {"detailResultButton", "Show detail result"}};
-    for (const auto& [objectName, label] : actions)
-    {
-        ASSERT_TRUE(button(objectName)) << objectName;
-        EXPECT_EQ(button(objectName)->text(), QString::fromLatin1(label));
-    }
-    EXPECT_TRUE(testutils::waitFor(
-        [&] { return item->contentWidget()->geometry() == QRect(QPoint(0, 0), item->size()); }));
-    // The texts fit their buttons.
-    for (const char* action : {"openFolderButton", "externalViewerButton"})
-        EXPECT_LE(button(action)->sizeHint().width(), button(action)->width()) << action;
-    // Nothing to detail before the photo has a result.
-    EXPECT_FALSE(button("detailResultButton")->isVisibleTo(item));
-
-    button("openFolderButton")->click();
-    button("externalViewerButton")->click();
-    EXPECT_EQ(opened, (QList<QUrl>{QUrl::fromLocalFile(files.at(0).absolutePath()),
-                                   QUrl::fromLocalFile(files.at(0).absoluteFilePath())}));
-
-    m_gallery.imageModel()->setResult(0, QVariant::fromValue(Result{true, 0.9991, 0.0123, API::Success, 812.34}));
-    EXPECT_TRUE(testutils::waitFor([&] { return button("detailResultButton")->isVisibleTo(item); }));
-    {
-        qcontrols::CScriptedDialogs script({{QMessageBox::Ok, {}}});
-        button("detailResultButton")->click();
-        const auto shown = qcontrols::CDialogScript::shown();
-        ASSERT_EQ(shown.size(), 1);
-        EXPECT_EQ(shown.at(0).title, QStringLiteral("Analysis results"));
-        EXPECT_EQ(shown.at(0).text, QStringLiteral("Path: %1<br/><br/>Result: match with very high probability"
-                                                   "<br/>Probability: 99.91%<br/>Correlation: 0.0123"
-                                                   "<br/>PCE 812.3, at or above the threshold of 60"
-                                                   "<br/>Status: Success<br/>Scale: 1.00, orientation: 0\u00b0, shift: 0, 0")
-                                        .arg(path));
-    }
-    // A double click on the live tile opens the details of a photo with a
-    // result, and the preview of one without.
-    {
-        qcontrols::CScriptedDialogs script({{QMessageBox::Ok, {}}});
-        QTest::mouseDClick(item, Qt::LeftButton);
-        ASSERT_EQ(qcontrols::CDialogScript::shown().size(), 1);
-        EXPECT_EQ(qcontrols::CDialogScript::shown().at(0).title, QStringLiteral("Analysis results"));
-    }
-    enter(1);
-    QSignalSpy doubled(item, &CGalleryItem::doubleClicked);
-    QTest::mouseDClick(item, Qt::LeftButton);
-    ASSERT_EQ(doubled.size(), 1);
-    EXPECT_TRUE(m_gallery.previewWidget()->isVisible());
-    CGalleryWidget::setUrlOpener({});
-    qApp->setStyleSheet(QString());
-    qcontrols::CStyleSheetManager::clear();
 }
 
 } // namespace

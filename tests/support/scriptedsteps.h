@@ -4,6 +4,14 @@
 
 #include <QStringList>
 
+#include <ostream>
+
+// Failed comparisons of texts and lists of texts print them readably.
+inline void PrintTo(const QString& text, std::ostream* out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
+
 namespace testutils
 {
 
