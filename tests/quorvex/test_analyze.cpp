@@ -21,6 +21,7 @@
 #include "qutils/htmltopdftask.h"
 #include "scriptedsteps.h"
 #include "simulatedphotos.h"
+#include "testfiles.h"
 #include "testutils.h"
 
 #include <QCheckBox>
@@ -96,9 +97,8 @@ protected:
         QFileInfoList files;
         for (const QString& name : names)
         {
-            QFile file(m_photos.filePath(name));
-            EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-            files << QFileInfo(file.fileName());
+            files << QFileInfo(m_photos.filePath(name));
+            EXPECT_TRUE(testutils::writeFile(files.last().filePath()));
         }
         return files;
     }
@@ -168,11 +168,7 @@ TEST_F(AnalyzeTest, SetUpScreensCheckTheFingerprintBeforeTheFolder)
 
     // Not a fingerprint: refused, yet remembered.
     const QString bogus = m_out.filePath(QStringLiteral("bogus.fnp"));
-    {
-        QFile file(bogus);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("not a fingerprint");
-    }
+    ASSERT_TRUE(testutils::writeFile(bogus, "not a fingerprint"));
     shown = clickNext({{QDialog::Accepted, bogus}, {QMessageBox::Ok, {}}});
     ASSERT_EQ(shown.size(), 2);
     EXPECT_TRUE(shown[1].endsWith(QStringLiteral("|Fingerprint file cannot be loaded.\nbogus.fnp cannot be used as a fingerprint: "
@@ -494,18 +490,13 @@ TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
 TEST_F(AnalyzeTest, ReportsAutomaticAfterCancelAndOnRequest)
 {
     const QString converter = m_out.filePath(QStringLiteral("convert.sh"));
-    {
-        QFile file(converter);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("#!/bin/sh\n"
-                   "eval input=\\${$#}\n"
-                   "eval output=\\${$(($# - 1))}\n"
-                   "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$(dirname \"$0\")/seen.html\"\n"
-                   "printf 'pdf' > \"$(printf '%s' \"$output\" | sed 's|^file://||')\"\n"
-                   "echo 100%\n");
-        file.close();
-        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
+    ASSERT_TRUE(testutils::writeFile(converter, "#!/bin/sh\n"
+                                                "eval input=\\${$#}\n"
+                                                "eval output=\\${$(($# - 1))}\n"
+                                                "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$(dirname \"$0\")/seen.html\"\n"
+                                                "printf 'pdf' > \"$(printf '%s' \"$output\" | sed 's|^file://||')\"\n"
+                                                "echo 100%\n"));
+    QFile::setPermissions(converter, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qutils::CHtmlToPdfTask::setConverterPath(converter);
     const QFileInfoList files = numberedFiles(6);
     m_stub->answers.insert(QStringLiteral("p0.jpg"), Result{true, 0.9999, 0.05, CQuorvexAPI::Success, 900});

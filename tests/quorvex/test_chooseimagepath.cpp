@@ -5,6 +5,7 @@
 
 #include "qutils/appsettings.h"
 #include "scriptedsteps.h"
+#include "testfiles.h"
 #include "testutils.h"
 
 #include <QApplication>
@@ -46,8 +47,7 @@ protected:
                                     QStringLiteral("notes.txt"), QStringLiteral("sub/d.tif")})
         {
             QDir().mkpath(QFileInfo(m_dir.filePath(name)).absolutePath());
-            QFile file(m_dir.filePath(name));
-            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            ASSERT_TRUE(testutils::writeFile(m_dir.filePath(name)));
         }
     }
     void TearDown() override { qutils::CAppSettings::setConfigFolder(QString()); }

@@ -5,6 +5,7 @@
 #include "qutils/quorvexapi.h"
 
 #include "logcapture.h"
+#include "testfiles.h"
 #include "testutils.h"
 
 #include <QElapsedTimer>
@@ -173,11 +174,7 @@ TEST_F(ImageModelTest, PlaceholdersFirstThenThumbnailsCellByCell)
 TEST_F(ImageModelTest, TurnedPhotoFitsTheBoxAndStandsUprightAndABrokenOneIsEmpty)
 {
     const QString broken = m_dir.filePath(QStringLiteral("broken.jpg"));
-    {
-        QFile file(broken);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("not a picture at all");
-    }
+    ASSERT_TRUE(testutils::writeFile(broken, "not a picture at all"));
     // Stored landscape, left half red; orientation 6 means it is shown turned
     // a quarter clockwise, so the red half ends up on top.
     const QString path = savePicture(QStringLiteral("turned.jpg"), QSize(80, 40), "JPEG");

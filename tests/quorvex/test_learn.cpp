@@ -19,6 +19,7 @@
 #include "qutils/quorvexapi.h"
 #include "scriptedsteps.h"
 #include "simulatedphotos.h"
+#include "testfiles.h"
 #include "testutils.h"
 
 #include <QCoreApplication>
@@ -59,10 +60,7 @@ protected:
     void touchPhotos(int count)
     {
         for (int i = 0; i < count; ++i)
-        {
-            QFile file(m_photos.filePath(QStringLiteral("p%1.jpg").arg(i, 3, 10, QLatin1Char('0'))));
-            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        }
+            ASSERT_TRUE(testutils::writeFile(m_photos.filePath(QStringLiteral("p%1.jpg").arg(i, 3, 10, QLatin1Char('0')))));
     }
 
     QString shoot(int scene, const QString& name, int width = 1024, int height = 768)
@@ -139,11 +137,7 @@ TEST_F(LearnTest, ReferencePageChecksTheCountAndAsksForTheDestination)
 
     // A copy among them is refused, naming both, before the destination is asked for.
     for (const char* name : {"p000.jpg", "p002.jpg"})
-    {
-        QFile file(m_photos.filePath(QString::fromLatin1(name)));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("the same bytes");
-    }
+        ASSERT_TRUE(testutils::writeFile(m_photos.filePath(QString::fromLatin1(name)), "the same bytes"));
     relist(3);
     shown = clickNext({{QMessageBox::Ok, {}}});
     ASSERT_EQ(shown.size(), 1);
@@ -293,11 +287,7 @@ TEST_F(LearnTest, ARealRunLearnsInOrderAndTheResultPageShowsTheFingerprint)
 TEST_F(LearnTest, ARefusedSecondPhotoIsNamedAndMarked)
 {
     const QString broken = m_photos.filePath(QStringLiteral("b.jpg"));
-    {
-        QFile file(broken);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("this is not a photo");
-    }
+    ASSERT_TRUE(testutils::writeFile(broken, "this is not a photo"));
     struct SCase
     {
         QString second;

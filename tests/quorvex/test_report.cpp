@@ -8,6 +8,7 @@
 
 #include "logcapture.h"
 #include "simulatedphotos.h"
+#include "testfiles.h"
 #include "testutils.h"
 
 #include <QDateTime>
@@ -202,26 +203,17 @@ TEST_F(ReportTest, TaskWritesThumbnailsAndTheDocumentThenConverts)
 {
     // A converter that keeps a copy of what it was given and "writes" the PDF.
     const QString converter = m_dir.filePath(QStringLiteral("convert.sh"));
-    {
-        QFile file(converter);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("#!/bin/sh\n"
-                   "dir=$(dirname \"$0\")\n"
-                   "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$dir/args.txt\"\n"
-                   "eval input=\\${$#}\n"
-                   "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$dir/seen.html\"\n"
-                   "ls \"$(dirname \"$(printf '%s' \"$input\" | sed 's|^file://||')\")\" > \"$dir/folder.txt\"\n"
-                   "echo 50%\necho 100%\nprintf 'pdf' > \"$dir/report.pdf\"\n");
-        file.close();
-        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
+    ASSERT_TRUE(testutils::writeFile(converter, "#!/bin/sh\n"
+                                                "dir=$(dirname \"$0\")\n"
+                                                "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$dir/args.txt\"\n"
+                                                "eval input=\\${$#}\n"
+                                                "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$dir/seen.html\"\n"
+                                                "ls \"$(dirname \"$(printf '%s' \"$input\" | sed 's|^file://||')\")\" > \"$dir/folder.txt\"\n"
+                                                "echo 50%\necho 100%\nprintf 'pdf' > \"$dir/report.pdf\"\n"));
+    QFile::setPermissions(converter, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qutils::CHtmlToPdfTask::setConverterPath(converter);
     m_input.photos.append(QFileInfo(m_withExif)); // listed twice: one thumbnail
-    {
-        QFile fingerprint(m_input.fingerprintPath);
-        ASSERT_TRUE(fingerprint.open(QIODevice::WriteOnly));
-        fingerprint.write("abc");
-    }
+    ASSERT_TRUE(testutils::writeFile(m_input.fingerprintPath, "abc"));
     auto task = qutils::makeTask<CGeneratorTask>(m_input);
     QList<qint64> positions;
     qint64 maximum = 0;

@@ -27,6 +27,8 @@
 #include <QVBoxLayout>
 #include <QXmlStreamReader>
 
+#include "testfiles.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -239,10 +241,7 @@ TEST_F(ResourcesTest, FileDialogUnderTheSheetIsReadable)
 {
     QTemporaryDir folder;
     for (const char* name : {"IMG_0001.JPG", "IMG_0002.JPG", "reference.fnp"})
-    {
-        QFile file(folder.filePath(QString::fromLatin1(name)));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    }
+        ASSERT_TRUE(testutils::writeFile(folder.filePath(QString::fromLatin1(name))));
     QWidget parent;
     parent.setStyleSheet(loadSheet(1.0));
     QFileDialog dialog(&parent, QStringLiteral("Select fingerprint file"), folder.path());
