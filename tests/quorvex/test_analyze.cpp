@@ -20,7 +20,7 @@
 #include "qutils/appsettings.h"
 #include "qutils/htmltopdftask.h"
 #include "scriptedsteps.h"
-#include "simulatedphotos.h"
+#include "simcamera.h"
 #include "testfiles.h"
 #include "testutils.h"
 
@@ -114,9 +114,8 @@ protected:
     QString learnFingerprint()
     {
         QTemporaryDir references;
-        QFileInfoList photos;
-        for (int i = 0; i < 5; ++i)
-            photos << QFileInfo(testutils::shootPhoto(1, 100 + i, references.filePath(QStringLiteral("r%1.jpg").arg(i))));
+        const QFileInfoList photos =
+            testutils::shootSeries(camsim::Camera(testutils::simCamera(1)), 100, 5, references.path());
         const QString path = m_out.filePath(QStringLiteral("unit1.fnp"));
         EXPECT_EQ(CFingerprint::createFingerprint(photos, QFileInfo(path), nullptr), CQuorvexAPI::Success);
         return path;
@@ -425,12 +424,11 @@ TEST_F(AnalyzeTest, CancelQuestionKeepsTheRunOnNoAndStopsItOnYes)
 TEST_F(AnalyzeTest, FullRunSortsAMixedFolder)
 {
     const QString fingerprint = learnFingerprint();
-    for (int i = 0; i < 5; ++i)
-        testutils::shootPhoto(1, 300 + i, m_photos.filePath(QStringLiteral("IMG_A%1.jpg").arg(i)));
-    for (int i = 0; i < 4; ++i)
-        testutils::shootPhoto(2, 400 + i, m_photos.filePath(QStringLiteral("IMG_B%1.jpg").arg(i)));
+    testutils::shootSeries(camsim::Camera(testutils::simCamera(1)), 300, 5, m_photos.path(), QStringLiteral("IMG_A"));
+    testutils::shootSeries(camsim::Camera(testutils::simCamera(2)), 400, 4, m_photos.path(), QStringLiteral("IMG_B"));
     // A larger sensor's photo, not 4:3 (so no resize either): the engine cannot compare it.
-    testutils::shootPhoto(3, 500, m_photos.filePath(QStringLiteral("IMG_C0.jpg")), 1280, 1024);
+    testutils::shootSeries(camsim::Camera(testutils::simCamera(3, 1280, 1024)), 500, 1, m_photos.path(),
+                           QStringLiteral("IMG_C"));
     const QDir folder(qEnvironmentVariableIsSet("QUORVEX_SCREENSHOT_DIR") ? qEnvironmentVariable("QUORVEX_SCREENSHOT_DIR")
                                                                           : m_out.path());
 

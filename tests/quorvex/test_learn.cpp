@@ -18,7 +18,7 @@
 #include "qutils/appsettings.h"
 #include "qutils/quorvexapi.h"
 #include "scriptedsteps.h"
-#include "simulatedphotos.h"
+#include "simcamera.h"
 #include "testfiles.h"
 #include "testutils.h"
 
@@ -65,7 +65,8 @@ protected:
 
     QString shoot(int scene, const QString& name, int width = 1024, int height = 768)
     {
-        return testutils::shootPhoto(11, scene, m_photos.filePath(name), width, height);
+        return testutils::shoot(camsim::Camera(testutils::simCamera(11, width, height)), static_cast<uint64_t>(scene),
+                                m_photos.filePath(name));
     }
 
     QFileInfoList shootSeries(int count, int firstScene, const QString& pattern)

@@ -15,7 +15,7 @@
 #include "qutils/appsettings.h"
 #include "qutils/tasks.h"
 #include "scriptedsteps.h"
-#include "simulatedphotos.h"
+#include "simcamera.h"
 #include "testutils.h"
 
 #include <QCloseEvent>
@@ -254,8 +254,9 @@ TEST_F(MainWindowTest, ScreensRenderWithTheStyleSheet)
 
         // A folder page: simulated photos listed into the gallery, one in the preview.
         QTemporaryDir photos;
+        const camsim::Camera camera(testutils::simCamera(7));
         for (int i = 0; i < 14; ++i)
-            testutils::shootPhoto(7, 100 + i, photos.filePath(QStringLiteral("IMG_%1.jpg").arg(1001 + i)));
+            testutils::shoot(camera, 100 + i, photos.filePath(QStringLiteral("IMG_%1.jpg").arg(1001 + i)));
         auto* page = new QWidget;
         auto* layout = new QVBoxLayout(page);
         auto* chooser = new CChooseImagePathDlg(page);

@@ -7,7 +7,7 @@
 #include "qutils/tasks.h"
 
 #include "logcapture.h"
-#include "simulatedphotos.h"
+#include "simcamera.h"
 #include "testfiles.h"
 #include "testutils.h"
 
@@ -35,7 +35,7 @@ protected:
     {
         m_withExif = m_dir.filePath(QStringLiteral("camera/IMG 1.jpg"));
         QDir().mkpath(QFileInfo(m_withExif).absolutePath());
-        testutils::shootPhoto(5, 9, m_withExif, 640, 480);
+        testutils::shoot(camsim::Camera(testutils::simCamera(5, 640, 480)), 9, m_withExif);
 
         QImage plain(QSize(64, 48), QImage::Format_RGB32);
         plain.fill(Qt::darkCyan);
