@@ -3,10 +3,12 @@
 #include "gallerywidget.h"
 #include "imagemodel.h"
 
-#include "qcontrols/dialogscript.h"
 #include "qutils/appsettings.h"
+#include "scriptedsteps.h"
+#include "testfiles.h"
 #include "testutils.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QDialog>
 #include <QFile>
@@ -16,11 +18,10 @@
 #include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
-#include <QApplication>
-
-#include <atomic>
 
 #include <gtest/gtest.h>
+
+#include <atomic>
 
 #include <sys/stat.h>
 
@@ -46,8 +47,7 @@ protected:
                                     QStringLiteral("notes.txt"), QStringLiteral("sub/d.tif")})
         {
             QDir().mkpath(QFileInfo(m_dir.filePath(name)).absolutePath());
-            QFile file(m_dir.filePath(name));
-            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            ASSERT_TRUE(testutils::writeFile(m_dir.filePath(name)));
         }
     }
     void TearDown() override { qutils::CAppSettings::setConfigFolder(QString()); }
@@ -107,17 +107,13 @@ TEST_F(ChooseImagePathTest, FolderChooserListsTheChosenFolderAndCancelChangesNot
     CChooseImagePathDlg page;
     CGalleryWidget gallery;
     page.setGallery(&gallery);
-    {
-        qcontrols::CScriptedDialogs script({{QDialog::Rejected, QString()}});
-        page.findChild<QPushButton*>(QStringLiteral("btnChooseDir"))->click();
-        EXPECT_TRUE(page.files().isEmpty());
-    }
-    {
-        qcontrols::CScriptedDialogs script({{QDialog::Accepted, m_dir.filePath(QStringLiteral("sub"))}});
-        page.findChild<QPushButton*>(QStringLiteral("btnChooseDir"))->click();
-        ASSERT_EQ(qcontrols::CDialogScript::shown().size(), 1);
-        EXPECT_EQ(qcontrols::CDialogScript::shown().at(0).kind, QStringLiteral("folder"));
-    }
+    QPushButton* choose = page.findChild<QPushButton*>(QStringLiteral("btnChooseDir"));
+    testutils::shownWhile({{QDialog::Rejected, QString()}}, [&] { choose->click(); });
+    EXPECT_TRUE(page.files().isEmpty());
+    const QStringList shown =
+        testutils::shownWhile({{QDialog::Accepted, m_dir.filePath(QStringLiteral("sub"))}}, [&] { choose->click(); });
+    ASSERT_EQ(shown.size(), 1);
+    EXPECT_TRUE(shown[0].startsWith(QStringLiteral("folder|")));
     ASSERT_TRUE(testutils::waitFor([&] { return gallery.imageModel()->rowCount() == 1; }));
     EXPECT_EQ(page.files().first().fileName(), QStringLiteral("d.tif"));
 }

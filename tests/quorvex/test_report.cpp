@@ -2,12 +2,13 @@
 // stand-in converter (the real converter has its own tests).
 #include "generatortask.h"
 
-#include "camsim/camera.h"
 #include "qutils/exception.h"
 #include "qutils/htmltopdftask.h"
 #include "qutils/tasks.h"
 
 #include "logcapture.h"
+#include "simcamera.h"
+#include "testfiles.h"
 #include "testutils.h"
 
 #include <QDateTime>
@@ -32,17 +33,9 @@ class ReportTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        camsim::CameraConfig config;
-        config.width = 640;
-        config.height = 480;
-        config.unitSeed = 5;
-        const camsim::Camera camera(config);
-        camsim::ShotConfig shot;
-        shot.sceneSeed = 9;
-        shot.scene = camsim::SceneKind::Natural;
         m_withExif = m_dir.filePath(QStringLiteral("camera/IMG 1.jpg"));
         QDir().mkpath(QFileInfo(m_withExif).absolutePath());
-        camera.shoot(shot, m_withExif.toStdString());
+        testutils::shoot(camsim::Camera(testutils::simCamera(5, 640, 480)), 9, m_withExif);
 
         QImage plain(QSize(64, 48), QImage::Format_RGB32);
         plain.fill(Qt::darkCyan);
@@ -105,14 +98,11 @@ TEST_F(ReportTest, ThumbnailNamesComeFromTheFullPath)
 
 TEST_F(ReportTest, FilterTexts)
 {
-    const QStringList expected = {QStringLiteral("All photos"),
-                                  QStringLiteral("Fingerprint found with very high probability"),
-                                  QStringLiteral("Fingerprint found with high probability"),
-                                  QStringLiteral("Fingerprint found with medium probability"),
-                                  QStringLiteral("Fingerprint found with low probability"),
-                                  QStringLiteral("Fingerprint not found"),
-                                  QStringLiteral("Non-processed photos"),
-                                  QStringLiteral("Not compared photos")};
+    const QStringList expected = QStringLiteral("All photos|Fingerprint found with very high probability|"
+                                                "Fingerprint found with high probability|Fingerprint found with medium "
+                                                "probability|Fingerprint found with low probability|Fingerprint not "
+                                                "found|Non-processed photos|Not compared photos")
+                                     .split(QLatin1Char('|'));
     for (int type = 0; type < expected.size(); ++type)
         EXPECT_EQ(CGeneratorTask::filterText(type), expected.at(type)) << type;
     testutils::CLogCapture log;
@@ -213,26 +203,17 @@ TEST_F(ReportTest, TaskWritesThumbnailsAndTheDocumentThenConverts)
 {
     // A converter that keeps a copy of what it was given and "writes" the PDF.
     const QString converter = m_dir.filePath(QStringLiteral("convert.sh"));
-    {
-        QFile file(converter);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("#!/bin/sh\n"
-                   "dir=$(dirname \"$0\")\n"
-                   "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$dir/args.txt\"\n"
-                   "eval input=\\${$#}\n"
-                   "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$dir/seen.html\"\n"
-                   "ls \"$(dirname \"$(printf '%s' \"$input\" | sed 's|^file://||')\")\" > \"$dir/folder.txt\"\n"
-                   "echo 50%\necho 100%\nprintf 'pdf' > \"$dir/report.pdf\"\n");
-        file.close();
-        file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
+    ASSERT_TRUE(testutils::writeFile(converter, "#!/bin/sh\n"
+                                                "dir=$(dirname \"$0\")\n"
+                                                "for a in \"$@\"; do printf '%s\\n' \"$a\"; done > \"$dir/args.txt\"\n"
+                                                "eval input=\\${$#}\n"
+                                                "cp \"$(printf '%s' \"$input\" | sed 's|^file://||')\" \"$dir/seen.html\"\n"
+                                                "ls \"$(dirname \"$(printf '%s' \"$input\" | sed 's|^file://||')\")\" > \"$dir/folder.txt\"\n"
+                                                "echo 50%\necho 100%\nprintf 'pdf' > \"$dir/report.pdf\"\n"));
+    QFile::setPermissions(converter, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     qutils::CHtmlToPdfTask::setConverterPath(converter);
     m_input.photos.append(QFileInfo(m_withExif)); // listed twice: one thumbnail
-    {
-        QFile fingerprint(m_input.fingerprintPath);
-        ASSERT_TRUE(fingerprint.open(QIODevice::WriteOnly));
-        fingerprint.write("abc");
-    }
+    ASSERT_TRUE(testutils::writeFile(m_input.fingerprintPath, "abc"));
     auto task = qutils::makeTask<CGeneratorTask>(m_input);
     QList<qint64> positions;
     qint64 maximum = 0;
