@@ -60,9 +60,10 @@ build() {
 }
 
 # The tests whose subject is threads: the analyzer pool, tasks and their runner,
-# the thumbnail thread, logging from many threads, the integration client.
+# the thumbnail thread, logging from many threads, the integration client,
+# identification against a library from many threads.
 tsan_tests=(test_quorvex_analyzer test_qutils_tasks test_qutils_tasks_shutdown test_quorvex_imagemodel
-            test_qutils_logging test_quorvex_integration)
+            test_qutils_logging test_quorvex_integration test_engine_identify)
 
 # The whole suite under AddressSanitizer and UndefinedBehaviorSanitizer (leaks
 # and undefined behaviour fail the test), in a build of its own.
