@@ -275,10 +275,10 @@ protected:
     }
 
     // Arguments split at spaces, each through arg().
-    static QStringList args(const QString& spec)
+    static QStringList args(const QString& line)
     {
         QStringList result;
-        for (const QString& word : spec.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+        for (const QString& word : line.split(QLatin1Char(' '), Qt::SkipEmptyParts))
             result.append(arg(word));
         return result;
     }
