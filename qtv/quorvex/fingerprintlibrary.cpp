@@ -58,12 +58,7 @@ QStringList CFingerprintLibrary::listFiles(const QString& folder, QList<SFile>* 
         {
             if (entry.kind == qutils::platform::EEntryKind::Directory || !isFingerprintName(entry.path))
                 return true;
-            // Special files are never opened: opening a pipe would wait for a writer.
-            const QString reason = entry.kind == qutils::platform::EEntryKind::Regular
-                                       ? refusalReason(entry.path)
-                                   : entry.kind == qutils::platform::EEntryKind::Broken
-                                       ? tr("the file cannot be reached (a broken link, or no permission)")
-                                       : tr("not a regular file (a device, pipe, socket or folder)");
+            const QString reason = entryRefusalReason(entry);
             if (reason.isEmpty())
                 files.append(QFileInfo(QFile::decodeName(entry.path)));
             else if (refused)

@@ -79,6 +79,19 @@ QString displayPath(const QByteArray& path)
     return text;
 }
 
+QString entryRefusalReason(const qutils::platform::SFolderEntry& entry)
+{
+    switch (entry.kind)
+    {
+    case qutils::platform::EEntryKind::Regular:
+        return refusalReason(entry.path);
+    case qutils::platform::EEntryKind::Broken:
+        return tr("the file cannot be reached (a broken link, or no permission)");
+    default:
+        return tr("not a regular file (a device, pipe, socket or folder)");
+    }
+}
+
 QString refusalReason(const QByteArray& path)
 {
     // The engine and the file functions take the name as text and open its
@@ -141,12 +154,7 @@ QFileInfoList listPhotos(const QDir& dir, bool recursive, const std::function<bo
             const QString name = QFile::decodeName(entry.path.mid(entry.path.lastIndexOf('/') + 1));
             if (!isPhotoFileName(name))
                 return true;
-            // Special files are never opened here: opening a pipe would wait for a writer.
-            const QString reason = entry.kind == qutils::platform::EEntryKind::Regular
-                                       ? refusalReason(entry.path)
-                                   : entry.kind == qutils::platform::EEntryKind::Broken
-                                       ? tr("the file cannot be reached (a broken link, or no permission)")
-                                       : tr("not a regular file (a device, pipe, socket or folder)");
+            const QString reason = entryRefusalReason(entry);
             if (!reason.isEmpty())
             {
                 refusedHere.append({displayPath(entry.path), reason});

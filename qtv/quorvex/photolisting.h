@@ -26,6 +26,14 @@ struct SRefusedFile
 // text when it can.
 QString refusalReason(const QByteArray& path);
 
+namespace qutils::platform
+{
+struct SFolderEntry;
+}
+// The same for an entry of a folder walk, whose kind is known without opening
+// it: special files are never opened (opening a pipe would wait for a writer).
+QString entryRefusalReason(const qutils::platform::SFolderEntry& entry);
+
 // The path as text, each byte that is not part of valid UTF-8 written \xNN.
 QString displayPath(const QByteArray& path);
 

@@ -82,12 +82,8 @@ int runAnalyze(const SCommandLine& commandLine)
     // The files that could not be analysed come last, each with its reason.
     for (const SRefusedFile& file : inputs.refused)
     {
-        SPhotoOutcome outcome;
-        outcome.path = file.path;
-        outcome.absolutePath = QFileInfo(file.path).absoluteFilePath();
-        outcome.reason = file.reason;
-        outcomes.append(outcome);
-        handle(outcome);
+        outcomes.append(refusedOutcome(file.path, file.reason));
+        handle(outcomes.last());
     }
 
     results.summary(summaryLines(summarize(outcomes, job.seconds())));

@@ -139,13 +139,7 @@ int runIdentify(const SCommandLine& commandLine)
         job.run();
     // The files that could not be analysed come last, each with its reason.
     for (const SRefusedFile& file : inputs.refused)
-    {
-        SPhotoOutcome outcome;
-        outcome.path = file.path;
-        outcome.absolutePath = QFileInfo(file.path).absoluteFilePath();
-        outcome.reason = file.reason;
-        handle(outcome);
-    }
+        handle(refusedOutcome(file.path, file.reason));
 
     results.summary(identifySummaryLines(photos, job.seconds()));
     int exitCode = results.close();

@@ -3,6 +3,7 @@
 #include "jsonfields.h"
 #include "resultclass.h"
 
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -13,6 +14,15 @@ using qutils::CQuorvexAPI;
 
 namespace cli
 {
+
+SPhotoOutcome refusedOutcome(const QString& path, const QString& reason)
+{
+    SPhotoOutcome outcome;
+    outcome.path = path;
+    outcome.absolutePath = QFileInfo(path).absoluteFilePath();
+    outcome.reason = reason;
+    return outcome;
+}
 
 namespace
 {

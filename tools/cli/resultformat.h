@@ -23,6 +23,10 @@ struct SPhotoOutcome
     QString fingerprint; // the fingerprint file, absolute
 };
 
+// The outcome of a file the run could not analyse at all (it is listed,
+// never dropped).
+SPhotoOutcome refusedOutcome(const QString& path, const QString& reason);
+
 // A JSON string literal, quotes included.
 QString jsonString(const QString& text);
 // Enough digits to tell results apart; null for NaN and infinity, which JSON lacks.
